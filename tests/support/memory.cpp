@@ -1,0 +1,56 @@
+#include "tests/support/memory.h"
+
+#include <sys/resource.h>
+
+#include <cstdlib>
+
+namespace corvo::test {
+
+namespace {
+
+void limitAddressSpace(rlim_t bytes) {
+    struct rlimit limit {};
+    ::getrlimit(RLIMIT_AS, &limit);
+    limit.rlim_cur = bytes == RLIM_INFINITY ? limit.rlim_max : bytes;
+    ::setrlimit(RLIMIT_AS, &limit);
+}
+
+// The stack may not grow any more either.
+void touchStack() {
+    volatile char stack[256 * 1024];
+    for (std::size_t i = 0; i < sizeof stack; i += 1024)
+        stack[i] = 0;
+}
+
+// Nothing is given back. Volatile, or the compiler leaves the allocations out.
+void takeAll(std::size_t size) {
+    void* volatile taken = nullptr;
+    do
+        taken = std::malloc(size);
+    while (taken != nullptr);
+}
+
+}  // namespace
+
+bool canExhaustMemory() {
+#ifdef __SANITIZE_ADDRESS__
+    return false;
+#else
+    return true;
+#endif
+}
+
+void exhaustMemory(std::size_t left) {
+    void* volatile block = left > 0 ? std::malloc(left) : nullptr;
+    std::atexit([] { limitAddressSpace(RLIM_INFINITY); });
+    touchStack();
+    limitAddressSpace(0);
+    for (std::size_t size = 1 << 20; size > 2048; size /= 2)
+        takeAll(size);
+    // The allocator keeps small blocks apart by size.
+    for (std::size_t size = 2048; size > 0; size -= 8)
+        takeAll(size);
+    std::free(block);
+}
+
+}  // namespace corvo::test

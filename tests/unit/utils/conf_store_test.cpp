@@ -1,0 +1,371 @@
+#include "utils/conf_store.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "tests/support/capture.h"
+#include "tests/support/files.h"
+#include "tests/support/memory.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "utils/log.h"
+
+namespace corvo::test {
+namespace {
+
+struct StoreFreer {
+    void operator()(conf_store* store) const { conf_free_r(store); }
+};
+using Store = std::unique_ptr<conf_store, StoreFreer>;
+
+Store newStore() {
+    return Store(static_cast<conf_store*>(std::calloc(1, sizeof(conf_store))));
+}
+
+/// "NAME=value" pairs in the order of the store, joined by blanks.
+std::string pairsOf(const Store& store) {
+    std::string pairs;
+    for (std::size_t i = 0; i < store->count; ++i)
+        pairs += (i > 0 ? " " : "") + std::string(store->entries[i].name) + "=" +
+                 store->entries[i].value;
+    return pairs;
+}
+
+std::string numbered(std::size_t i) {
+    return "NAME" + std::to_string(i);
+}
+
+void fill(const Store& store, std::size_t pairs) {
+    for (std::size_t i = 0; i < pairs; ++i)
+        ASSERT_EQ(conf_set_r(numbered(i).c_str(), std::to_string(i).c_str(), store.get()), 0);
+}
+
+TEST(ConfStore, StartsWithTwentySortedEmptySlots) {
+    const Store store = newStore();
+    EXPECT_EQ(conf_init_r(store.get()), 0);
+    EXPECT_EQ(store->capacity, 20U);
+    EXPECT_EQ(store->count, 0U);
+    EXPECT_TRUE(store->sorted);
+    for (std::size_t i = 0; i < store->capacity; ++i)
+        EXPECT_EQ(store->entries[i].name, nullptr);
+}
+
+TEST(ConfStore, DoublesItsCapacityWhenEverySlotIsUsed) {
+    const Store store = newStore();
+    fill(store, 19);
+    EXPECT_EQ(conf_init_r(store.get()), 0);
+    EXPECT_EQ(store->capacity, 20U);
+    fill(store, 20);
+    EXPECT_EQ(store->capacity, 20U);
+    EXPECT_EQ(conf_init_r(store.get()), 0);
+    EXPECT_EQ(store->capacity, 40U);
+    fill(store, 41);
+    EXPECT_EQ(store->capacity, 80U);
+    EXPECT_EQ(store->count, 41U);
+}
+
+TEST(ConfStore, KeepsTheOrderOfAdditionUntilItIsSorted) {
+    const Store store = newStore();
+    conf_set_r("B", "1", store.get());
+    conf_set_r("a", "2", store.get());
+    conf_set_r("A", "3", store.get());
+    EXPECT_FALSE(store->sorted);
+    EXPECT_EQ(pairsOf(store), "B=1 a=2 A=3");
+
+    conf_finalize_r(store.get());
+
+    EXPECT_TRUE(store->sorted);
+    EXPECT_EQ(pairsOf(store), "A=3 B=1 a=2");
+}
+
+TEST(ConfStore, TakesALaterValueForAKnownName) {
+    const Store store = newStore();
+    conf_set_r("B", "1", store.get());
+    conf_set_r("A", "2", store.get());
+    conf_finalize_r(store.get());
+
+    EXPECT_EQ(conf_set_r("B", "3", store.get()), 0);
+
+    EXPECT_EQ(pairsOf(store), "A=2 B=3");
+    EXPECT_TRUE(store->sorted);
+}
+
+TEST(ConfStore, IsUnsortedAgainAfterANewName) {
+    const Store store = newStore();
+    conf_finalize_r(store.get());
+    conf_set_r("A", "1", store.get());
+    EXPECT_FALSE(store->sorted);
+}
+
+TEST(ConfStore, CopiesItsStrings) {
+    const Store store = newStore();
+    std::string name = "NAME";
+    std::string value = "value";
+    conf_set_r(name.c_str(), value.c_str(), store.get());
+    name = value = "????";
+    EXPECT_STREQ(conf_get_r("NAME", store.get()), "value");
+}
+
+TEST(ConfStore, FindsEveryNameSortedAndUnsorted) {
+    const Store store = newStore();
+    fill(store, 50);
+    for (const bool sorted : {false, true}) {
+        EXPECT_EQ(store->sorted, sorted);
+        for (std::size_t i = 0; i < 50; ++i)
+            EXPECT_STREQ(conf_get_r(numbered(i).c_str(), store.get()), std::to_string(i).c_str());
+        for (const char* missing : {"", "NAME", "NAME50", "name1", "ZZZ"})
+            EXPECT_EQ(conf_get_r(missing, store.get()), nullptr) << missing;
+        conf_finalize_r(store.get());
+    }
+}
+
+TEST(ConfStore, FindsNothingWhenItIsEmpty) {
+    const Store store = newStore();
+    EXPECT_EQ(conf_get_r("NAME", store.get()), nullptr);
+    conf_finalize_r(store.get());
+    EXPECT_EQ(conf_get_r("NAME", store.get()), nullptr);
+}
+
+TEST(ConfStore, FreesNothingForNull) {
+    errno = ENOENT;
+    conf_free_r(nullptr);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+/// Collects what is logged: the stream writers never print these priorities.
+class ConfFile : public SandboxTest {
+protected:
+    ConfFile() {
+        logged.clear();
+        corvo_log = record;
+    }
+    void TearDown() override { corvo_log = _corvo_utility_log; }
+
+    int read(const std::string& contents) {
+        writeFile(PATH, contents);
+        return conf_read_file_r(PATH, store.get());
+    }
+
+    static constexpr const char* PATH = "/etc/vhc/test.conf";
+    static inline std::string logged;  // "<priority>text|" for each message
+    Store store = newStore();
+
+private:
+    __attribute__((format(printf, 2, 3))) static void record(int priority, const char* format,
+                                                             ...) {
+        char text[1024];
+        va_list arguments;
+        va_start(arguments, format);
+        std::vsnprintf(text, sizeof text, format, arguments);
+        va_end(arguments);
+        logged += "<" + std::to_string(priority) + ">" + text + "|";
+    }
+};
+
+TEST_F(ConfFile, GivesValuesWithoutBlanksAroundAndComments) {
+    const struct {
+        const char* line;
+        const char* value;
+    } cases[] = {
+        {"NAME  /srv/mail   # comment\n", "/srv/mail"},
+        {"NAME value", "value"},
+        {"\t NAME\tvalue\r\n", "value"},
+        {"NAME  a  b\tc \n", "a  b\tc"},
+        {"NAME \"quoted\"\n", "\"quoted\""},
+        {"NAME value#comment\n", "value"},
+        {"NAME =value\n", "=value"},
+        {"# comment\n\n  \n  # comment\nNAME value\n", "value"},
+        {"NAME first\nNAME second\n", "second"},
+    };
+    for (const auto& [line, value] : cases) {
+        EXPECT_EQ(read(line), 0) << line;
+        EXPECT_STREQ(conf_get_r("NAME", store.get()), value) << line;
+        EXPECT_EQ(store->count, 1U);
+    }
+    EXPECT_EQ(logged, "");
+}
+
+TEST_F(ConfFile, KnowsNamesOfLettersDigitsAndUnderscores) {
+    EXPECT_EQ(read("_a1 1\n9Z_ 2\nX 3"), 0);
+    EXPECT_EQ(pairsOf(store), "9Z_=2 X=3 _a1=1");
+    EXPECT_TRUE(store->sorted);
+}
+
+TEST_F(ConfFile, SkipsAndReportsLinesThatAreNoDefinition) {
+    const std::string space = "\nExpected a space after variable name\n|";
+    const std::string value = "\nExpected a value|";
+    const struct {
+        const char* line;
+        std::string message;
+    } cases[] = {
+        {"NAME=/srv/mail\n", "NAME=/srv/mail" + space},
+        {"  NAME-X value\n", "NAME-X value" + space},
+        {"NAME#comment\n", "NAME#comment" + space},
+        {"=value\n", "=value" + space},
+        {"\xc3\xa9 value\n", "\xc3\xa9 value" + space},
+        {"NAME\n", "NAME" + value},
+        {"NAME", "NAME" + value},
+        {"NAME  \t\r\n", "NAME" + value},
+        {"NAME # c\n", "NAME # c" + value},
+    };
+    for (const auto& [line, message] : cases) {
+        logged.clear();
+        EXPECT_EQ(read(std::string("FIRST 1\n") + line), 0) << line;
+        EXPECT_EQ(logged, "<12>Invalid variable definition " + message);
+        EXPECT_EQ(pairsOf(store), "FIRST=1");
+    }
+}
+
+TEST_F(ConfFile, GoesOnAfterALineThatIsNoDefinition) {
+    EXPECT_EQ(read("A 1\n=\nB 2\n"), 0);
+    EXPECT_EQ(pairsOf(store), "A=1 B=2");
+    EXPECT_EQ(logged, "<12>Invalid variable definition =\nExpected a space after variable name\n|");
+}
+
+TEST_F(ConfFile, ReadsLinesOfAnyLength) {
+    const std::string value(100000, 'x');
+    EXPECT_EQ(read("NAME " + value + "\nB 2"), 0);
+    EXPECT_EQ(conf_get_r("NAME", store.get()), value);
+    EXPECT_STREQ(conf_get_r("B", store.get()), "2");
+}
+
+TEST_F(ConfFile, ReadsManyLinesIntoAGrowingSortedStore) {
+    std::string contents;
+    for (int i = 99; i >= 0; --i)
+        contents += "N" + std::to_string(i) + " " + std::to_string(i) + "\n";
+    EXPECT_EQ(read(contents), 0);
+    EXPECT_EQ(store->count, 100U);
+    EXPECT_EQ(store->capacity, 160U);
+    EXPECT_STREQ(store->entries[0].name, "N0");
+    EXPECT_STREQ(store->entries[99].name, "N99");
+    EXPECT_STREQ(conf_get_r("N42", store.get()), "42");
+}
+
+TEST_F(ConfFile, ReadsAnEmptyFile) {
+    EXPECT_EQ(read(""), 0);
+    EXPECT_EQ(store->count, 0U);
+    EXPECT_EQ(logged, "");
+}
+
+TEST_F(ConfFile, AddsToAStoreThatHasPairs) {
+    conf_set_r("B", "old", store.get());
+    conf_set_r("C", "3", store.get());
+    EXPECT_EQ(read("B 2\nA 1\n"), 0);
+    EXPECT_EQ(pairsOf(store), "A=1 B=2 C=3");
+}
+
+TEST_F(ConfFile, ReportsAMissingFile) {
+    EXPECT_EQ(conf_read_file_r(PATH, store.get()), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(logged,
+              "<12>unable to open configuration file /etc/vhc/test.conf: No such file or "
+              "directory\n|");
+}
+
+TEST_F(ConfFile, ReportsAFileThatCannotBeRead) {
+    EXPECT_EQ(conf_read_file_r("/etc/vhc", store.get()), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(logged, "<12>Unable to read configuration file: Is a directory|");
+}
+
+TEST_F(ConfFile, PrintsNoMessagesOnTheStreams) {
+    const StreamCapture streams;  // fails the test for any output
+    corvo_log = _corvo_utility_log;
+    EXPECT_EQ(read("NAME\n=\n"), 0);
+    EXPECT_EQ(conf_read_file_r("/nonexistent", store.get()), -1);
+}
+
+__attribute__((format(printf, 2, 3))) void printLog(int priority, const char* format, ...) {
+    (void)std::fprintf(stderr, "<%d>", priority);
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vfprintf(stderr, format, arguments);
+    va_end(arguments);
+}
+
+/// Runs `body` in a child whose logged messages come on standard error; it tells by its result that
+/// all was as expected.
+template <typename Body>
+ProcessResult runLogging(Body body) {
+    return runForked([&] {
+        corvo_log = printLog;
+        if (!body())
+            _exit(1);
+    });
+}
+
+class ConfStoreWithoutMemory : public SandboxTest {
+protected:
+    void SetUp() override {
+        if (!canExhaustMemory())
+            GTEST_SKIP() << "the sanitizer's allocator never returns null";
+    }
+
+    Store store = newStore();
+};
+
+TEST_F(ConfStoreWithoutMemory, CannotBePrepared) {
+    const ProcessResult result = runLogging([&] {
+        exhaustMemory();
+        return conf_read_file_r("/etc/vhc/test.conf", store.get()) == -1 && errno == ENOMEM;
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "<12>Unable to read configuration: Cannot allocate memory");
+}
+
+TEST_F(ConfStoreWithoutMemory, CannotGrowButKeepsItsPairs) {
+    const std::string name(2000, 'n');
+    const ProcessResult result = runLogging([&] {
+        fill(store, 20);
+        const std::string before = pairsOf(store);
+        exhaustMemory(4096);  // for the two copies, not for 40 slots beside them
+        return conf_set_r(name.c_str(), name.c_str(), store.get()) == -1 && errno == ENOMEM &&
+               store->capacity == 20 && store->count == 20 &&
+               std::string_view(conf_get_r("NAME19", store.get())) == "19";
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "<12>Unable to read configuration: Cannot allocate memory");
+}
+
+TEST_F(ConfStoreWithoutMemory, CannotCopyStrings) {
+    const ProcessResult result = runLogging([&] {
+        conf_init_r(store.get());
+        exhaustMemory();
+        return conf_set_r("A", "1", store.get()) == -1 && errno == ENOMEM && store->count == 0;
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "<12>Unable to form configuration: Cannot allocate memory");
+}
+
+TEST_F(ConfStoreWithoutMemory, FailsToReadAPairThatCannotBeCopied) {
+    writeFile("/etc/vhc/test.conf", "NAME " + std::string(20000, 'x') + "\n");
+    const ProcessResult result = runLogging([&] {
+        conf_init_r(store.get());
+        exhaustMemory(40000);  // for the stream and one long line, not for its copy
+        return conf_read_file_r("/etc/vhc/test.conf", store.get()) == -1 && errno == ENOMEM &&
+               store->count == 0;
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "<12>Unable to form configuration: Cannot allocate memory");
+}
+
+TEST_F(ConfStoreWithoutMemory, FailsToReadALineThatIsTooLongForIt) {
+    writeFile("/etc/vhc/test.conf", "NAME " + std::string(100000, 'x') + "\n");
+    const ProcessResult result = runLogging([&] {
+        conf_init_r(store.get());
+        exhaustMemory(40000);
+        return conf_read_file_r("/etc/vhc/test.conf", store.get()) == -1 && errno == ENOMEM;
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "<12>Unable to read configuration file: Cannot allocate memory");
+}
+
+}  // namespace
+}  // namespace corvo::test

@@ -1,0 +1,256 @@
+#include "utils/files.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "tests/support/capabilities.h"
+#include "tests/support/capture.h"
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "utils/guards.h"
+
+using namespace corvo::test;
+
+namespace {
+
+const std::string PATH = MAILNAMES + "/file";
+
+class FilesTest : public SandboxTest {
+protected:
+    std::string message() {
+        std::string text = capture_.err();
+        EXPECT_EQ(capture_.out(), text);
+        return text;
+    }
+
+private:
+    StreamCapture capture_;
+};
+
+}  // namespace
+
+TEST_F(FilesTest, PermissionsAreSet) {
+    writeFile(PATH, "");
+    EXPECT_EQ(file_set_perms_internal(PATH.c_str(), 5, 6, 0640), 0);
+    EXPECT_EQ(ownerOf(PATH), "5:6");
+    EXPECT_EQ(modeOf(PATH), "0640");
+    EXPECT_EQ(file_set_perms(PATH.c_str(), 7, 8, 04755), 0);
+    EXPECT_EQ(ownerOf(PATH), "7:8");
+    EXPECT_EQ(modeOf(PATH), "4755");
+}
+
+TEST_F(FilesTest, PermissionsOfAMissingFileAreAFailureInternallyOnly) {
+    EXPECT_EQ(file_set_perms_internal(PATH.c_str(), 5, 6, 0640), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(message(), "ERROR: unable to chown " + PATH + ": No such file or directory\n\n");
+    EXPECT_EQ(file_set_perms(PATH.c_str(), 5, 6, 0640), 0);
+    EXPECT_EQ(file_set_perms((PATH + "/below").c_str(), 5, 6, 0640), 0);
+    makeLink("/nowhere", PATH, POPUSER_UID);
+    EXPECT_EQ(file_set_perms((PATH + "x").c_str(), 5, 6, 0640), 0);
+}
+
+TEST_F(FilesTest, SettingPermissionsClearsErrnoFirst) {
+    writeFile(PATH, "");
+    errno = EIO;
+    EXPECT_EQ(file_set_perms(PATH.c_str(), 5, 6, 0640), 0);
+    EXPECT_EQ(errno, 0);
+}
+
+TEST_F(FilesTest, RefusedPathsAreFailedChowns) {
+    writeFile("/var/qmail/secret", "", 0, 0, 0600);
+    std::filesystem::create_hard_link("/var/qmail/secret", MAILNAMES + "/hard");
+    makeLink("/var/qmail/secret", MAILNAMES + "/link", POPUSER_UID);
+    ASSERT_EQ(::mkfifo((MAILNAMES + "/fifo").c_str(), 0600), 0);
+    const struct {
+        const char* name;
+        int error;
+    } cases[] = {{"/hard", EPERM}, {"/link", ELOOP}, {"/fifo", EINVAL}};
+    for (const auto& [name, error] : cases) {
+        const std::string path = MAILNAMES + name;
+        EXPECT_EQ(file_set_perms(path.c_str(), 5, 6, 0666), -1) << name;
+        EXPECT_EQ(errno, error) << name;
+        EXPECT_EQ(message(),
+                  "ERROR: unable to chown " + path + ": " + std::strerror(error) + "\n\n");
+    }
+    EXPECT_EQ(ownerOf("/var/qmail/secret"), "0:0");
+    EXPECT_EQ(modeOf("/var/qmail/secret"), "0600");
+}
+
+TEST_F(FilesTest, ChownAndChmodThatFailAreToldApart) {
+    writeFile(PATH, "", POPUSER_UID, POPUSER_GID, 0600);
+    {
+        const WithoutCapabilities limit({CAP_CHOWN});
+        EXPECT_EQ(file_set_perms(PATH.c_str(), 0, 0, 0644), -1);
+        EXPECT_EQ(errno, EPERM);
+    }
+    EXPECT_EQ(message(), "ERROR: unable to chown " + PATH + ": Operation not permitted\n\n");
+    {
+        const WithoutCapabilities limit({CAP_FOWNER});
+        EXPECT_EQ(file_set_perms_internal(PATH.c_str(), POPUSER_UID, POPUSER_GID, 0644), -1);
+        EXPECT_EQ(errno, EPERM);
+    }
+    EXPECT_EQ(message(), "ERROR: unable to chmod " + PATH + ": Operation not permitted\n\n");
+    EXPECT_EQ(modeOf(PATH), "0600");
+}
+
+TEST_F(FilesTest, UserModeUsesUidAndPrimaryGid) {
+    writeFile(PATH, "");
+    EXPECT_EQ(file_set_user_mode(PATH.c_str(), "popuser", 0600), 0);
+    EXPECT_EQ(ownerOf(PATH), popuser());
+    EXPECT_EQ(modeOf(PATH), "0600");
+    EXPECT_EQ(file_set_user_mode((PATH + "x").c_str(), "popuser", 0600), 0);
+}
+
+TEST_F(FilesTest, UserModeOfNobodyFails) {
+    writeFile(PATH, "");
+    EXPECT_EQ(file_set_user_mode(PATH.c_str(), "nobodyatall", 0666), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(message(), "user nobodyatall not found\n");
+    EXPECT_EQ(modeOf(PATH), "0644");
+}
+
+TEST_F(FilesTest, EmptyFileIsCreatedOrTruncated) {
+    ::umask(0);
+    EXPECT_EQ(create_empty_file(PATH.c_str()), 0);
+    EXPECT_EQ(modeOf(PATH), "0644");
+    writeFile(PATH, "contents", POPUSER_UID, POPUSER_GID, 0600);
+    EXPECT_EQ(create_empty_file(PATH.c_str()), 0);
+    EXPECT_EQ(contentsOf(PATH), "");
+    EXPECT_EQ(ownerOf(PATH), popuser());
+    EXPECT_EQ(modeOf(PATH), "0600");
+}
+
+TEST_F(FilesTest, FileIsCreatedOrLeft) {
+    ::umask(0);
+    EXPECT_EQ(create_file(PATH.c_str()), 0);
+    EXPECT_EQ(modeOf(PATH), "0644");
+    writeFile(PATH, "contents");
+    EXPECT_EQ(create_file(PATH.c_str()), 0);
+    EXPECT_EQ(contentsOf(PATH), "contents");
+}
+
+TEST_F(FilesTest, CreationThatFailsIsReported) {
+    const std::string path = MAILNAMES + "/missing/file";
+    EXPECT_EQ(create_empty_file(path.c_str()), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(message(),
+              "Unable to truncate or create file " + path + ": No such file or directory\n");
+    EXPECT_EQ(create_file(path.c_str()), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(message(), "Unable to create file " + path +
+                             ": No such file or directory\n"
+                             "System error 2: No such file or directory\n");
+}
+
+TEST_F(FilesTest, CloseOfAStreamIsReportedWhenItFails) {
+    EXPECT_EQ(p_fclose(std::fopen("/dev/null", "we")), 0);
+    std::FILE* const full = std::fopen("/dev/full", "we");
+    (void)std::fputs("text", full);
+    EXPECT_EQ(p_fclose(full), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(message(),
+              "Unable to close the file: No space left on device\n"
+              "\nSystem error 28: No space left on device\n");
+}
+
+TEST_F(FilesTest, FirstLineIsRead) {
+    const struct {
+        const char* contents;
+        const char* line;
+    } cases[] = {{"abc\n", "abc"}, {"abc", "abc"},     {"abcdefg\n", "abcdefg"},
+                 {"\n", ""},       {"ab\ncd\n", "ab"}, {"abcdefg", "abcdefg"}};
+    for (const auto& [contents, line] : cases) {
+        writeFile(PATH, contents);
+        char buffer[8];
+        EXPECT_EQ(get_string_from_file(PATH.c_str(), buffer, sizeof buffer), 0) << contents;
+        EXPECT_STREQ(buffer, line);
+    }
+}
+
+TEST_F(FilesTest, FirstLineThatDoesNotFitFails) {
+    for (const char* contents : {"abcdefgh\n", "abcdefgh"}) {
+        writeFile(PATH, contents);
+        char buffer[8];
+        EXPECT_EQ(get_string_from_file(PATH.c_str(), buffer, sizeof buffer), -1);
+        EXPECT_EQ(errno, ERANGE);
+        EXPECT_EQ(message(),
+                  "The buffer too short\n\nSystem error 34: Numerical result out of range\n");
+    }
+}
+
+TEST_F(FilesTest, FirstLineOfAnEmptyFileFails) {
+    writeFile(PATH, "");
+    char buffer[8];
+    EXPECT_EQ(get_string_from_file(PATH.c_str(), buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, ENODATA);
+    EXPECT_EQ(message(),
+              "Unable to read line from file: No data available\n"
+              "\nSystem error 61: No data available\n");
+}
+
+TEST_F(FilesTest, FirstLineThatCannotBeReadFails) {
+    char buffer[8];
+    EXPECT_EQ(get_string_from_file("/proc/self/mem", buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(message(),
+              "Unable to read line from file: Input/output error\n"
+              "\nSystem error 5: Input/output error\n");
+}
+
+TEST_F(FilesTest, FirstLineOfNoFileFails) {
+    char buffer[8];
+    EXPECT_EQ(get_string_from_file(PATH.c_str(), buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(message(), "Unable to open file " + PATH +
+                             ": No such file or directory\n"
+                             "\nSystem error 2: No such file or directory\n");
+}
+
+TEST_F(FilesTest, FileTypesHaveNames) {
+    EXPECT_STREQ(filetype_to_string(S_IFREG | 0644), "regular file");
+    EXPECT_STREQ(filetype_to_string(S_IFDIR | 0755), "directory");
+    EXPECT_STREQ(filetype_to_string(S_IFLNK | 0777), "symbolic link");
+    EXPECT_STREQ(filetype_to_string(S_IFBLK), "block device");
+    EXPECT_STREQ(filetype_to_string(S_IFCHR), "character device");
+    EXPECT_STREQ(filetype_to_string(S_IFIFO), "fifo");
+    EXPECT_STREQ(filetype_to_string(S_IFSOCK), "socket");
+    EXPECT_STREQ(filetype_to_string(0644), "unknown");
+}
+
+TEST_F(FilesTest, FormattedStringIsAllocated) {
+    const corvo::UniqueCString text(asprintf_safe("%s-%d", "text", 42));
+    EXPECT_STREQ(text.get(), "text-42");
+}
+
+TEST_F(FilesTest, FormattingThatFailsEndsTheProcess) {
+    const ProcessResult result = runForked([] {
+        const wchar_t impossible[] = {0x7fffffff, 0};
+        const corvo::UniqueCString text(asprintf_safe("%ls", impossible));
+    });
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "Cannot allocate memory: Invalid or incomplete multibyte or wide character\n"
+              "System error 84: Invalid or incomplete multibyte or wide character\n");
+    EXPECT_EQ(result.out, result.err);
+}
+
+TEST_F(FilesTest, NoDescriptorStaysBehind) {
+    writeFile(PATH, "a line that is too long\n");
+    const int before = openDescriptors();
+    char buffer[8];
+    (void)create_empty_file((PATH + "1").c_str());
+    (void)create_file(PATH.c_str());
+    (void)file_set_perms(PATH.c_str(), 1, 2, 0600);
+    (void)get_string_from_file(PATH.c_str(), buffer, sizeof buffer);
+    (void)message();
+    EXPECT_EQ(openDescriptors(), before);
+}

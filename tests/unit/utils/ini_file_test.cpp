@@ -1,0 +1,159 @@
+#include "utils/ini_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "tests/support/capture.h"
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "utils/guards.h"
+
+namespace corvo::test {
+namespace {
+
+constexpr const char* PATH = "/etc/vhc/test.ini";
+
+class IniFile : public SandboxTest {
+protected:
+    static std::optional<std::string> value(const char* section, const char* key) {
+        const UniqueCString text(get_ini_conf_var(PATH, section, key));
+        return text != nullptr ? std::optional<std::string>(text.get()) : std::nullopt;
+    }
+
+    /// Fails the test for any output.
+    StreamCapture streams;
+};
+
+TEST_F(IniFile, GivesTheTrimmedValueOfAKeyInASection) {
+    const struct {
+        const char* contents;
+        const char* value;
+    } cases[] = {
+        {"[panel]\nkey = value\n", "value"},
+        {"[panel]\nkey=value", "value"},
+        {"[panel]\r\n  key\t=\tvalue  \r\n", "value"},
+        {"[panel]\nkey = a b ; comment\n", "a b"},
+        {"[panel]\nkey = a;b\n", "a"},
+        {"[panel]\nkey = a=b\n", "a=b"},
+        {"[panel]\nkey = # value\n", "# value"},
+        {"[panel]\nkey = [panel]\n", "[panel]"},
+        {"[panel]\nkey =\nkey = second\n", ""},
+        {"[panel]\nkey = ; nothing\n", ""},
+        {"[panel]\nkey = first\nkey = second\n", "first"},
+        {"[panel]\n\n; comment\nno assignment\n[]\nkey = value\n", "value"},
+        {"[other]\nkey = other\n  [panel] ; comment\nkey = value\n", "value"},
+        {"[panel]\nx = 1\n[other]\nkey = other\n[panel]\nkey = value\n", "value"},
+    };
+    for (const auto& [contents, expected] : cases) {
+        writeFile(PATH, contents);
+        EXPECT_EQ(value("panel", "key"), expected) << contents;
+    }
+}
+
+TEST_F(IniFile, GivesNothingWhereTheKeyIsNotInTheSection) {
+    for (const char* contents : {
+             "",
+             "key = before any header\n",
+             "[other]\nkey = other\n",
+             "[ panel ]\nkey = blanks count\n",
+             "[Panel]\nkey = case counts\n",
+             "[panel\nkey = no header\n",
+             "panel]\nkey = no header\n",
+             "[panel]x\nkey = no header\n",
+             "[panel]\nKey = case counts\n",
+             "[panel]\nkey2 = other\n",
+             "[panel]\nkey\n",
+             "[panel]\n;key = comment\n",
+             "[panel]\n[other]\nkey = other\n",
+         }) {
+        writeFile(PATH, contents);
+        EXPECT_EQ(value("panel", "key"), std::nullopt) << contents;
+    }
+}
+
+TEST_F(IniFile, KnowsSectionsOfASingleCharacterAndNoneWithoutAName) {
+    writeFile(PATH, "[]\nkey = nameless\n[x]\nkey = value\n");
+    EXPECT_EQ(value("x", "key"), "value");
+    EXPECT_EQ(value("", "key"), std::nullopt);
+}
+
+TEST_F(IniFile, TakesAHeaderWithAnEqualsSignForAHeader) {
+    writeFile(PATH, "[a=b]\nkey = value\n");
+    EXPECT_EQ(value("a=b", "key"), "value");
+}
+
+TEST_F(IniFile, ReadsLinesOfAnyLength) {
+    const std::string longValue(100000, 'x');
+    writeFile(PATH, "[s]\nlong = " + longValue + "\n" + longValue + "\nkey = value");
+    EXPECT_EQ(value("s", "long"), longValue);
+    EXPECT_EQ(value("s", "key"), "value");
+}
+
+TEST_F(IniFile, IsSilentAboutAMissingFile) {
+    errno = EACCES;
+    EXPECT_EQ(value("s", "key"), std::nullopt);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(IniFile, IsSilentAboutWhatIsNoRegularFile) {
+    makeDirectory(PATH);
+    errno = EACCES;
+    EXPECT_EQ(value("s", "key"), std::nullopt);
+    EXPECT_EQ(errno, 0);
+}
+
+TEST_F(IniFile, ClearsErrno) {
+    writeFile(PATH, "[s]\nkey = value\n");
+    errno = EACCES;
+    EXPECT_EQ(value("s", "key"), "value");
+    EXPECT_EQ(errno, 0);
+}
+
+TEST_F(IniFile, TellsStandardErrorAloneThatItCannotBeOpened) {
+    writeFile(PATH, "[s]\nkey = value\n");
+    const ProcessResult result = runForked([] {
+        struct rlimit before {};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const struct rlimit noFiles { 0, before.rlim_max };
+        setrlimit(RLIMIT_NOFILE, &noFiles);
+        const bool failed = get_ini_conf_var(PATH, "s", "key") == nullptr && errno == EMFILE;
+        setrlimit(RLIMIT_NOFILE, &before);
+        if (!failed)
+            _exit(1);
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "Failed to open /etc/vhc/test.ini: Too many open files");
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(IniFile, GivesSwitches) {
+    const struct {
+        const char* text;
+        int result;
+    } cases[] = {
+        {"on", 1}, {"ON", 1},   {"true", 1}, {"True", 1},  {"yes", 1},     {"yEs", 1},
+        {"1", 1},  {" on ", 1}, {"off", 0},  {"false", 0}, {"no", 0},      {"0", 0},
+        {"01", 0}, {"11", 0},   {"y", 0},    {"t", 0},     {"enabled", 0},
+    };
+    for (const auto& [text, result] : cases) {
+        writeFile(PATH, std::string("[s]\nkey = ") + text + "\n");
+        EXPECT_EQ(get_ini_conf_var_bool(PATH, "s", "key", 7), result) << text;
+    }
+}
+
+TEST_F(IniFile, GivesTheFallbackForASwitchThatIsMissingOrEmpty) {
+    writeFile(PATH, "[s]\nkey =\n");
+    EXPECT_EQ(get_ini_conf_var_bool(PATH, "s", "key", 7), 7);
+    EXPECT_EQ(get_ini_conf_var_bool(PATH, "s", "other", 7), 7);
+    EXPECT_EQ(get_ini_conf_var_bool("/nonexistent", "s", "key", 0), 0);
+}
+
+}  // namespace
+}  // namespace corvo::test

@@ -1,0 +1,177 @@
+#include "utils/messlog.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <string>
+
+#include "tests/support/capture.h"
+#include "tests/support/memory.h"
+#include "tests/support/process.h"
+
+namespace corvo::test {
+namespace {
+
+__attribute__((format(printf, 2, 3))) int logThroughList(int status, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = vmesslog2(status, 0, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+class MessageLog : public ::testing::Test {
+protected:
+    MessageLog() { errno = 0; }
+    void TearDown() override { PROGNAME = nullptr; }
+
+    void expectOnBoth(const std::string& text) {
+        EXPECT_EQ(streams.err(), text);
+        EXPECT_EQ(streams.out(), text);
+    }
+
+    StreamCapture streams;
+};
+
+TEST_F(MessageLog, WritesALineToBothStreams) {
+    EXPECT_EQ(ex_messlog("no box", 0, 0), 0);
+    expectOnBoth("no box\n");
+}
+
+TEST_F(MessageLog, DoesNotDoubleANewline) {
+    ex_messlog("no box\n", 0, 0);
+    expectOnBoth("no box\n");
+}
+
+TEST_F(MessageLog, EndsAnEmptyTextWithANewline) {
+    ex_messlog("", 0, 0);
+    expectOnBoth("\n");
+}
+
+TEST_F(MessageLog, OpensWithTheBaseNameOfTheProgram) {
+    for (const char* path : {"/usr/sbin/courier", "./courier", "courier"}) {
+        std::string name = path;
+        PROGNAME = name.data();
+        ex_messlog("no box", 0, 0);
+        expectOnBoth("courier: no box\n");
+    }
+}
+
+TEST_F(MessageLog, DoesNotUseItsFlag) {
+    EXPECT_EQ(ex_messlog("no box", 0, 1), 0);
+    expectOnBoth("no box\n");
+}
+
+TEST_F(MessageLog, EndsTheProcessWithItsStatus) {
+    const ProcessResult result = runForked([] { ex_messlog("the end", 3, 0); });
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.err, "the end\n");
+    EXPECT_EQ(result.out, "the end\n");
+}
+
+TEST_F(MessageLog, AddsTheTextOfErrnoOnALineOfItsOwn) {
+    errno = 2;
+    EXPECT_EQ(messlog2(0, 0, "cannot open %s", "f"), 0);
+    expectOnBoth("cannot open f\nSystem error 2: No such file or directory\n");
+}
+
+TEST_F(MessageLog, PutsTheTextOfErrnoDirectlyAfterAMessageThatEndsInANewline) {
+    errno = 13;
+    messlog2(0, 0, "cannot open %s\n", "f");
+    expectOnBoth("cannot open f\n\nSystem error 13: Permission denied\n");
+}
+
+TEST_F(MessageLog, AddsNothingWhenErrnoIsZero) {
+    messlog2(0, 0, "cannot open %s", "f");
+    expectOnBoth("cannot open f\n");
+}
+
+TEST_F(MessageLog, TakesAnArgumentList) {
+    PROGNAME = const_cast<char*>("/bin/courier");
+    errno = 2;
+    EXPECT_EQ(logThroughList(0, "%s: %d", "f", 7), 0);
+    expectOnBoth("courier: f: 7\nSystem error 2: No such file or directory\n");
+}
+
+TEST_F(MessageLog, KeepsErrno) {
+    errno = ENOENT;
+    ex_messlog("x", 0, 0);
+    EXPECT_EQ(errno, ENOENT);
+    messlog2(0, 0, "x");
+    EXPECT_EQ(errno, ENOENT);
+    expectOnBoth("x\nx\nSystem error 2: No such file or directory\n");
+}
+
+TEST_F(MessageLog, PrintsMessagesOfAnyLength) {
+    for (const std::size_t length : {4094, 4095, 4096, 4097, 100000}) {
+        const std::string text(length, 'x');
+        errno = 0;
+        messlog2(0, 0, "%s", text.c_str());
+        expectOnBoth(text + "\n");
+    }
+}
+
+TEST_F(MessageLog, AddsTheTextOfErrnoToMessagesOfAnyLength) {
+    const std::string suffix = "\nSystem error 2: No such file or directory";
+    for (const std::size_t length :
+         {4095 - suffix.size(), 4096 - suffix.size(), 4090UL, 4095UL, 4096UL, 100000UL}) {
+        const std::string text(length, 'x');
+        errno = 2;
+        messlog2(0, 0, "%s", text.c_str());
+        expectOnBoth(text + suffix + "\n");
+    }
+}
+
+TEST_F(MessageLog, ReportsAFatalErrorWithAStatus) {
+    const ProcessResult result = runForked([] {
+        errno = 2;
+        messlog2(1, 1, "cannot open %s", "f");
+    });
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "cannot open f\nSystem error 2: No such file or directory\n");
+    EXPECT_EQ(result.out, result.err);
+}
+
+class MessageLogWithoutMemory : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!canExhaustMemory())
+            GTEST_SKIP() << "the sanitizer's allocator never returns null";
+    }
+};
+
+TEST_F(MessageLogWithoutMemory, SaysSo) {
+    const ProcessResult result = runForked([] {
+        exhaustMemory();
+        messlog2(4, 0, "cannot open %s", "f");
+    });
+    EXPECT_EQ(result.status, 4);
+    EXPECT_EQ(result.err, "Can't allocate memory for error message\n");
+    EXPECT_EQ(result.out, result.err);
+}
+
+TEST_F(MessageLogWithoutMemory, CutsALongMessageAt4095Characters) {
+    const std::string text(5000, 'x');
+    const ProcessResult result = runForked([&] {
+        exhaustMemory(4096);
+        errno = 0;
+        messlog2(0, 0, "%s", text.c_str());
+    });
+    EXPECT_EQ(result.err, text.substr(0, 4095) + "\n");
+    EXPECT_EQ(result.out, result.err);
+}
+
+TEST_F(MessageLogWithoutMemory, LeavesOutTheTextOfErrnoThatDoesNotFit) {
+    const std::string text(4080, 'x');
+    const ProcessResult result = runForked([&] {
+        exhaustMemory(4096);
+        errno = 2;
+        messlog2(0, 0, "%s", text.c_str());
+    });
+    EXPECT_EQ(result.err, text + "\n");
+    EXPECT_EQ(result.out, result.err);
+}
+
+}  // namespace
+}  // namespace corvo::test

@@ -1,0 +1,58 @@
+#include "utils/numeric.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace corvo::test {
+namespace {
+
+TEST(AsciiToNumeric, ReadsDecimalNumbers) {
+    const struct {
+        const char* text;
+        unsigned int value;
+    } cases[] = {
+        {"0", 0},
+        {"24", 24},
+        {"007", 7},
+        {"+24", 24},
+        {" \t\n\r24", 24},
+        {"24 \t\n\r", 24},
+        {"+", 0},
+        {" + \n", 0},
+        {"4294967295", 4294967295U},
+        {"4294967290", 4294967290U},
+        {"+00004294967295 ", 4294967295U},
+    };
+    for (const auto& [text, value] : cases) {
+        unsigned int read = 99;
+        errno = 0;
+        EXPECT_TRUE(Util::ASCIIToNumeric(text, read)) << text;
+        EXPECT_EQ(read, value) << text;
+        EXPECT_EQ(errno, 0) << text;
+    }
+}
+
+TEST(AsciiToNumeric, RefusesEverythingElse) {
+    for (const char* text : {"", " \t\n\r", "-1", " -0", "a", "24a", "2 4", "+ 5", "++5", "+-5",
+                             "5+", "0x10", "1.0", "\v5", "5\f"}) {
+        unsigned int value = 99;
+        errno = 0;
+        EXPECT_FALSE(Util::ASCIIToNumeric(text, value)) << text;
+        EXPECT_EQ(value, 99U) << text;
+        EXPECT_EQ(errno, 0) << text;
+    }
+}
+
+TEST(AsciiToNumeric, RefusesNumbersThatDoNotFitWithErange) {
+    for (const char* text : {"4294967296", "4294967300", "42949672950", "99999999999999999999"}) {
+        unsigned int value = 99;
+        errno = 0;
+        EXPECT_FALSE(Util::ASCIIToNumeric(text, value)) << text;
+        EXPECT_EQ(value, 99U) << text;
+        EXPECT_EQ(errno, ERANGE) << text;
+    }
+}
+
+}  // namespace
+}  // namespace corvo::test

@@ -1,0 +1,45 @@
+// The error stream of the upper layer: standard error at once, standard output by the flush.
+
+#pragma once
+
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+namespace corvo {
+
+/// Puts every character on std::cerr at once and keeps it; a flush copies what was kept to
+/// std::cout. What was never flushed is copied by the destructor.
+class UtilityErrorStreamBuf : public std::streambuf {
+public:
+    UtilityErrorStreamBuf() = default;
+    ~UtilityErrorStreamBuf() override;
+    UtilityErrorStreamBuf(const UtilityErrorStreamBuf&) = delete;
+    UtilityErrorStreamBuf& operator=(const UtilityErrorStreamBuf&) = delete;
+
+protected:
+    /// There is no put area: every character comes this way.
+    int_type overflow(int_type c) override;
+    int sync() override;
+
+private:
+    std::string pending;  // not yet on standard output
+};
+
+/// An output stream with a buffer of its own.
+class UtilityErrorStream : public std::ostream {
+public:
+    UtilityErrorStream();
+    ~UtilityErrorStream() override;
+    UtilityErrorStream(const UtilityErrorStream&) = delete;
+    UtilityErrorStream& operator=(const UtilityErrorStream&) = delete;
+
+private:
+    UtilityErrorStreamBuf buffer;
+};
+
+/// The one instance. Ready before main() and until normal exit. End each message with std::endl:
+/// standard output then keeps the order of events.
+extern UtilityErrorStream uerr;
+
+}  // namespace corvo

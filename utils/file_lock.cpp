@@ -1,0 +1,161 @@
+#include "utils/file_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "utils/digest.h"
+#include "utils/guards.h"
+#include "utils/messlog.h"
+#include "utils/safe_path.h"
+
+namespace {
+
+constexpr const char* LOCK_FOLDER = "/run/lock/files";
+constexpr int EXCLUSIVE_OPEN = O_RDWR | O_CREAT | O_TRUNC;
+
+/// What a lock_handle really is: ready to be kept without another allocation.
+struct LinkedLock : lock_handle {
+    LinkedLock* next;
+};
+
+/// What keep_lock was given, until the process ends.
+class KeptLocks {
+public:
+    KeptLocks() noexcept = default;
+    ~KeptLocks() {
+        while (first_ != nullptr)
+            freeAt(&first_);
+    }
+    KeptLocks(const KeptLocks&) = delete;
+    KeptLocks& operator=(const KeptLocks&) = delete;
+
+    void add(LinkedLock* lock) noexcept {
+        lock->next = first_;
+        first_ = lock;
+    }
+
+    /// Frees the lock on a lock file, if it is one of them.
+    void free(const char* lockPath) noexcept {
+        for (LinkedLock** place = &first_; *place != nullptr; place = &(*place)->next) {
+            if (strcmp((*place)->path, lockPath) == 0) {
+                freeAt(place);
+                return;
+            }
+        }
+    }
+
+private:
+    static void freeAt(LinkedLock** place) noexcept {
+        LinkedLock* const lock = *place;
+        *place = lock->next;
+        free_lock(lock);
+    }
+
+    LinkedLock* first_ = nullptr;
+};
+
+KeptLocks keptLocks;
+
+/// Opens a lock file, and empties it only when it is surely one.
+corvo::UniqueFd openLockFile(const char* path, int flags) noexcept {
+    struct stat seen = {};
+    corvo::UniqueFd file = corvo::safe_path::openFile(AT_FDCWD, path, flags & ~O_TRUNC, 0644, seen);
+    if (file.get() == 0)  // 0 says "busy" in a handle
+        file.reset(fcntl(0, F_DUPFD_CLOEXEC, 1));
+    if (file && (flags & O_TRUNC) != 0 && seen.st_nlink == 1 && seen.st_size != 0 &&
+        corvo::retryOnEintr([&] { return ftruncate(file.get(), 0); }) != 0)
+        file.reset();
+    return file;
+}
+
+/// An empty handle for a lock file; takes the path over.
+LinkedLock* makeHandle(char* lockPath) noexcept {
+    corvo::UniqueCString path(lockPath);
+    void* const memory = malloc(sizeof(LinkedLock));
+    if (memory == nullptr)
+        return nullptr;
+    return new (memory) LinkedLock{{-1, path.release()}, nullptr};
+}
+
+}  // namespace
+
+char* mk_flock_path(const char* path) noexcept {
+    char digest[MD5_HEX_SIZE];
+    char* lockPath = nullptr;
+    if (asprintf(&lockPath, "%s/%s", LOCK_FOLDER, get_md5sum("", path, digest)) < 0)
+        return nullptr;
+    return lockPath;
+}
+
+lock_handle* mk_lock_(const char* path, int open_flags, int flock_op, int by_name) noexcept {
+    char* const lockPath = by_name != 0 ? mk_flock_path(path) : strdup(path);
+    if (lockPath == nullptr)
+        return nullptr;
+    keptLocks.free(lockPath);
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): what was freed is another string of equal text
+    LinkedLock* const lock = makeHandle(lockPath);
+    if (lock == nullptr)
+        return nullptr;
+    corvo::UniqueFd file = openLockFile(lock->path, open_flags);
+    if (!file) {
+        messlog2(0, 0, "Unable to open file \"%s\": %s.", lock->path, strerror(errno));
+        return lock;
+    }
+    if (corvo::retryOnEintr([&] { return flock(file.get(), flock_op); }) == 0)
+        lock->fd = file.release();
+    else if (errno == EAGAIN)
+        lock->fd = 0;
+    return lock;
+}
+
+lock_handle* mk_lock(const char* path, int by_name) noexcept {
+    return mk_lock_(path, EXCLUSIVE_OPEN, LOCK_EX, by_name);
+}
+
+lock_handle* mk_nonblock_lock(const char* path, int by_name) noexcept {
+    return mk_lock_(path, EXCLUSIVE_OPEN, LOCK_EX | LOCK_NB, by_name);
+}
+
+bool is_locked(const lock_handle* lock) noexcept {
+    return lock != nullptr && lock->fd > 0;
+}
+
+bool is_already_locked(const lock_handle* lock) noexcept {
+    return lock == nullptr || lock->fd == 0;
+}
+
+int rm_lock(lock_handle* lock) noexcept {
+    if (lock == nullptr)
+        return -1;
+    int result = 0;
+    if (lock->fd > 0 && close(lock->fd) != 0) {
+        messlog2(0, 0, "An error occured during closing '%s' file: %s\n",  // sic
+                 lock->path, strerror(errno));
+        result = -1;
+    }
+    lock->fd = -1;
+    free_lock(lock);
+    return result;
+}
+
+void free_lock(lock_handle* lock) noexcept {
+    if (lock == nullptr)
+        return;
+    const corvo::ErrnoGuard keepErrno;
+    if (lock->fd > 0)
+        (void)close(lock->fd);
+    free(lock->path);
+    free(lock);
+}
+
+void keep_lock(lock_handle* lock) noexcept {
+    if (lock != nullptr)
+        keptLocks.add(static_cast<LinkedLock*>(lock));
+}

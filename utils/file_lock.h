@@ -1,0 +1,45 @@
+// Advisory locks (flock): a lock file named after the protected path, or the file itself.
+//
+// A lock file is opened as utils/safe_path.h says, and is never removed. The lock folder is made by
+// the installer. None of these throws.
+
+#pragma once
+
+/// A lock, held or not. Made by the mk_ functions only, and given back to rm_lock, free_lock or
+/// keep_lock.
+struct lock_handle {
+    int fd;      // > 0 while locked, 0 when the lock was busy, -1 on failure
+    char* path;  // of the lock file; owned
+};
+
+/// "/run/lock/files/" and the MD5 of `path`, newly allocated; free with free(). Null without
+/// memory.
+char* mk_flock_path(const char* path) noexcept;
+
+/// Opens the lock file (mode 0644) with `open_flags` and locks it with `flock_op`. `by_name` locks
+/// the file in the lock folder, else `path` itself. O_TRUNC takes effect only on a regular file
+/// with one link. Returns null without memory; else a handle whose fd tells how it went, with errno
+/// of what failed. Only an open that fails is logged, once through messlog2.
+lock_handle* mk_lock_(const char* path, int open_flags, int flock_op, int by_name) noexcept;
+
+/// An exclusive lock; waits for it without limit. Creates the lock file, or empties it.
+lock_handle* mk_lock(const char* path, int by_name) noexcept;
+
+/// As mk_lock, but a busy lock gives fd 0 at once.
+lock_handle* mk_nonblock_lock(const char* path, int by_name) noexcept;
+
+bool is_locked(const lock_handle* lock) noexcept;
+
+/// True for a busy lock and for null.
+bool is_already_locked(const lock_handle* lock) noexcept;
+
+/// Releases and frees. Returns 0, or -1 for null and when closing fails, which is logged through
+/// messlog2.
+int rm_lock(lock_handle* lock) noexcept;
+
+/// Releases and frees without logging; keeps errno. Null is allowed.
+void free_lock(lock_handle* lock) noexcept;
+
+/// Leaves the lock held until the process ends or takes the same lock file again: the next mk_lock_
+/// of that lock file frees it first, so that a process never waits for itself. Null is allowed.
+void keep_lock(lock_handle* lock) noexcept;

@@ -1,0 +1,160 @@
+#include "utils/files.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+
+#include "utils/guards.h"
+#include "utils/log.h"
+#include "utils/messlog.h"
+#include "utils/safe_path.h"
+
+namespace safe_path = corvo::safe_path;
+
+namespace {
+
+/// What setOwnerAndMode could not do. Keeps errno.
+void logPermissionFailure(const char* path, const char* failed) noexcept {
+    const corvo::ErrnoGuard keepErrno;
+    if (strcmp(failed, "chmod") == 0)
+        corvo_log(3, "ERROR: unable to chmod %s: %s\n", path, strerror(errno));
+    else
+        corvo_log(3, "ERROR: unable to chown %s: %s\n", path, strerror(errno));
+}
+
+/// True when there is nothing at a path that could not be opened. Keeps errno.
+bool isOutOfReach(const char* path) noexcept {
+    const corvo::ErrnoGuard keepErrno;
+    struct stat ignored = {};
+    return safe_path::status(AT_FDCWD, path, ignored) != 0 && errno != ELOOP;
+}
+
+int openAndClose(const char* path, int flags) noexcept {
+    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, path, flags, 0644);
+    return file ? file.close() : -1;
+}
+
+/// Reads to the end of the first line. 0, or -1 with errno after a report.
+int readLine(std::FILE* stream, char* buffer, std::size_t size) noexcept {
+    std::size_t length = 0;
+    int character = EOF;
+    while ((character = getc(stream)) != EOF && character != '\n') {
+        if (length + 1 >= size) {
+            errno = ERANGE;
+            messlog2(0, 0, "The buffer too short\n");
+            return -1;
+        }
+        buffer[length++] = static_cast<char>(character);
+    }
+    if (character == EOF && (length == 0 || ferror(stream) != 0)) {
+        if (ferror(stream) == 0)
+            errno = ENODATA;
+        messlog2(0, 0, "Unable to read line from file: %s\n", strerror(errno));
+        return -1;
+    }
+    buffer[length] = '\0';
+    return 0;
+}
+
+}  // namespace
+
+int file_set_perms_internal(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
+    const char* failed = nullptr;
+    if (safe_path::setOwnerAndMode(AT_FDCWD, path, uid, gid, mode, &failed) == 0)
+        return 0;
+    logPermissionFailure(path, failed);
+    return -1;
+}
+
+int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
+    errno = 0;
+    const char* failed = nullptr;
+    if (safe_path::setOwnerAndMode(AT_FDCWD, path, uid, gid, mode, &failed) == 0)
+        return 0;
+    if (strcmp(failed, "open") == 0 && isOutOfReach(path))
+        return 0;
+    logPermissionFailure(path, failed);
+    return -1;
+}
+
+int file_set_user_mode(const char* path, const char* user, mode_t mode) noexcept {
+    errno = 0;
+    const struct passwd* const entry = getpwnam(user);
+    if (entry == nullptr) {
+        messlog2(0, 0, "user %s not found", user);
+        if (errno == 0)
+            errno = ENOENT;
+        return -1;
+    }
+    return file_set_perms(path, entry->pw_uid, entry->pw_gid, mode);
+}
+
+int create_empty_file(const char* path) noexcept {
+    if (openAndClose(path, O_WRONLY | O_CREAT | O_TRUNC) == 0)
+        return 0;
+    const corvo::ErrnoGuard keepErrno;
+    corvo_log(3, "Unable to truncate or create file %s: %s", path, strerror(errno));
+    return -1;
+}
+
+int create_file(const char* path) noexcept {
+    if (openAndClose(path, O_WRONLY | O_CREAT) == 0)
+        return 0;
+    messlog2(0, 0, "Unable to create file %s: %s", path, strerror(errno));
+    return -1;
+}
+
+int p_fclose(std::FILE* stream) noexcept {
+    if (fclose(stream) == 0)
+        return 0;
+    messlog2(0, 0, "Unable to close the file: %s\n", strerror(errno));
+    return -1;
+}
+
+int get_string_from_file(const char* path, char* buffer, std::size_t size) noexcept {
+    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, path, O_RDONLY);
+    const corvo::UniqueFile stream(file ? fdopen(file.get(), "r") : nullptr);
+    if (!stream) {
+        messlog2(0, 0, "Unable to open file %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    (void)file.release();
+    return readLine(stream.get(), buffer, size);
+}
+
+const char* filetype_to_string(mode_t mode) noexcept {
+    switch (mode & S_IFMT) {
+        case S_IFREG:
+            return "regular file";
+        case S_IFDIR:
+            return "directory";
+        case S_IFLNK:
+            return "symbolic link";
+        case S_IFBLK:
+            return "block device";
+        case S_IFCHR:
+            return "character device";
+        case S_IFIFO:
+            return "fifo";
+        case S_IFSOCK:
+            return "socket";
+        default:
+            return "unknown";
+    }
+}
+
+char* asprintf_safe(const char* format, ...) noexcept {
+    char* text = nullptr;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    if (length >= 0)
+        return text;
+    messlog2(1, 1, "Cannot allocate memory: %s", strerror(errno));
+    return nullptr;
+}

@@ -1,0 +1,45 @@
+// Files: owner, mode, creation, first lines.
+//
+// Functions return 0, or -1 with the errno of the call that failed; the reason has then been logged
+// once, through messlog2 except where stated. None throws. Paths are opened as utils/safe_path.h
+// says.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdio>
+
+/// chown, then chmod, of a regular file or directory; stops at the first failure, which is logged
+/// through corvo_log at priority 3. A path that is refused counts as a failed chown.
+int file_set_perms_internal(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept;
+
+/// As file_set_perms_internal, but a path that cannot be stat'ed is left alone (result 0); a link
+/// that is not followed because of its owner is a failure. Clears errno first.
+int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept;
+
+/// file_set_perms with the uid and primary gid of `user`. An unknown user is ENOENT.
+int file_set_user_mode(const char* path, const char* user, mode_t mode) noexcept;
+
+/// Creates the file (0644) or empties it. Logs through corvo_log at priority 3.
+int create_empty_file(const char* path) noexcept;
+
+/// Creates the file (0644) or leaves it as it is.
+int create_file(const char* path) noexcept;
+
+/// Closes the stream; it is gone in any case.
+int p_fclose(std::FILE* stream) noexcept;
+
+/// Reads the first line, without its newline, into `buffer`; the end of the file may end it, too. A
+/// file without a line is ENODATA, a line that does not fit in `size` - 1 characters ERANGE. After
+/// a failure the buffer's contents are undefined.
+int get_string_from_file(const char* path, char* buffer, std::size_t size) noexcept;
+
+/// "regular file", "directory", "symbolic link", "block device", "character device", "fifo",
+/// "socket" or "unknown", for the st_mode of a file.
+const char* filetype_to_string(mode_t mode) noexcept;
+
+/// A newly allocated formatted string; free with free(). Ends the process with status 1 when there
+/// is no memory.
+char* asprintf_safe(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));

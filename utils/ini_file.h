@@ -1,0 +1,20 @@
+// Values from sectioned ini files.
+//
+//     [section]
+//     key = value   ; comment
+//
+// Names of sections and keys are compared exactly; a section's name is all that stands between the
+// brackets. Lines are of any length and may end in CRLF. None throws.
+
+#pragma once
+
+/// The value of `key` in `section`, newly allocated (free with free()): the first match, trimmed,
+/// possibly empty. Null when there is none, when `path` is no regular file (silently), or when it
+/// cannot be opened ("Failed to open %s: %s" on standard error, without a newline). ';' starts a
+/// comment, in values too. Clears errno first.
+char* get_ini_conf_var(const char* path, const char* section, const char* key) noexcept;
+
+/// 1 for "on", "true", "yes" in any case and for "1"; `fallback` when the key is missing or empty;
+/// else 0. Reads as get_ini_conf_var does.
+int get_ini_conf_var_bool(const char* path, const char* section, const char* key,
+                          int fallback) noexcept;

@@ -1,0 +1,264 @@
+#include "utils/line_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <string_view>
+
+#include "utils/file_lock.h"
+#include "utils/guards.h"
+#include "utils/line_rewrite.h"
+#include "utils/messlog.h"
+#include "utils/safe_path.h"
+
+namespace safe_path = corvo::safe_path;
+
+namespace {
+
+using corvo::line_rewrite::LineReader;
+using corvo::line_rewrite::Replacement;
+using corvo::line_rewrite::Target;
+
+constexpr mode_t NEW_FILE_MODE = 0666;
+
+int unableToOpen(const char* path) noexcept {
+    messlog2(0, 0, "Unable to open file %s: %s\n", path, strerror(errno));
+    return 1;
+}
+
+int unableToWriteData(const char* path) noexcept {
+    messlog2(0, 0, "Unable to write data into file %s: %s\n", path, strerror(errno));
+    return 1;
+}
+
+int unableToRead(const char* path) noexcept {
+    messlog2(0, 0, "Unable to read file %s: %s\n", path, strerror(errno));
+    return 1;
+}
+
+int unableToClose(const char* path) noexcept {
+    messlog2(0, 0, "Unable to close file %s: %s\n", path, strerror(errno));
+    return 1;
+}
+
+/// Reports on standard error alone. Returns 1; keeps errno.
+int printError(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
+
+int printError(const char* format, ...) noexcept {
+    const corvo::ErrnoGuard keepErrno;
+    va_list arguments;
+    va_start(arguments, format);
+    (void)vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    return 1;
+}
+
+/// Gives a file the owner, group and mode that `former` tells; 0, or 1 after a report.
+int restorePermissions(int file, const struct stat& former, const char* path) noexcept {
+    const char* failed = nullptr;
+    if (safe_path::setOwnerAndMode(file, former.st_uid, former.st_gid, former.st_mode & 07777,
+                                   &failed) == 0)
+        return 0;
+    if (strcmp(failed, "chown") == 0)
+        messlog2(0, 0, "file_str: ERROR: Unable to chown file %s: %s", path, strerror(errno));
+    else
+        messlog2(0, 0, "file_str: ERROR: Unable to chmod file %s: %s", path, strerror(errno));
+    return 1;
+}
+
+bool write(std::FILE* stream, std::string_view text) noexcept {
+    return fwrite(text.data(), 1, text.size(), stream) == text.size();
+}
+
+int append(const Target& target, const char* const* list, bool isNew) noexcept {
+    struct stat former = {};
+    const corvo::UniqueFd file = safe_path::openFile(
+        target.base(), target.name(), O_WRONLY | O_CREAT | O_APPEND, NEW_FILE_MODE, former);
+    // The stream closes a descriptor of its own: owner and mode come after that.
+    corvo::UniqueFd streamFile(file ? fcntl(file.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    corvo::UniqueFile stream(streamFile ? fdopen(streamFile.get(), "a") : nullptr);
+    if (!stream)
+        return unableToOpen(target.path());
+    (void)streamFile.release();
+    if (write_strings(stream.get(), list) != 0)
+        return unableToWriteData(target.path());
+    if (fclose(stream.release()) != 0)
+        return unableToClose(target.path());
+    return isNew ? 0 : restorePermissions(file.get(), former, target.path());
+}
+
+/// Ends the writing of new contents, which are whole when the old ones were read to their end and
+/// the close succeeded; 0, or 1 after a report.
+int finish(Replacement& fresh, const LineReader& old, const Target& target) noexcept {
+    if (old.failed())
+        return unableToRead(target.path());
+    if (restorePermissions(fileno(fresh.stream()), old.seen(), target.path()) != 0)
+        return 1;
+    return fresh.close() == 0 ? 0 : unableToClose(fresh.path());
+}
+
+int unableToCopy(Replacement& fresh, const char*) noexcept {
+    messlog2(0, 0, "Unable to fputs to file %s: %s\n", fresh.path(), strerror(errno));
+    return 1;
+}
+
+int prepend(const Target& target, const char* const* list) noexcept {
+    Replacement fresh(target);
+    if (!fresh.create())
+        return unableToOpen(fresh.path());
+    if (write_strings(fresh.stream(), list) != 0)
+        return unableToWriteData(fresh.path());
+    LineReader old;
+    if (!old.open(target))
+        return unableToOpen(target.path());
+    for (auto line = old.next(); !line.empty(); line = old.next()) {
+        if (!write(fresh.stream(), line))
+            return unableToCopy(fresh, target.path());
+    }
+    if (finish(fresh, old, target) != 0)
+        return 1;
+    if (fresh.moveIntoPlace() == 0)
+        return 0;
+    return printError("Unable to rename file %s: %s\n", fresh.path(), strerror(errno));
+}
+
+using Matcher = bool (*)(std::string_view line, std::string_view text);
+
+std::string_view withoutNewline(std::string_view line) noexcept {
+    if (line.ends_with('\n'))
+        line.remove_suffix(1);
+    return line;
+}
+
+bool equals(std::string_view line, std::string_view text) noexcept {
+    return withoutNewline(line) == withoutNewline(text);
+}
+
+bool hasPrefix(std::string_view line, std::string_view text) noexcept {
+    return line.starts_with(text);
+}
+
+bool hasSuffix(std::string_view line, std::string_view text) noexcept {
+    return withoutNewline(line).ends_with(text);
+}
+
+bool hasSubstring(std::string_view line, std::string_view text) noexcept {
+    return line.find(text) != std::string_view::npos;
+}
+
+bool matchesNothing(std::string_view, std::string_view) noexcept {
+    return false;
+}
+
+Matcher patternMatcher(int where) noexcept {
+    switch (where) {
+        case FILE_STRINGS_PREFIX:
+            return hasPrefix;
+        case FILE_STRINGS_SUFFIX:
+            return hasSuffix;
+        case FILE_STRINGS_SUBSTRING:
+            return hasSubstring;
+        default:
+            return matchesNothing;
+    }
+}
+
+bool matchesAny(std::string_view line, const char* const* list, Matcher matches) noexcept {
+    for (; *list != nullptr; ++list) {
+        if (matches(line, *list))
+            return true;
+    }
+    return false;
+}
+
+/// What becomes of a removal whose line cannot be written.
+using WriteFailure = int (*)(Replacement& fresh, const char* path) noexcept;
+
+int endProcessUnwritten(Replacement& fresh, const char* path) noexcept {
+    fresh.discard();
+    messlog2(1, 1, "cannot write a line to %s.tmp", path);
+    return 1;
+}
+
+int removeLines(const Target& target, const char* const* list, Matcher matches,
+                WriteFailure unableToWrite) noexcept {
+    LineReader old;
+    if (!old.open(target))
+        return unableToOpen(target.path());
+    Replacement fresh(target);
+    if (!fresh.create())
+        return printError("Unable to open file %s: %s\n", fresh.path(), strerror(errno));
+    for (auto line = old.next(); !line.empty(); line = old.next()) {
+        if (!matchesAny(line, list, matches) && !write(fresh.stream(), line))
+            return unableToWrite(fresh, target.path());
+    }
+    if (finish(fresh, old, target) != 0)
+        return 1;
+    if (fresh.moveIntoPlace() == 0)
+        return 0;
+    return printError("Error while rename file %s: %s\n", fresh.path(), strerror(errno));
+}
+
+int perform(const Target& target, const char* const* list, int action, int where,
+            bool isNew) noexcept {
+    if (action == FILE_STRINGS_ADD && where == FILE_STRINGS_APPEND)
+        return append(target, list, isNew);
+    if (action == FILE_STRINGS_ADD && where == FILE_STRINGS_PREPEND)
+        return prepend(target, list);
+    if (action == FILE_STRINGS_REMOVE && isNew)
+        return 1;
+    if (action == FILE_STRINGS_REMOVE)
+        return removeLines(target, list, equals, endProcessUnwritten);
+    if (action == FILE_STRINGS_REMOVE_PATTERN)
+        return removeLines(target, list, patternMatcher(where), unableToCopy);
+    return 0;
+}
+
+int unlock(lock_handle* lock, const char* path) noexcept {
+    if (rm_lock(lock) == 0)
+        return 0;
+    messlog2(0, 0, "Error occurred while unlocking the file %s: %s\n", path, strerror(errno));
+    return 1;
+}
+
+}  // namespace
+
+int file_strings(const char* path, const char* const* list, int action, int where) noexcept {
+    lock_handle* const lock = mk_lock(path, 1);
+    if (!is_locked(lock)) {
+        messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+        free_lock(lock);
+        return 1;
+    }
+    const Target target(path);
+    const int hidden = target.look();
+    if (hidden != 0 && hidden != ENOENT) {
+        messlog2(0, 0, "file_str: Unable to stat file %s: %s\n", path, strerror(hidden));
+        keep_lock(lock);
+        return 1;
+    }
+    if (perform(target, list, action, where, hidden == ENOENT) == 0)
+        return unlock(lock, path);
+    const corvo::ErrnoGuard keepErrno;
+    (void)unlock(lock, path);
+    return 1;
+}
+
+int file_str(const char* path, const char* line, int action, int where) noexcept {
+    const char* const list[] = {line, nullptr};
+    return file_strings(path, list, action, where);
+}
+
+int write_strings(std::FILE* stream, const char* const* list) noexcept {
+    for (; *list != nullptr; ++list) {
+        const std::string_view text = *list;
+        if (!write(stream, text))
+            return -1;
+        if (!text.ends_with('\n') && !write(stream, "\n"))
+            return -1;
+    }
+    return 0;
+}

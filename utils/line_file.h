@@ -1,0 +1,50 @@
+// Adding and removing lines of small text files, under a lock by name.
+//
+// Functions return 0, or 1 on failure with the errno of what failed; the reason has then been
+// reported once, through messlog2 except where stated. None throws. Readers take no lock: a rewrite
+// is written to "<path>.tmp", gets the owner, group and mode of the old file and is renamed over
+// it, or is removed when it did not reach the disk whole. A new file has the process's owner and
+// umask. Files are opened as utils/safe_path.h says.
+
+#pragma once
+
+#include <cstdio>
+
+/// What file_strings does with the listed strings.
+enum file_strings_action {
+    FILE_STRINGS_ADD = 0,
+    FILE_STRINGS_REMOVE = 1,          // lines that equal one of them
+    FILE_STRINGS_REMOVE_PATTERN = 2,  // lines that one of them matches
+};
+
+/// Where file_strings adds.
+enum file_strings_place { FILE_STRINGS_PREPEND = 0, FILE_STRINGS_APPEND = 1 };
+
+/// How file_strings matches patterns.
+enum file_strings_match {
+    FILE_STRINGS_PREFIX = 0,
+    FILE_STRINGS_SUFFIX = 1,  // of the line without its newline
+    FILE_STRINGS_SUBSTRING = 2
+};
+
+/// `list` ends with a null. `where` is a file_strings_place when adding, a file_strings_match when
+/// removing by pattern, and not used otherwise. A listed string may end in a newline or not; lines
+/// are compared whole, however long. Any other action or place does nothing.
+///
+/// - Appending to a file whose last line has no newline continues that line.
+/// - Prepending to a file that does not exist fails, as does removing by pattern.
+/// - Removing exact lines from a file that does not exist fails silently; one that cannot be
+/// written
+///   ends the process with status 1.
+/// - A temporary file that cannot be made for a removal, and a rename that fails, are reported on
+///   standard error alone.
+/// - A file that cannot be looked at keeps its lock, as keep_lock says.
+/// - Files larger than 64 MiB are not rewritten: EFBIG.
+int file_strings(const char* path, const char* const* list, int action, int where) noexcept;
+
+/// file_strings with one line.
+int file_str(const char* path, const char* line, int action, int where) noexcept;
+
+/// Writes each string, with a newline where it has none. Returns 0, or -1 at the first short write;
+/// logs nothing.
+int write_strings(std::FILE* stream, const char* const* list) noexcept;

@@ -1,0 +1,101 @@
+// Rewriting a line file: reading the old lines, writing the new contents beside it, putting them in
+// its place. For utils/line_file.cpp alone. Nothing here logs or throws.
+
+#pragma once
+
+#include <sys/stat.h>
+
+#include <climits>
+#include <cstdio>
+#include <string_view>
+
+#include "utils/guards.h"
+#include "utils/safe_path.h"
+
+namespace corvo::line_rewrite {
+
+/// The file that is worked on: its parent is walked to once.
+class Target {
+public:
+    /// `path` must outlive the target.
+    explicit Target(const char* path) noexcept;
+
+    const char* path() const noexcept { return path_; }
+
+    /// The directory and the name in it, for the functions of safe_path. When there is no way to
+    /// the parent, the path itself stands in for the name, so that each step fails with its own
+    /// errno.
+    int base() const noexcept { return place_.parent ? place_.parent.get() : AT_FDCWD; }
+    const char* name() const noexcept { return place_.parent ? place_.name : path_; }
+
+    /// 0 when the file is there, ENOENT, or the errno that hides it.
+    int look() const noexcept;
+
+private:
+    const char* path_;
+    safe_path::Location place_;
+};
+
+/// The lines of a file, each as long as it may be. Lines may hold zero bytes.
+class LineReader {
+public:
+    /// False with errno: EPERM for a file that may be another's, as what is read is handed on;
+    /// EFBIG for one larger than 64 MiB.
+    bool open(const Target& target) noexcept;
+
+    /// The next line with its newline, valid until the next call; empty at the end and on failure.
+    std::string_view next() noexcept;
+
+    /// Whether the reading ended before the end, with errno.
+    bool failed() const noexcept { return failed_; }
+
+    /// The file's status as of the open.
+    const struct stat& seen() const noexcept { return seen_; }
+
+private:
+    UniqueFile stream_;
+    UniqueCString line_;
+    std::size_t capacity_ = 0;
+    bool failed_ = false;
+    struct stat seen_ = {};
+};
+
+/// The new contents of a file, in "<path>.tmp" until they are whole; removed unless they were moved
+/// into place.
+class Replacement {
+public:
+    /// `target` must outlive the replacement.
+    explicit Replacement(const Target& target) noexcept;
+    ~Replacement() { discard(); }
+    Replacement(const Replacement&) = delete;
+    Replacement& operator=(const Replacement&) = delete;
+
+    /// Makes the temporary file (0600), in place of one that a crash left behind. False with errno.
+    bool create() noexcept;
+
+    /// Where to write; null before create() and after close().
+    std::FILE* stream() const noexcept { return stream_.get(); }
+
+    /// The temporary file's path.
+    const char* path() const noexcept { return path_; }
+
+    /// Writes what is buffered and closes: 0, or -1 with errno.
+    int close() noexcept { return std::fclose(stream_.release()); }
+
+    /// Renames over the target: 0, or -1 with errno.
+    int moveIntoPlace() noexcept;
+
+    /// Removes what was written. Keeps errno.
+    void discard() noexcept;
+
+private:
+    UniqueFd createFile() const noexcept;
+    const char* name() const noexcept;
+
+    const Target& target_;
+    char path_[PATH_MAX + sizeof ".tmp"];
+    UniqueFile stream_;
+    bool exists_ = false;
+};
+
+}  // namespace corvo::line_rewrite

@@ -1,0 +1,58 @@
+// The way along a path that others may tamper with: what utils/safe_path.h promises about links,
+// for its sources alone.
+
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <climits>
+
+#include "utils/guards.h"
+#include "utils/safe_path.h"
+
+namespace corvo::safe_path {
+
+/// For a directory that serves as a base only: it need not be readable.
+inline constexpr int BASE_FLAGS = O_PATH | O_DIRECTORY | O_CLOEXEC;
+
+/// Opens whatever is there, as open does with `flags` (O_PATH included). Everything that is opened
+/// along a path is opened by this function.
+[[nodiscard]] UniqueFd openTrusted(int base, const char* path, int flags, mode_t mode = 0) noexcept;
+
+/// A walk, component by component, that looks at every link before it follows it.
+class Walk {
+public:
+    /// False with errno when there is nothing to walk, or too much.
+    bool start(int base, const char* path) noexcept;
+
+    /// Goes as far as the last component. It may be missing; entry() is then empty, with ENOENT.
+    bool reachLast(LastLink last) noexcept;
+
+    /// Where the walk has arrived, for *at calls.
+    int directory() const noexcept { return held_ ? held_.get() : base_; }
+    const char* name() const noexcept { return name_; }
+
+    /// The last component, opened with O_PATH (LastLink::follow only), and its fstat.
+    UniqueFd& entry() noexcept { return entry_; }
+    const struct stat& seen() const noexcept { return seen_; }
+
+private:
+    bool goOn(const char* path) noexcept;
+    bool takeName() noexcept;
+    bool look() noexcept;
+    bool follow() noexcept;
+    bool isTrusted() const noexcept;
+
+    int base_ = AT_FDCWD;
+    UniqueFd held_;
+    UniqueFd entry_;
+    struct stat seen_ = {};
+    char name_[NAME_MAX + 1] = {};
+    char path_[PATH_MAX] = {};
+    const char* rest_ = path_;  // what follows name_
+    int links_ = 0;
+};
+
+}  // namespace corvo::safe_path

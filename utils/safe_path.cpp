@@ -1,0 +1,320 @@
+#include "utils/safe_path.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "utils/accounts.h"
+#include "utils/path_walk.h"
+
+namespace corvo::safe_path {
+
+namespace {
+
+/// The parent of a path's last component, for the calls that follow no link there. The name points
+/// into the path and keeps what slashes follow it, so that the kernel judges them.
+struct Place {
+    UniqueFd held;
+    int parent = -1;
+    const char* name = nullptr;
+};
+
+/// Length of the text before the last component; 0 for a path of slashes alone.
+std::size_t lengthOfParent(const char* path) noexcept {
+    std::size_t end = std::strlen(path);
+    while (end > 0 && path[end - 1] == '/')
+        --end;
+    while (end > 0 && path[end - 1] != '/')
+        --end;
+    return end;
+}
+
+int findPlace(int base, const char* path, Place& place) noexcept {
+    const std::size_t length = lengthOfParent(path);
+    place.name = path + length;
+    place.parent = base;
+    if (length == 0)
+        return 0;
+    if (length >= PATH_MAX) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    char parent[PATH_MAX];
+    std::memcpy(parent, path, length);
+    parent[length] = '\0';
+    place.held = openTrusted(base, parent, BASE_FLAGS);
+    place.parent = place.held.get();
+    return place.held ? 0 : -1;
+}
+
+bool isNoName(const char* name) noexcept {
+    return *name == '\0' || std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 ||
+           std::strchr(name, '/') != nullptr;
+}
+
+int fillLocation(int parent, UniqueFd& held, const char* name, Location& location) noexcept {
+    const std::size_t length = std::strlen(name);
+    if (length >= sizeof location.name) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    UniqueFd directory = held ? std::move(held) : UniqueFd(::openat(parent, ".", BASE_FLAGS));
+    if (!directory)
+        return -1;
+    location.parent = std::move(directory);
+    std::memcpy(location.name, name, length + 1);
+    return 0;
+}
+
+int refuse(int error) noexcept {
+    errno = error;
+    return -1;
+}
+
+bool isPopuser(uid_t uid) noexcept {
+    struct passwd entry = {};
+    struct passwd* found = nullptr;
+    char strings[4096];
+    return ::getpwnam_r(POPUSER, &entry, strings, sizeof strings, &found) == 0 &&
+           found != nullptr && found->pw_uid == uid;
+}
+
+/// Is an open file one to be worked on? 0, or -1 with errno.
+int checkFile(int file, bool writes, struct stat& seen) noexcept {
+    if (::fstat(file, &seen) != 0)
+        return -1;
+    if (!S_ISREG(seen.st_mode))
+        return refuse(EINVAL);
+    if (writes && isForeignHardLink(seen))
+        return refuse(EPERM);
+    return 0;
+}
+
+/// Opens without waiting for a peer, and gives all that is no file the same errno.
+UniqueFd openWithoutWaiting(int base, const char* path, int flags, mode_t mode = 0) noexcept {
+    UniqueFd file = openTrusted(base, path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
+    if (!file && errno == ENXIO)  // a socket, or a pipe without reader
+        errno = EINVAL;
+    return file;
+}
+
+/// Opens a directory whose last component is no link.
+UniqueFd openUnlinkedDirectory(int base, const char* path) noexcept {
+    Place place;
+    if (findPlace(base, path, place) != 0)
+        return UniqueFd();
+    return UniqueFd(
+        ::openat(place.parent, place.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+int removeEntry(int parent, const char* name, int depth) noexcept;
+
+int removeEntriesOf(int parent, const char* name, int depth) noexcept {
+    const UniqueDir entries = openEntries(parent, name, LastLink::keep);
+    if (!entries)
+        return -1;
+    while (const dirent* const entry = nextEntry(entries.get())) {
+        if (removeEntry(::dirfd(entries.get()), entry->d_name, depth) != 0)
+            return -1;
+    }
+    return errno == 0 ? 0 : -1;
+}
+
+int removeEntry(int parent, const char* name, int depth) noexcept {
+    if (::unlinkat(parent, name, 0) == 0 || errno == ENOENT)
+        return 0;
+    if (errno != EISDIR)
+        return -1;
+    if (depth >= MAX_DEPTH)
+        return refuse(ELOOP);
+    if (removeEntriesOf(parent, name, depth + 1) != 0)
+        return -1;
+    return ::unlinkat(parent, name, AT_REMOVEDIR);
+}
+
+/// The longest leading part of `path` that exists, opened; its length goes to `length`.
+UniqueFd openExistingPart(int base, const char* path, std::size_t& length) noexcept {
+    char part[PATH_MAX];
+    std::memcpy(part, path, length + 1);
+    UniqueFd directory = openDirectory(base, part);
+    while (!directory && errno == ENOENT && length > 0) {
+        length = lengthOfParent(part);
+        part[length] = '\0';
+        directory = openDirectory(base, length > 0 ? part : ".");
+    }
+    return directory;
+}
+
+/// Makes the directory `name` unless it exists, and opens it.
+UniqueFd enterDirectory(int parent, const char* name, mode_t mode) noexcept {
+    if (::mkdirat(parent, name, mode) != 0 && errno != EEXIST)
+        return UniqueFd();
+    return openDirectory(parent, name);
+}
+
+}  // namespace
+
+int locate(int base, const char* path, LastLink last, Location& location) noexcept {
+    if (isNoName(path + lengthOfParent(path)))
+        return refuse(EINVAL);
+    if (last == LastLink::keep) {
+        Place place;
+        if (findPlace(base, path, place) != 0)
+            return -1;
+        return fillLocation(place.parent, place.held, place.name, location);
+    }
+    Walk walk;
+    if (!walk.start(base, path) || !walk.reachLast(last))
+        return -1;
+    if (isNoName(walk.name()))
+        return refuse(EINVAL);
+    UniqueFd held(::openat(walk.directory(), ".", BASE_FLAGS));
+    return fillLocation(walk.directory(), held, walk.name(), location);
+}
+
+UniqueFd openDirectory(int base, const char* path) noexcept {
+    return openTrusted(base, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+UniqueDir openEntries(int base, const char* path, LastLink last) noexcept {
+    UniqueFd directory =
+        last == LastLink::follow ? openDirectory(base, path) : openUnlinkedDirectory(base, path);
+    UniqueDir entries(directory ? ::fdopendir(directory.get()) : nullptr);
+    if (entries)
+        (void)directory.release();
+    return entries;
+}
+
+const dirent* nextEntry(DIR* directory) noexcept {
+    const dirent* entry = nullptr;
+    do {
+        errno = 0;
+        entry = ::readdir(directory);
+    } while (entry != nullptr &&
+             (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0));
+    return entry;
+}
+
+UniqueFd openFile(int base, const char* path, int flags, mode_t mode) noexcept {
+    // What an exclusive creation made needs no look.
+    if ((flags & O_CREAT) != 0 && (flags & O_EXCL) != 0)
+        return openWithoutWaiting(base, path, flags & ~O_TRUNC, mode);
+    struct stat seen = {};
+    return openFile(base, path, flags, mode, seen);
+}
+
+UniqueFd openFile(int base, const char* path, int flags, mode_t mode, struct stat& seen) noexcept {
+    UniqueFd file = openWithoutWaiting(base, path, flags & ~O_TRUNC, mode);
+    if (!file || checkFile(file.get(), (flags & O_ACCMODE) != O_RDONLY, seen) != 0)
+        return UniqueFd();
+    if ((flags & O_TRUNC) != 0 && seen.st_size != 0 &&
+        retryOnEintr([&] { return ::ftruncate(file.get(), 0); }) != 0)
+        return UniqueFd();
+    return file;
+}
+
+bool isForeignHardLink(const struct stat& file) noexcept {
+    return S_ISREG(file.st_mode) && file.st_nlink > 1 && !isPopuser(file.st_uid);
+}
+
+int status(int base, const char* path, struct stat& result) noexcept {
+    if (std::strchr(path, '/') == nullptr) {
+        struct stat seen = {};
+        if (::fstatat(base, path, &seen, AT_SYMLINK_NOFOLLOW) != 0)
+            return -1;
+        if (!S_ISLNK(seen.st_mode)) {
+            result = seen;
+            return 0;
+        }
+    }
+    const UniqueFd entry = openTrusted(base, path, O_PATH | O_CLOEXEC);
+    return entry ? ::fstat(entry.get(), &result) : -1;
+}
+
+int setOwnerAndMode(int file, uid_t uid, gid_t gid, mode_t mode, const char** failed) noexcept {
+    const char* step = "chown";
+    int result = retryOnEintr([&] { return ::fchown(file, uid, gid); });
+    if (result == 0) {
+        step = "chmod";
+        result = retryOnEintr([&] { return ::fchmod(file, mode); });
+    }
+    if (result != 0 && failed != nullptr)
+        *failed = step;
+    return result;
+}
+
+int setOwnerAndMode(int base, const char* path, uid_t uid, gid_t gid, mode_t mode,
+                    const char** failed) noexcept {
+    if (failed != nullptr)
+        *failed = "open";
+    const UniqueFd file = openWithoutWaiting(base, path, O_RDONLY);
+    struct stat seen = {};
+    if (!file || ::fstat(file.get(), &seen) != 0)
+        return -1;
+    if (!S_ISREG(seen.st_mode) && !S_ISDIR(seen.st_mode))
+        return refuse(EINVAL);
+    if (isForeignHardLink(seen))
+        return refuse(EPERM);
+    return setOwnerAndMode(file.get(), uid, gid, mode, failed);
+}
+
+int makeDirectory(int base, const char* path, mode_t mode) noexcept {
+    Place place;
+    if (findPlace(base, path, place) != 0)
+        return -1;
+    if (::mkdirat(place.parent, place.name, mode) == 0)
+        return 0;
+    return errno == EEXIST ? 1 : -1;
+}
+
+UniqueFd makeDirectories(int base, const char* path, mode_t mode) noexcept {
+    std::size_t done = std::strlen(path);
+    if (done == 0 || done >= PATH_MAX) {
+        errno = done == 0 ? ENOENT : ENAMETOOLONG;
+        return UniqueFd();
+    }
+    UniqueFd directory = openExistingPart(base, path, done);
+    while (directory && path[done] != '\0') {
+        char name[PATH_MAX];
+        const std::size_t length = std::strcspn(path + done, "/");
+        std::memcpy(name, path + done, length);
+        name[length] = '\0';
+        directory = enterDirectory(directory.get(), name, mode);
+        done += length;
+        done += std::strspn(path + done, "/");
+    }
+    return directory;
+}
+
+int renameEntry(int base, const char* from, const char* to) noexcept {
+    Place source;
+    Place target;
+    if (findPlace(base, from, source) != 0 || findPlace(base, to, target) != 0)
+        return -1;
+    return ::renameat(source.parent, source.name, target.parent, target.name);
+}
+
+int unlinkEntry(int base, const char* path) noexcept {
+    Place place;
+    if (findPlace(base, path, place) != 0)
+        return -1;
+    return ::unlinkat(place.parent, place.name, 0);
+}
+
+int removeTree(int base, const char* path) noexcept {
+    Place place;
+    if (findPlace(base, path, place) != 0)
+        return errno == ENOENT ? 0 : -1;
+    return removeEntry(place.parent, place.name, 0);
+}
+
+int changeDirectory(const char* path) noexcept {
+    const UniqueFd directory = openTrusted(AT_FDCWD, path, BASE_FLAGS);
+    return directory ? ::fchdir(directory.get()) : -1;
+}
+
+}  // namespace corvo::safe_path

@@ -1,0 +1,104 @@
+// Opening paths that others may tamper with.
+//
+// Mail storage belongs to an account that may plant links, pipes and races in it, and this program
+// runs as root. Here a path is walked on descriptors, and a symbolic link is followed only when
+// root or the running user owns the link itself and it has no second name (a hard link to
+// somebody's link is a planted one), at most 40 of them; any other link is ELOOP. A path without
+// links costs one system call where the kernel can walk it so.
+//
+// `base` is a directory's descriptor or AT_FDCWD; it matters for relative paths only. Functions
+// return a descriptor or 0, or -1 (an empty guard) with errno; none logs or throws, and only those
+// that read directories allocate. Descriptors are close-on-exec. For a path that nobody tampers
+// with, results and errno are those of the plain calls, except where stated.
+
+#pragma once
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <climits>
+
+#include "utils/guards.h"
+
+namespace corvo::safe_path {
+
+/// Directories nested deeper than this are not entered by what works on whole trees: ELOOP.
+inline constexpr int MAX_DEPTH = 512;
+
+/// The directory that holds the last component of a path, and that component's name. The descriptor
+/// is opened with O_PATH: a base for others, not for reading.
+struct Location {
+    UniqueFd parent;
+    char name[NAME_MAX + 1] = {};
+};
+
+/// What becomes of a link that is the last component.
+enum class LastLink { follow, keep };
+
+/// Walks to the parent of the last component, which need not exist. With LastLink::follow a trusted
+/// link there is followed in turn. Paths that end in "/", "." or ".." have no last component:
+/// EINVAL.
+[[nodiscard]] int locate(int base, const char* path, LastLink last, Location& location) noexcept;
+
+/// Opens a directory for reading and for use as a base.
+[[nodiscard]] UniqueFd openDirectory(int base, const char* path) noexcept;
+
+/// Opens a directory for nextEntry. With LastLink::keep a link as last component is ENOTDIR.
+[[nodiscard]] UniqueDir openEntries(int base, const char* path,
+                                    LastLink last = LastLink::follow) noexcept;
+
+/// The next entry other than "." and "..", valid until the next call on the same directory. Null at
+/// the end, with errno 0, and on failure, with the errno of that.
+[[nodiscard]] const dirent* nextEntry(DIR* directory) noexcept;
+
+/// Opens a regular file: never blocks, follows trusted links only, and takes O_TRUNC to effect only
+/// after the file proved sound. EINVAL for anything that is not a regular file (EISDIR for a
+/// directory that is opened for writing); for an open that writes, EPERM for what
+/// isForeignHardLink() says. An exclusive creation (O_CREAT | O_EXCL) follows no link.
+[[nodiscard]] UniqueFd openFile(int base, const char* path, int flags, mode_t mode = 0) noexcept;
+
+/// As above; `seen` receives what fstat said of the file before a truncation.
+[[nodiscard]] UniqueFd openFile(int base, const char* path, int flags, mode_t mode,
+                                struct stat& seen) noexcept;
+
+/// True for a file with several names that is not popuser's own: it may be another's file that was
+/// linked into the mail tree, and nothing may be written to it or handed out from it.
+[[nodiscard]] bool isForeignHardLink(const struct stat& file) noexcept;
+
+/// stat, with trusted links followed.
+[[nodiscard]] int status(int base, const char* path, struct stat& result) noexcept;
+
+/// Sets owner and mode of an open file: fchown, then fchmod, each repeated on EINTR. `failed` (may
+/// be null) receives "chown" or "chmod" on failure.
+[[nodiscard]] int setOwnerAndMode(int file, uid_t uid, gid_t gid, mode_t mode,
+                                  const char** failed) noexcept;
+
+/// Opens a regular file or directory and sets its owner and mode as above. `failed` receives "open"
+/// when the path was not opened: also for other kinds of files (EINVAL) and foreign hard links
+/// (EPERM).
+[[nodiscard]] int setOwnerAndMode(int base, const char* path, uid_t uid, gid_t gid, mode_t mode,
+                                  const char** failed) noexcept;
+
+/// Makes one directory. Returns 1 when something of that name exists already (what it is, the next
+/// step finds out), 0 when it was made.
+[[nodiscard]] int makeDirectory(int base, const char* path, mode_t mode) noexcept;
+
+/// Makes a directory and its missing parents, and opens it as openDirectory does. An existing
+/// directory is opened. What a dangling link points at is not made: ENOENT.
+[[nodiscard]] UniqueFd makeDirectories(int base, const char* path, mode_t mode) noexcept;
+
+/// Renames within walked parents; links as last components are renamed, not followed.
+[[nodiscard]] int renameEntry(int base, const char* from, const char* to) noexcept;
+
+/// Removes a file or a link, never what a link points at.
+[[nodiscard]] int unlinkEntry(int base, const char* path) noexcept;
+
+/// Removes what `path` names and everything below it; a link is removed, not followed. A missing
+/// path is no failure. Stops at the first failure.
+[[nodiscard]] int removeTree(int base, const char* path) noexcept;
+
+/// Changes the process's working directory.
+[[nodiscard]] int changeDirectory(const char* path) noexcept;
+
+}  // namespace corvo::safe_path
