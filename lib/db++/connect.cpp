@@ -1,0 +1,172 @@
+#include "lib/db++/connect.h"
+
+#include <mysql.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "utils/guards.h"
+#include "utils/ini_file.h"
+#include "utils/messlog.h"
+#include "utils/runtime_config.h"
+
+namespace {
+
+using corvo::ErrnoGuard;
+using corvo::UniqueCString;
+using corvo::UniqueFile;
+
+constexpr const char* DSN_FILE = "/etc/vhc/private/dsn.ini";
+constexpr const char* ADMIN_PASSWORD_FILE = "/etc/vhc/.vhc.shadow";
+
+// Enough for every message here, the client's own texts included.
+constexpr std::size_t MESSAGE_SIZE = 4097;
+
+struct HandleCloser {
+    void operator()(st_mysql* handle) const noexcept {
+        const ErrnoGuard keepErrno;
+        mysql_close(handle);
+    }
+};
+using UniqueHandle = std::unique_ptr<st_mysql, HandleCloser>;
+
+struct Credentials {
+    UniqueCString host;
+    UniqueCString port;
+    UniqueCString username;
+    UniqueCString password;
+    UniqueCString dbname;
+};
+
+// Writes the reason of a failure for the caller; errno stays what it was.
+__attribute__((format(printf, 3, 4))) void explain(char* errbuf, std::size_t size,
+                                                   const char* format, ...) noexcept {
+    const ErrnoGuard keepErrno;
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(errbuf, size, format, arguments);
+    va_end(arguments);
+}
+
+UniqueCString dsnValue(const char* key) noexcept {
+    return UniqueCString(get_ini_conf_var(DSN_FILE, "corvo", key));
+}
+
+const char* valueOr(const UniqueCString& value, const char* fallback) noexcept {
+    return value ? value.get() : fallback;
+}
+
+// The first line of the admin password file. Null on failure, explained and with errno.
+UniqueCString readAdminPassword(char* errbuf, std::size_t size) noexcept {
+    const UniqueFile file(std::fopen(ADMIN_PASSWORD_FILE, "re"));
+    if (!file) {
+        explain(errbuf, size, "Unable to open admin password file: %s", std::strerror(errno));
+        return nullptr;
+    }
+    struct stat status {};
+    if (::stat(ADMIN_PASSWORD_FILE, &status) != 0) {
+        explain(errbuf, size, "Unable to get admin password file stat: %s", std::strerror(errno));
+        return nullptr;
+    }
+    const std::size_t capacity = static_cast<std::size_t>(status.st_size) + 1;
+    UniqueCString password(static_cast<char*>(std::calloc(capacity, 1)));
+    if (!password) {
+        explain(errbuf, size, "Unable to allocate memory for password");
+        return nullptr;
+    }
+    const auto limit = static_cast<int>(std::min<std::size_t>(capacity, INT_MAX));
+    if (std::fgets(password.get(), limit, file.get()) == nullptr) {
+        explain(errbuf, size, "Unable to read admin password file: %s", std::strerror(errno));
+        return nullptr;
+    }
+    password.get()[std::strcspn(password.get(), "\n")] = '\0';
+    return password;
+}
+
+// False on failure, explained and with errno.
+bool readCredentials(Credentials& credentials, char* errbuf, std::size_t size) noexcept {
+    credentials.host = dsnValue("host");
+    credentials.port = dsnValue("port");
+    credentials.username = dsnValue("username");
+    credentials.password = dsnValue("password");
+    credentials.dbname = dsnValue("dbname");
+    if (!credentials.password)
+        credentials.password = readAdminPassword(errbuf, size);
+    return credentials.password != nullptr;
+}
+
+bool connectWith(const Credentials& credentials, st_mysql* handle) noexcept {
+    const long port = std::strtol(valueOr(credentials.port, "0"), nullptr, 10);
+    return mysql_real_connect(handle, valueOr(credentials.host, "localhost"),
+                              valueOr(credentials.username, "admin"), credentials.password.get(),
+                              valueOr(credentials.dbname, "vhc"), static_cast<unsigned int>(port),
+                              vhcConfGetDefaultByIndex(MYSQL_SOCKET), 0) != nullptr;
+}
+
+// A handle on which an error is set is closed; the answer is then null.
+st_mysql* closeOnError(st_mysql* handle) noexcept {
+    UniqueHandle owned(handle);
+    if (owned && mysql_errno(handle) != 0)
+        owned.reset();
+    return owned.release();
+}
+
+}  // namespace
+
+st_mysql* corvo_db_connect_raw_ex(char* errbuf, std::size_t size) noexcept {
+    Credentials credentials;
+    if (!readCredentials(credentials, errbuf, size))
+        return nullptr;
+    UniqueHandle handle(mysql_init(nullptr));
+    if (!handle) {
+        errno = ENOMEM;
+        explain(errbuf, size, "Unable to initialize MySQL connection structure: %s",
+                std::strerror(ENOMEM));
+        return nullptr;
+    }
+    if (!connectWith(credentials, handle.get())) {
+        explain(errbuf, size, "Unable to connect to Corvo Database: %s", mysql_error(handle.get()));
+        return nullptr;
+    }
+    return handle.release();
+}
+
+st_mysql* corvo_db_connect_raw(char* errbuf, std::size_t size) noexcept {
+    return closeOnError(corvo_db_connect_raw_ex(errbuf, size));
+}
+
+st_mysql* corvo_db_connect_ex(char* errbuf, std::size_t size) noexcept {
+    st_mysql* handle = corvo_db_connect_raw(errbuf, size);
+    if (handle == nullptr || mysql_query(handle, "SET NAMES utf8") == 0)
+        return handle;
+    const unsigned int number = mysql_errno(handle);
+    if (number == 0)
+        explain(errbuf, size, "DB error (%s): unknown error", "set names query");
+    else
+        explain(errbuf, size, "DB error (%s) %u: %s", "set names query", number,
+                mysql_error(handle));
+    return handle;
+}
+
+st_mysql* corvo_db_connect(char* errbuf, std::size_t size) noexcept {
+    return closeOnError(corvo_db_connect_ex(errbuf, size));
+}
+
+st_mysql* db_connect_nothrow(char* errbuf, std::size_t size) noexcept {
+    return corvo_db_connect(errbuf, size);
+}
+
+st_mysql* db_connect() noexcept {
+    char message[MESSAGE_SIZE] = "";
+    st_mysql* handle = db_connect_nothrow(message, sizeof message);
+    if (handle == nullptr)
+        messlog2(0, 0, "%s", message);
+    return handle;
+}

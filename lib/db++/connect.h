@@ -1,0 +1,30 @@
+// Connecting with the panel's own credentials: /etc/vhc/private/dsn.ini, /etc/vhc/.vhc.shadow and
+// the configured socket.
+//
+// Each function returns a handle (the caller closes it with mysql_close), or null with the reason
+// as text in `errbuf` of `size` bytes, cut to fit. When a system call failed errno is that call's,
+// and ENOMEM when memory ran out. Nothing is retried or, but for db_connect, printed. None throws.
+//
+// The DSN file's section "corvo" may hold host ("localhost"), port (0: the client's default),
+// username ("admin"), password (the first line of the other file) and dbname ("vhc"). A key with an
+// empty value is there; the password file is opened only when "password" is not.
+
+#pragma once
+
+#include <cstddef>
+
+struct st_mysql;
+
+/// Reads the credentials and connects.
+st_mysql* corvo_db_connect_raw_ex(char* errbuf, std::size_t size) noexcept;
+/// The same; a handle on which an error is set is closed.
+st_mysql* corvo_db_connect_raw(char* errbuf, std::size_t size) noexcept;
+/// corvo_db_connect_raw and "SET NAMES utf8"; when that fails the handle is returned all the same,
+/// with its error set.
+st_mysql* corvo_db_connect_ex(char* errbuf, std::size_t size) noexcept;
+/// The same; a handle on which an error is set is closed.
+st_mysql* corvo_db_connect(char* errbuf, std::size_t size) noexcept;
+/// As corvo_db_connect.
+st_mysql* db_connect_nothrow(char* errbuf, std::size_t size) noexcept;
+/// The same; the reason of a failure is printed through messlog2.
+st_mysql* db_connect() noexcept;

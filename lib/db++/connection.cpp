@@ -1,0 +1,157 @@
+#include "lib/db++/connection.h"
+
+#include <mysql.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <new>
+#include <utility>
+
+#include "lib/db++/connect.h"
+#include "utils/guards.h"
+
+namespace corvo::mysql {
+
+namespace {
+
+// The first number of the client's words about the last statement, such as "Rows matched: 2
+// Changed: 0  Warnings: 0"; 0 when there is none.
+unsigned long long firstNumberOfInfo(st_mysql* handle) {
+    const char* info = mysql_info(handle);
+    if (info == nullptr)
+        return 0;
+    return std::strtoull(info + std::strcspn(info, "0123456789"), nullptr, 10);
+}
+
+std::size_t lengthOr(std::size_t length, const char* text) {
+    return length != 0 ? length : std::strlen(text);
+}
+
+}  // namespace
+
+Connection::Connection(bool open_now) {
+    if (open_now)
+        open();
+}
+
+Connection::Connection(st_mysql* openHandle, bool closesIt) : handle(openHandle), owns(closesIt) {}
+
+Connection::~Connection() {
+    const ErrnoGuard keepErrno;
+    if (owns && handle != nullptr)
+        mysql_close(handle);
+}
+
+void Connection::open() {
+    if (handle != nullptr)
+        return;
+    handle = db_connect();
+    if (handle == nullptr)
+        throw mError("connection failed");
+}
+
+std::string Connection::escape(const char* text, std::size_t length) {
+    if (handle == nullptr)
+        throw mError(handle, " escaping a text");
+    length = lengthOr(length, text);
+    std::string escaped;
+    if (length > (escaped.max_size() - 1) / 2)
+        throw std::bad_alloc();
+    escaped.resize(2 * length + 1);
+    escaped.resize(mysql_real_escape_string(handle, escaped.data(), text, length));
+    return escaped;
+}
+
+std::string Connection::escape_name(const char* text, std::size_t length) {
+    length = lengthOr(length, text);
+    std::string escaped;
+    escaped.reserve(length);
+    for (std::size_t i = 0; i < length; ++i) {
+        if (text[i] == '`')
+            escaped += '`';
+        escaped += text[i];
+    }
+    return escaped;
+}
+
+void Connection::append(const char* text, std::size_t length) {
+    switch (std::exchange(mode, MODE_RAW)) {
+        case MODE_VALUE:
+            query << escape(text, length);
+            break;
+        case MODE_NAME:
+            query << escape_name(text, length);
+            break;
+        case MODE_RAW:
+            query.write(text, static_cast<std::streamsize>(length));
+            break;
+        default:
+            break;
+    }
+}
+
+Connection& Connection::operator<<(const char* text) {
+    if (text != nullptr) {
+        append(text, std::strlen(text));
+    } else {
+        query.setstate(std::ios_base::failbit);
+        mode = MODE_RAW;
+    }
+    return *this;
+}
+
+Connection& Connection::operator<<(const std::string& text) {
+    append(text.data(), text.size());
+    return *this;
+}
+
+Connection& Connection::operator<<(int number) {
+    return *this << std::to_string(number);
+}
+
+Connection& Connection::operator<<(unsigned long long number) {
+    return *this << std::to_string(number);
+}
+
+Connection& Connection::operator<<(double number) {
+    return *this << std::to_string(number);
+}
+
+unsigned long long Connection::operator<<(Query::exec_t) {
+    run(takeStatement());
+    const unsigned long long count = firstNumberOfInfo(handle);
+    return count != 0 ? count : mysql_affected_rows(handle);
+}
+
+Result Connection::operator<<(Query::fetch_t) {
+    const std::string statement = takeStatement();
+    run(statement);
+    MYSQL_RES* stored = mysql_store_result(handle);
+    if (stored == nullptr)
+        throw mError(handle, " fetching result of query: " + statement);
+    return Result(stored);
+}
+
+std::string Connection::takeStatement() {
+    std::string statement = query.str();
+    query.str("");
+    query.clear();
+    mode = MODE_RAW;
+    return statement;
+}
+
+void Connection::run(const std::string& statement) {
+    if (handle == nullptr || mysql_real_query(handle, statement.data(), statement.size()) != 0)
+        throw mError(handle, " executing query: " + statement);
+}
+
+void Connection::test() {
+    Connection connection(true);
+    for (const char* text : {"aaaa", "a`aaa", "a``aaa", "a``aa`a"})
+        std::cerr << "static void corvo::mysql::Connection::test()(connection.cpp:" << __LINE__
+                  << ")connection.escape_name(\"" << text << "\")=" << connection.escape_name(text)
+                  << '\n';
+}
+
+}  // namespace corvo::mysql

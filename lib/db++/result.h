@@ -1,0 +1,55 @@
+// The rows of a statement.
+
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+struct st_mysql_field;
+struct st_mysql_res;
+
+namespace corvo::mysql {
+
+/// One value of a row.
+struct Field {
+    std::string value;  // the column's bytes; may hold zero bytes
+    bool null = false;  // SQL NULL; the value is then empty
+};
+
+/// Walks the rows of a stored result, which it owns. Movable. Use it up or destroy it before the
+/// next statement runs on the same handle.
+class Result {
+public:
+    /// A row as a map from column name to field.
+    class row_t {
+    public:
+        /// Throws mError "No field named <name> in result set"; never inserts.
+        Field& operator[](const std::string& name);
+        const Field& operator[](const std::string& name) const;
+
+        std::size_t size() const noexcept { return fields.size(); }
+
+    private:
+        friend class Result;
+        std::map<std::string, Field> fields;
+    };
+
+    /// Takes ownership of a stored result.
+    explicit Result(st_mysql_res* result);
+
+    /// Refills `row` with the next row. False at the end, `row` untouched. Throws mError
+    /// "duplicated field <name> in query" when two columns bear one name; the next call goes on
+    /// with the next row.
+    bool fetch(row_t* row);
+
+private:
+    struct Release {
+        void operator()(st_mysql_res* stored) const noexcept;
+    };
+
+    std::unique_ptr<st_mysql_res, Release> stored;
+    st_mysql_field* columns;  // owned by the stored result
+};
+
+}  // namespace corvo::mysql

@@ -1,0 +1,40 @@
+#include "lib/db++/error.h"
+
+#include <gtest/gtest.h>
+
+#include <type_traits>
+
+#include "tests/unit/db++/database_test.h"
+
+namespace corvo::mysql::test {
+namespace {
+
+TEST(MError, SaysWhatItWasTold) {
+    EXPECT_STREQ(mError("connection failed").what(), "connection failed");
+}
+
+TEST(MError, IsOfTheStandardFamily) {
+    EXPECT_TRUE((std::is_base_of_v<std::exception, mError>));
+}
+
+TEST(MError, KeepsItsTextInACopy) {
+    const mError original("kept");
+    const mError copy = original;  // NOLINT(performance-unnecessary-copy-initialization)
+    EXPECT_STREQ(copy.what(), "kept");
+}
+
+TEST(MError, WithoutAnErrorNumberIsUnknown) {
+    EXPECT_STREQ(mError(nullptr, " executing query: SELECT 1").what(),
+                 "Unknown error\n executing query: SELECT 1");
+}
+
+class MErrorFromServer : public DatabaseTest {};
+
+TEST_F(MErrorFromServer, NamesNumberTextAndContext) {
+    EXPECT_EQ(failureOf([&] { connection << "SELECT v FROM nowhere" << Query::fetch; }),
+              "MySQL error 1146: Table '" + panel.name() +
+                  ".nowhere' doesn't exist executing query: SELECT v FROM nowhere");
+}
+
+}  // namespace
+}  // namespace corvo::mysql::test
