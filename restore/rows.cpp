@@ -1,0 +1,44 @@
+#include "restore/rows.h"
+
+#include <utility>
+
+#include "restore/stage.h"
+#include "utils/error_stream.h"
+
+namespace corvo::mail::restore {
+
+Rows::Rows(mysql::Connection& connection, const std::string& statement, CycleLabel label)
+    : cycle(std::move(label)) {
+    try {
+        result.emplace(connection << statement << mysql::Query::fetch);
+    } catch (const mysql::mError& error) {
+        uerr << "Warning: MySQL Query error on " << cycle.name << ": " << error.what()
+             << ", ignored" << std::endl;
+    }
+}
+
+bool Rows::next(Row& row) {
+    Fetched fetched = fetch(row);
+    while (fetched == Fetched::NOTHING)
+        fetched = fetch(row);
+    return fetched == Fetched::ROW;
+}
+
+bool Rows::fetchOnce(Row& row) {
+    return fetch(row) == Fetched::ROW;
+}
+
+Rows::Fetched Rows::fetch(Row& row) {
+    if (!result)
+        return Fetched::END;
+    try {
+        return result->fetch(&row) ? Fetched::ROW : Fetched::END;
+    } catch (const mysql::mError& error) {
+        uerr << "Warning: MySQL Fetch Row Error on " << cycle.name << cycle.separator
+             << error.what() << ", row ignored" << std::endl;
+        progress(cycle.skipMark);
+        return Fetched::NOTHING;
+    }
+}
+
+}  // namespace corvo::mail::restore

@@ -1,0 +1,72 @@
+#include "restore/stage.h"
+
+#include <exception>
+#include <iostream>
+#include <new>
+
+namespace corvo::mail::restore {
+
+bool isDebug = false;
+
+namespace {
+
+void reportFailure(const std::string& label, const std::exception& failure) {
+    std::ostream& stream = isDebug ? std::clog : std::cerr;
+    stream << label << " failed (" << failure.what() << "), ignored\n";
+}
+
+/// Outside the steps there is nothing left that could go on without memory.
+bool attemptStep(const std::string& label, const Work& work) {
+    try {
+        return attempt(label, work);
+    } catch (const std::bad_alloc& failure) {
+        reportFailure(label, failure);
+        return false;
+    }
+}
+
+}  // namespace
+
+void progress(std::string_view text) {
+    if (isDebug)
+        std::clog << text;
+}
+
+bool attempt(const std::string& label, const Work& work) {
+    try {
+        work();
+        return true;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& failure) {
+        reportFailure(label, failure);
+        return false;
+    }
+}
+
+void runStage(const std::string& label, const Work& work) {
+    progress(label + "...");
+    // In debug mode the label stands on the line already.
+    if (attempt(isDebug ? std::string() : label, work))
+        progress(" done\n");
+}
+
+void runCycleStage(const std::string& label, const Work& work) {
+    progress(label + ":\n");
+    if (attempt(label, work))
+        progress(label + " done\n");
+}
+
+void runStep(const std::string& label, const Work& work) {
+    progress(label + "...");
+    if (attemptStep(label, work))
+        progress(" done\n");
+}
+
+void runCycleStep(const std::string& label, const Work& work) {
+    progress(label + ":\n");
+    if (attemptStep(label, work))
+        progress(label + " done\n");
+}
+
+}  // namespace corvo::mail::restore

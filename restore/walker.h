@@ -1,0 +1,23 @@
+// One pass over the panel database.
+
+#pragma once
+
+#include "restore/entities_callbacks.h"
+
+namespace corvo::mysql {
+class Connection;
+}
+
+namespace corvo::mail::restore {
+
+/// Opens a connection of its own, walks, and closes it. Throws mError when it cannot connect.
+void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks);
+
+/// Reads every entity for which a slot is bound, in a fixed order, and reports it. A failure
+/// derived from std::exception ends the innermost stage that it happens in, is written to standard
+/// error (one line, "... failed (<text>), ignored"), and the walk goes on; anything else leaves the
+/// walk. With CORVO_INSTALLER_DEBUG set to anything but "0" the walk tells its progress on standard
+/// error.
+void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, mysql::Connection& connection);
+
+}  // namespace corvo::mail::restore

@@ -1,0 +1,136 @@
+// What a walk asks the server, read from the server's own log.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "tests/unit/restore/walk_fixture.h"
+
+namespace {
+
+using namespace corvo::test;
+
+using WalkerStatementsTest = FullWalkTest;
+
+/// What a login asks the server: "<n>. <statement>" for the login's nth connection.
+class GeneralLog {
+public:
+    explicit GeneralLog(PanelDatabase& panel) : user(panel.user()) {
+        panel.execute("SET GLOBAL general_log=1");
+        log.open(panel.query("SELECT @@general_log_file").at(0));
+        log.seekg(0, std::ios::end);
+    }
+
+    std::vector<std::string> statements() {
+        std::vector<std::string> found;
+        for (std::string line; std::getline(log, line);)
+            take(line, found);
+        return found;
+    }
+
+    std::size_t connections() const { return connectionOf.size(); }
+
+private:
+    // "[time]\t<thread> <command>\t<argument>"
+    void take(const std::string& line, std::vector<std::string>& found) {
+        const auto start = line.find('\t');
+        const auto end = line.find('\t', line.find_first_not_of("\t ", start));
+        if (start == std::string::npos || end == std::string::npos)
+            return;
+        std::istringstream words(line.substr(start, end - start));
+        int thread = 0;
+        std::string command;
+        words >> thread >> command;
+        const std::string argument = line.substr(end + 1);
+        if (command == "Connect" && argument.starts_with(user + "@"))
+            connectionOf.emplace(thread, connectionOf.size() + 1);
+        else if (command == "Query" && connectionOf.contains(thread))
+            found.push_back(std::to_string(connectionOf[thread]) + ". " + argument);
+    }
+
+    std::string user;
+    std::ifstream log;
+    std::map<int, std::size_t> connectionOf;
+};
+
+TEST_F(WalkerStatementsTest, WalkRunsTheseStatementsOnTheseConnectionsAndNoMore) {
+    fill();
+    const int next = panel.domain("next.example").id();
+    panel.execute("INSERT INTO mail (id, mail_name, dom_id) VALUES (3, 'solo', " +
+                  std::to_string(next) + ")");
+    Recorder recorder;
+    recorder.bindAll();
+    GeneralLog log(panel);
+    EXPECT_EQ(walk(recorder), Printed{});
+    const std::string names = "SET NAMES utf8";
+    const std::vector<std::string> expected = {
+        "1. " + names,
+        "1. " + statement::DOMAINS,
+        "2. " + names,
+        "2. " + statement::catchallParameter("nonexist_mail", domain),
+        "2. " + statement::mailStatus(domain),
+        "2. " + statement::catchallParameter("catch_addr", domain),
+        "2. " + statement::domainAliases(domain),
+        "2. " + statement::defaultQuota(domain),
+        "2. " + statement::mailnames(domain),
+        "3. " + names,
+        "3. " + statement::mailAliases(1),
+        "3. " + statement::mailRedirects(1),
+        "4. " + names,
+        "4. " + statement::mailAliases(2),
+        "5. " + names,
+        "5. " + statement::catchallParameter("nonexist_mail", next),
+        "5. " + statement::mailStatus(next),
+        "5. " + statement::domainAliases(next),
+        "5. " + statement::defaultQuota(next),
+        "5. " + statement::mailnames(next),
+        "6. " + names,
+        "6. " + statement::mailAliases(3),
+        "1. " + statement::CERTIFICATES,
+        "1. " + statement::WHITE_LIST,
+        "1. " + statement::BLACK_LIST,
+        "1. " + statement::mailServer("rbl_server"),
+        "1. " + statement::mailServer("message_submission"),
+        "1. " + statement::mailServer("ml_size"),
+        "1. " + statement::mailServer("relay"),
+        "1. " + statement::mailServer("disable_smtp_auth"),
+        "1. " + statement::mailServer("disable_pop_auth"),
+        "1. " + statement::mailServer("poplock_time"),
+        "1. " + statement::misc("postfix-allow-short-mail-names"),
+        "1. " + statement::misc("allow_short_pop3_names"),
+        "1. " + statement::misc("reject_mail_when_overquota_with_permfail"),
+        "1. " + statement::misc("reject_mail_when_overquota"),
+    };
+    EXPECT_EQ(log.statements(), expected);
+    EXPECT_EQ(log.connections(), 6U);
+}
+
+TEST_F(WalkerStatementsTest, WalkOfOneSlotAsksForNothingElse) {
+    fill();
+    const struct {
+        const char* slot;
+        std::vector<std::string> statements;
+    } cases[] = {
+        {"restoreRecipientCanonical", {}},
+        {"enableRejectOverquota",
+         {"1. " + statement::misc("reject_mail_when_overquota_with_permfail"),
+          "1. " + statement::misc("reject_mail_when_overquota")}},
+        {"addBlackListedDomain", {"1. " + statement::BLACK_LIST}},
+        {"registerMailForwarding",
+         {"1. " + statement::DOMAINS, "2. SET NAMES utf8", "2. " + statement::mailnames(domain),
+          "3. SET NAMES utf8", "4. SET NAMES utf8"}},
+    };
+    for (const auto& [slot, statements] : cases) {
+        SCOPED_TRACE(slot);
+        Recorder recorder{slot};
+        GeneralLog log(panel);
+        EXPECT_EQ(walk(recorder), Printed{});
+        std::vector<std::string> expected = {"1. SET NAMES utf8"};
+        expected.insert(expected.end(), statements.begin(), statements.end());
+        EXPECT_EQ(log.statements(), expected);
+    }
+}
+
+}  // namespace
