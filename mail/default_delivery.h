@@ -1,0 +1,14 @@
+// The server-wide delivery line: the first line of "/var/qmail/mailnames/.default_delivery".
+//
+// Functions return 0, or -1 with the errno of what failed; the reason has then been logged once, at
+// priority 3 or by the helpers of utils/files.h. None throws.
+
+#pragma once
+
+/// The line without its line end, newly allocated; free with free(). The file must be a regular
+/// one that is not empty (EINVAL); the line must be text (EINVAL) of at most 64 KiB (EFBIG).
+int get_default_delivery_string(char** line) noexcept;
+
+/// Makes `line` the whole content of the file, byte by byte, owned by popuser with mode 0600. A
+/// file that cannot be written is removed.
+int set_default_delivery_string(const char* line) noexcept;

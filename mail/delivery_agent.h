@@ -1,0 +1,16 @@
+// The local delivery agent of this server.
+
+#pragma once
+
+/// What detectImapPop3Server() tells.
+inline constexpr int DELIVERY_AGENT_UNKNOWN = -1;
+inline constexpr int DELIVERY_AGENT_DELIVERQUOTA = 0;
+inline constexpr int DELIVERY_AGENT_DOVECOT = 1;
+
+/// What was detected in this process, and DELIVERY_AGENT_UNKNOWN before.
+extern int detectedImapPop3Server;
+
+/// Which delivery agent is installed; links are followed. What was found is kept
+/// in detectedImapPop3Server. A failure is logged at priority 3 and not kept; errno is then ENOENT
+/// (or why an agent could not be looked up), or EACCES for one that is no executable file.
+int detectImapPop3Server() noexcept;

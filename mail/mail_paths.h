@@ -1,0 +1,39 @@
+// Names of mail names and domains, and the paths made of them.
+
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+/// 1 for a valid name, else 0 (also for null). Nothing is logged.
+///
+/// A mail name has 1 to 245 bytes, letters, digits and ".-_&+'" of ASCII; it neither begins nor
+/// ends with a dot nor holds two in a row.
+int is_mailname_valid(const char* name) noexcept;
+
+/// A domain name has 1 to 255 bytes: labels of 1 to 63 ASCII letters, digits and "-", separated by
+/// single dots. No label begins with "-"; none but the last may end with it.
+int is_domain_name_valid(const char* name) noexcept;
+
+/// A valid mail name and a valid domain name around the first "@".
+int is_full_mailname_valid(const char* address) noexcept;
+
+/// Write "<mail names root>/<domain in ASCII form>/<mailname>", and the same with "/.qmail", to
+/// `dst` of `size` bytes, all in lower case. Return 0, or -1 after logging the reason at priority
+/// 3: errno is EINVAL for a mail name that is not valid or a domain that cannot be converted,
+/// ENAMETOOLONG for a path that does not fit; `dst` then holds nothing of use.
+int get_mailhome_path(char* dst, std::size_t size, const char* mailname,
+                      const char* domain) noexcept;
+int get_dotqmail_path(char* dst, std::size_t size, const char* mailname,
+                      const char* domain) noexcept;
+
+namespace corvo::mail {
+
+/// The mail names root with the "/" that separates it from a name.
+std::string mailnamesPrefix();
+
+/// Whether the name can be a directory's: not empty, "." or "..", without "/" and zero bytes.
+bool isPathComponent(std::string_view name) noexcept;
+
+}  // namespace corvo::mail

@@ -1,0 +1,231 @@
+#include "mail/maildir_manager.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <initializer_list>
+#include <stdexcept>
+#include <string_view>
+
+#include "mail/fs_error.h"
+#include "mail/mail_paths.h"
+#include "utils/accounts.h"
+#include "utils/safe_path.h"
+#include "utils/strings.h"
+
+namespace corvo::mail {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t DOMAIN_ROOT_MODE = 0750;
+constexpr mode_t HOME_MODE = 0700;
+
+// While directories are made, nobody else gets into them.
+constexpr mode_t CREATION_MODE = 0777;
+constexpr mode_t CREATION_UMASK = 077;
+
+// What a home holds, in the order of creation: a directory comes before what is in it.
+constexpr std::array<std::string_view, 21> SKELETON = {
+    "Maildir",         "Maildir/tmp",         "Maildir/new",         "Maildir/cur",
+    "Maildir/.Spam",   "Maildir/.Spam/tmp",   "Maildir/.Spam/new",   "Maildir/.Spam/cur",
+    "Maildir/.Sent",   "Maildir/.Sent/tmp",   "Maildir/.Sent/new",   "Maildir/.Sent/cur",
+    "Maildir/.Drafts", "Maildir/.Drafts/tmp", "Maildir/.Drafts/new", "Maildir/.Drafts/cur",
+    "Maildir/.Trash",  "Maildir/.Trash/tmp",  "Maildir/.Trash/new",  "Maildir/.Trash/cur",
+    "@attachments",
+};
+
+// How many directories of the skeleton an entry lies in.
+std::size_t depthOf(std::string_view entry) {
+    return static_cast<std::size_t>(std::count(entry.begin(), entry.end(), '/'));
+}
+
+constexpr std::size_t SKELETON_LEVELS = 3;
+
+const char* lastName(std::string_view entry) {
+    return entry.substr(entry.rfind('/') + 1).data();  // the end of a literal
+}
+
+std::error_code codeOf(int error) {
+    return {error, std::generic_category()};
+}
+
+// Names come from a database: one that is no single component would lead to another place.
+void requireComponents(std::initializer_list<std::string_view> names, const char* failure,
+                       const fs::path& path) {
+    if (!std::all_of(names.begin(), names.end(), isPathComponent))
+        throw fs::filesystem_error(failure, path, codeOf(EINVAL));
+}
+
+void renameDirectory(const fs::path& from, const fs::path& to) {
+    if (safe_path::renameEntry(AT_FDCWD, from.c_str(), to.c_str()) != 0) {
+        const int error = errno;
+        throw fs::filesystem_error("cannot rename", from, to, codeOf(error));
+    }
+}
+
+void removeDirectory(const fs::path& path) {
+    if (safe_path::removeTree(AT_FDCWD, path.c_str()) != 0) {
+        const int error = errno;
+        throw fs::filesystem_error("cannot remove all", path, codeOf(error));
+    }
+}
+
+// Renames `source` to its backup name, which becomes `output`: the empty path when there is nothing
+// to back up. False, with errno, when `source` cannot be looked at.
+bool backupRename(const fs::path& source, fs::path& output) {
+    output.clear();
+    struct stat directory {};
+    if (retryOnEintr([&] { return safe_path::status(AT_FDCWD, source.c_str(), directory); }) != 0)
+        return errno == ENOENT || errno == ENOTDIR;
+    output = source.native() + ".CorvoSaved." + std::to_string(directory.st_ino);
+    renameDirectory(source, output);
+    return true;
+}
+
+void backup(const fs::path& source) {
+    fs::path output;
+    if (!backupRename(source, output)) {
+        const int error = errno;
+        throw FSError("rename", source, output, error);
+    }
+}
+
+}  // namespace
+
+MaildirManager& MaildirManager::getInstance() {
+    return MaildirPPManager::getInstance();
+}
+
+MaildirPPManager& MaildirPPManager::getInstance() {
+    static MaildirPPManager instance;
+    instance.init();
+    return instance;
+}
+
+void MaildirManager::init() {
+    const struct passwd* const account = ::getpwnam(POPUSER);
+    if (account == nullptr)
+        throw std::runtime_error(std::string("user ") + POPUSER + "not found");  // sic
+    ownerUid = account->pw_uid;
+    ownerGid = account->pw_gid;
+}
+
+fs::path MaildirManager::getDomainRelativeRoot(const std::string& domain) const {
+    return to_lower(domain);
+}
+
+fs::path MaildirManager::getMailnameRelativeHome(const std::string& domain,
+                                                 const std::string& mailname) const {
+    return to_lower(domain) + "/" + to_lower(mailname);
+}
+
+// Joined as texts: a name that begins with "/" must not take the place of the root.
+fs::path MaildirManager::getDomainRoot(const std::string& domain) const {
+    return mailnamesPrefix() + getDomainRelativeRoot(domain).native();
+}
+
+fs::path MaildirManager::getMailnameHome(const std::string& domain,
+                                         const std::string& mailname) const {
+    return mailnamesPrefix() + getMailnameRelativeHome(domain, mailname).native();
+}
+
+void MaildirManager::createDomainRoot(const std::string& domain) {
+    const fs::path root = getDomainRoot(domain);
+    requireComponents({domain}, "cannot create directories", root);
+    const UmaskGuard ownerOnly(CREATION_UMASK);
+    makeTop(root, DOMAIN_ROOT_MODE);
+}
+
+void MaildirManager::createMailnameHome(const std::string& domain, const std::string& mailname) {
+    const fs::path home = getMailnameHome(domain, mailname);
+    requireComponents({domain, mailname}, "cannot create directories", home);
+    const UmaskGuard ownerOnly(CREATION_UMASK);
+    // The home, then the directory made last at each level below it: the next one's parent.
+    std::array<UniqueFd, SKELETON_LEVELS + 1> opened;
+    opened[0] = makeTop(home, HOME_MODE);
+    for (const std::string_view entry : SKELETON) {
+        const std::size_t depth = depthOf(entry);
+        opened.at(depth + 1) = makeEntry(opened.at(depth).get(), lastName(entry), home / entry);
+    }
+}
+
+// Makes a domain root or a home with its missing parents and opens it.
+UniqueFd MaildirManager::makeTop(const fs::path& path, mode_t mode) const {
+    UniqueFd directory = safe_path::makeDirectories(AT_FDCWD, path.c_str(), CREATION_MODE);
+    if (!directory) {
+        const int error = errno;
+        throw fs::filesystem_error("cannot create directories", path, codeOf(error));
+    }
+    takeOver(directory.get(), path, mode);
+    return directory;
+}
+
+// Makes `name` in an open directory and opens it. The path is for messages.
+UniqueFd MaildirManager::makeEntry(int parent, const char* name, const fs::path& path) const {
+    UniqueFd directory;
+    if (safe_path::makeDirectory(parent, name, CREATION_MODE) >= 0)
+        directory = safe_path::openDirectory(parent, name);
+    if (!directory) {
+        const int error = errno;
+        throw fs::filesystem_error("cannot create directory", path, codeOf(error));
+    }
+    takeOver(directory.get(), path, HOME_MODE);
+    return directory;
+}
+
+void MaildirManager::takeOver(int directory, const fs::path& path, mode_t mode) const {
+    const char* failed = nullptr;
+    if (safe_path::setOwnerAndMode(directory, ownerUid, ownerGid, mode, &failed) != 0) {
+        const int error = errno;
+        throw FSError(failed, path, error);
+    }
+}
+
+void MaildirManager::renameDomainRoot(const std::string& oldDomain, const std::string& newDomain) {
+    const fs::path root = getDomainRoot(oldDomain);
+    requireComponents({oldDomain, newDomain}, "cannot rename", root);
+    renameDirectory(root, getDomainRoot(newDomain));
+}
+
+void MaildirManager::renameMailnameHome(const std::string& domain, const std::string& oldMailname,
+                                        const std::string& newMailname) {
+    const fs::path home = getMailnameHome(domain, oldMailname);
+    requireComponents({domain, oldMailname, newMailname}, "cannot rename", home);
+    renameDirectory(home, getMailnameHome(domain, newMailname));
+}
+
+void MaildirManager::removeDomainRoot(const std::string& domain) {
+    const fs::path root = getDomainRoot(domain);
+    requireComponents({domain}, "cannot remove all", root);
+    fs::path saved;
+    if (!backupRename(root, saved))
+        removeDirectory(root);
+    else if (!saved.empty())
+        removeDirectory(saved);
+}
+
+void MaildirManager::removeMailnameHome(const std::string& domain, const std::string& mailname) {
+    const fs::path home = getMailnameHome(domain, mailname);
+    requireComponents({domain, mailname}, "cannot remove all", home);
+    removeDirectory(home);
+}
+
+void MaildirManager::backupDomainRoot(const std::string& domain) {
+    const fs::path root = getDomainRoot(domain);
+    requireComponents({domain}, "cannot rename", root);
+    backup(root);
+}
+
+void MaildirManager::backupMailnameHome(const std::string& domain, const std::string& mailname) {
+    const fs::path home = getMailnameHome(domain, mailname);
+    requireComponents({domain, mailname}, "cannot rename", home);
+    backup(home);
+}
+
+}  // namespace corvo::mail
