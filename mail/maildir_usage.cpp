@@ -1,0 +1,199 @@
+#include "mail/maildir_usage.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "utils/guards.h"
+#include "utils/messlog.h"
+#include "utils/numeric.h"
+#include "utils/safe_path.h"
+
+namespace {
+
+using corvo::UniqueDir;
+namespace safe_path = corvo::safe_path;
+
+bool join_path(char (&path)[PATH_MAX], const char* directory, const char* name) noexcept {
+    const int length = std::snprintf(path, sizeof path, "%s/%s", directory, name);
+    if (length >= 0 && length < PATH_MAX)
+        return true;
+    errno = ENAMETOOLONG;
+    return false;
+}
+
+/// Reads digits up to the end of the name or a ":". False for anything else, and for a number that
+/// does not fit.
+bool read_size(const char* digits, long long& size) noexcept {
+    long long number = 0;
+    const char* digit = digits;
+    for (; *digit >= '0' && *digit <= '9'; ++digit) {
+        if (__builtin_mul_overflow(number, 10LL, &number) ||
+            __builtin_add_overflow(number, *digit - '0', &number))
+            return false;
+    }
+    if (digit == digits || (*digit != '\0' && *digit != ':'))
+        return false;
+    size = number;
+    return true;
+}
+
+bool size_in_name(const char* name, long long& size) noexcept {
+    static constexpr char MARK[] = ",S=";
+    constexpr std::size_t MARK_LENGTH = sizeof MARK - 1;
+    for (const char* mark = std::strstr(name, MARK); mark != nullptr;
+         mark = std::strstr(mark + MARK_LENGTH, MARK)) {
+        if (read_size(mark + MARK_LENGTH, size))
+            return true;
+    }
+    return false;
+}
+
+/// One directory of messages while it is counted.
+struct MessageDirectory {
+    UniqueDir stream;
+    std::size_t pathLength;
+};
+
+enum class OnDisk { found, gone, failed };
+
+OnDisk size_on_disk(const MessageDirectory& directory, const char* name, long long& size) noexcept {
+    if (directory.pathLength + 1 + std::strlen(name) >= PATH_MAX) {
+        errno = ENAMETOOLONG;
+        return OnDisk::failed;
+    }
+    struct stat status {};
+    if (fstatat(dirfd(directory.stream.get()), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        size = status.st_size;
+        return OnDisk::found;
+    }
+    return errno == ENOENT || errno == ENOTDIR ? OnDisk::gone : OnDisk::failed;
+}
+
+int count_message(const MessageDirectory& directory, const char* name, long long* bytes,
+                  long long* messages) noexcept {
+    long long size = 0;
+    if (!size_in_name(name, size)) {
+        const OnDisk state = size_on_disk(directory, name, size);
+        if (state != OnDisk::found)
+            return state == OnDisk::gone ? 1 : 0;
+    }
+    *bytes = corvo::addSaturated(*bytes, size);
+    ++*messages;
+    return 1;
+}
+
+enum class EntryType { directory, other, unknown };
+
+EntryType type_of(const UniqueDir& parent, const dirent& entry) noexcept {
+    if (entry.d_type != DT_UNKNOWN)
+        return entry.d_type == DT_DIR ? EntryType::directory : EntryType::other;
+    struct stat status {};
+    if (fstatat(dirfd(parent.get()), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return EntryType::unknown;
+    return S_ISDIR(status.st_mode) ? EntryType::directory : EntryType::other;
+}
+
+/// Calls `visit` with name and type of every entry that is named as a folder, until it returns 0.
+template <typename Visit>
+int visit_folders(const UniqueDir& maildir, Visit visit) noexcept {
+    while (const dirent* entry = safe_path::nextEntry(maildir.get())) {
+        if (entry->d_name[0] == '.' && !visit(entry->d_name, type_of(maildir, *entry)))
+            return 0;
+    }
+    return errno == 0 ? 1 : 0;
+}
+
+void log_bad_entry(const char* name) noexcept {
+    char directory[PATH_MAX];
+    const char* current = getcwd(directory, sizeof directory);
+    errno = 0;
+    messlog2(0, 0, "Bad/unrecognized entry %s within Maildir folder %s\n", name,
+             current != nullptr ? current : ".");
+}
+
+}  // namespace
+
+int process_maildir_subdir(const char* directory, long long* bytes, long long* messages,
+                           std::time_t* newest) noexcept {
+    const MessageDirectory opened{safe_path::openEntries(AT_FDCWD, directory),
+                                  std::strlen(directory)};
+    struct stat status {};
+    if (!opened.stream || fstat(dirfd(opened.stream.get()), &status) != 0)
+        return 1;
+    *newest = std::max(*newest, status.st_mtime);
+    while (const dirent* entry = safe_path::nextEntry(opened.stream.get())) {
+        if (!count_message(opened, entry->d_name, bytes, messages))
+            return 0;
+    }
+    return errno == 0 ? 1 : 0;
+}
+
+int process_maildirpp_subfolder(const char* folder, long long* bytes, long long* messages,
+                                std::time_t* newest) noexcept {
+    char path[PATH_MAX];
+    if (!join_path(path, folder, "maildirfolder"))  // the longest path that a folder must allow
+        return 0;
+    for (const char* part : {"new", "cur"}) {
+        if (!join_path(path, folder, part) ||
+            !process_maildir_subdir(path, bytes, messages, newest))
+            return 0;
+    }
+    return 1;
+}
+
+int get_maildirpp_messages_usage(long long* bytes, long long* messages,
+                                 std::time_t* newest) noexcept {
+    *bytes = 0;
+    *messages = 0;
+    if (!process_maildir_subdir("new", bytes, messages, newest) ||
+        !process_maildir_subdir("cur", bytes, messages, newest))
+        return 0;
+    const UniqueDir maildir = safe_path::openEntries(AT_FDCWD, ".");
+    if (!maildir)
+        return 0;
+    return visit_folders(maildir, [=](const char* name, EntryType type) noexcept {
+        if (type == EntryType::unknown)
+            (void)std::fprintf(stderr, "unable to stat('%s'). Continue.\n", name);
+        if (type != EntryType::directory)
+            return 1;
+        return process_maildirpp_subfolder(name, bytes, messages, newest);
+    });
+}
+
+int get_maildirpp_folder_mtime(const char* folder, std::time_t* newest) noexcept {
+    for (const char* part : {"cur", "new"}) {
+        char path[PATH_MAX];
+        if (!join_path(path, folder, part))
+            return 0;
+        struct stat status {};
+        if (safe_path::status(AT_FDCWD, path, status) == 0)
+            *newest = std::max(*newest, status.st_mtime);
+        else if (errno != ENOENT && errno != ENOTDIR)
+            return 0;
+    }
+    return 1;
+}
+
+int get_maildirpp_mtime(std::time_t* newest) noexcept {
+    const UniqueDir maildir = safe_path::openEntries(AT_FDCWD, ".");
+    if (!maildir) {
+        messlog2(0, 0, "Unable to open Maildir folder. Has it just been removed?");
+        return 0;
+    }
+    if (!get_maildirpp_folder_mtime(".", newest))
+        return 0;
+    return visit_folders(maildir, [=](const char* name, EntryType type) noexcept {
+        if (type == EntryType::directory)
+            return get_maildirpp_folder_mtime(name, newest);
+        log_bad_entry(name);
+        return 1;
+    });
+}
