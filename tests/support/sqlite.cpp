@@ -1,0 +1,60 @@
+#include "tests/support/sqlite.h"
+
+#include <sqlite3.h>
+
+#include <memory>
+#include <stdexcept>
+
+namespace corvo::test {
+
+namespace {
+
+struct Closer {
+    void operator()(sqlite3* database) const { sqlite3_close(database); }
+};
+using Database = std::unique_ptr<sqlite3, Closer>;
+
+Database open(const std::string& path, int flags) {
+    sqlite3* handle = nullptr;
+    const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
+    Database database(handle);
+    if (result != SQLITE_OK)
+        throw std::runtime_error(path + ": " + sqlite3_errmsg(handle));
+    return database;
+}
+
+void execute(sqlite3* database, const std::string& sql, int (*callback)(void*, int, char**, char**),
+             void* argument) {
+    char* error = nullptr;
+    if (sqlite3_exec(database, sql.c_str(), callback, argument, &error) == SQLITE_OK)
+        return;
+    const std::string text = error != nullptr ? error : "unknown error";
+    sqlite3_free(error);
+    throw std::runtime_error(text + " in: " + sql);
+}
+
+int joinColumns(void* rows, int columns, char** values, char** /*names*/) {
+    std::string row;
+    for (int i = 0; i < columns; ++i) {
+        row += i > 0 ? "|" : "";
+        row += values[i] != nullptr ? values[i] : "NULL";
+    }
+    static_cast<std::vector<std::string>*>(rows)->push_back(row);
+    return 0;
+}
+
+}  // namespace
+
+void sqliteExecute(const std::string& path, const std::string& script) {
+    const Database database = open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    execute(database.get(), script, nullptr, nullptr);
+}
+
+std::vector<std::string> sqliteRows(const std::string& path, const std::string& query) {
+    const Database database = open(path, SQLITE_OPEN_READONLY);
+    std::vector<std::string> rows;
+    execute(database.get(), query, joinColumns, &rows);
+    return rows;
+}
+
+}  // namespace corvo::test

@@ -1,0 +1,273 @@
+// What the tests of the local SQLite databases share: troubles that befall a database file.
+
+#pragma once
+
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sqlite3.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "tests/support/capture.h"
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/sqlite.h"
+
+namespace corvo::test {
+
+inline void checkCall(int result, const std::string& what) {
+    if (result != 0)
+        throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// What the logger prints for these lines, on either stream.
+inline std::string lines(const std::vector<std::string>& texts) {
+    std::string all;
+    for (const std::string& text : texts)
+        all += text + "\n";
+    return all;
+}
+
+/// A test in which every line logged is asserted by expectLogged.
+class SqliteTest : public SandboxTest {
+protected:
+    /// Both streams hold exactly these lines since the last call. After a failure nothing more is
+    /// looked at, since the streams then hold its report.
+    void expectLogged(const std::vector<std::string>& texts) {
+        if (HasFailure())
+            return;
+        const std::string err = output.err();
+        const std::string out = output.out();
+        EXPECT_EQ(err, lines(texts));
+        EXPECT_EQ(out, lines(texts));
+    }
+
+    StreamCapture output;
+};
+
+/// Runs `body` in a forked child: it must print exactly these lines on both streams and end well.
+inline void expectChildLogs(const std::vector<std::string>& texts,
+                            const std::function<void()>& body) {
+    const ProcessResult child = runForked(body);
+    EXPECT_EQ(child.status, 0);
+    EXPECT_EQ(child.err, lines(texts));
+    EXPECT_EQ(child.out, lines(texts));
+}
+
+/// An open database of the test's own.
+class TestDatabase {
+public:
+    explicit TestDatabase(const std::string& path) {
+        if (sqlite3_open(path.c_str(), &handle_) != SQLITE_OK)
+            throw std::runtime_error("open " + path);
+    }
+    ~TestDatabase() { sqlite3_close(handle_); }
+    TestDatabase(const TestDatabase&) = delete;
+    TestDatabase& operator=(const TestDatabase&) = delete;
+
+    sqlite3* get() const { return handle_; }
+    void execute(const std::string& script) const {
+        if (sqlite3_exec(handle_, script.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
+            throw std::runtime_error(script + ": " + sqlite3_errmsg(handle_));
+    }
+
+private:
+    sqlite3* handle_ = nullptr;
+};
+
+/// Lays hands on each connection that is opened while this lives.
+class ConnectionHook {
+public:
+    explicit ConnectionHook(std::function<void(sqlite3*)> hook) {
+        current() = std::move(hook);
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(&opened));
+    }
+    ~ConnectionHook() { sqlite3_reset_auto_extension(); }
+    ConnectionHook(const ConnectionHook&) = delete;
+    ConnectionHook& operator=(const ConnectionHook&) = delete;
+
+private:
+    static std::function<void(sqlite3*)>& current() {
+        static std::function<void(sqlite3*)> hook;
+        return hook;
+    }
+    static int opened(sqlite3* database, const char** /*error*/, const void* /*api*/) {
+        current()(database);
+        return SQLITE_OK;
+    }
+};
+
+/// SQLite finds no memory while this lives.
+class NoSqliteMemory {
+public:
+    NoSqliteMemory() { sqlite3_hard_heap_limit64(1); }
+    ~NoSqliteMemory() { sqlite3_hard_heap_limit64(0); }
+    NoSqliteMemory(const NoSqliteMemory&) = delete;
+    NoSqliteMemory& operator=(const NoSqliteMemory&) = delete;
+};
+
+/// A hook: texts bound to statements on tables may have at most so many bytes.
+template <int bytes>
+void limitBoundTexts(sqlite3* database) {
+    // Not before the statement is known: reading the schema needs longer ones.
+    const auto authorize = [](void* connection, int action, const char*, const char*, const char*,
+                              const char*) {
+        if (action != SQLITE_TRANSACTION && action != SQLITE_SELECT)
+            sqlite3_limit(static_cast<sqlite3*>(connection), SQLITE_LIMIT_LENGTH, bytes);
+        return SQLITE_OK;
+    };
+    sqlite3_set_authorizer(database, authorize, database);
+}
+
+/// A hook: statements that begin or end a transaction are not prepared.
+inline void refuseTransactionStatements(sqlite3* database) {
+    const auto authorize = [](void*, int action, const char*, const char*, const char*,
+                              const char*) {
+        return action == SQLITE_TRANSACTION ? SQLITE_DENY : SQLITE_OK;
+    };
+    sqlite3_set_authorizer(database, authorize, nullptr);
+}
+
+/// A hook: transactions are not ended.
+inline void refuseCommits(sqlite3* database) {
+    sqlite3_commit_hook(
+        database, [](void*) { return 1; }, nullptr);
+}
+
+/// The texts of the statements that run on connections opened while this lives.
+class StatementTrace {
+public:
+    const std::vector<std::string>& statements() const { return seen; }
+
+private:
+    static int note(unsigned /*event*/, void* trace, void* /*statement*/, void* text) {
+        static_cast<StatementTrace*>(trace)->seen.emplace_back(static_cast<const char*>(text));
+        return 0;
+    }
+
+    std::vector<std::string> seen;
+    ConnectionHook hook{
+        [this](sqlite3* database) { sqlite3_trace_v2(database, SQLITE_TRACE_STMT, &note, this); }};
+};
+
+/// Another process that does something with the file.
+class OtherProcess {
+public:
+    /// Returns once `body` has called `ready`.
+    explicit OtherProcess(const std::function<void(const std::function<void()>& ready)>& body) {
+        int ends[2];
+        checkCall(::pipe2(ends, O_CLOEXEC), "pipe2");
+        child = ::fork();
+        if (child == 0) {
+            body([&] { (void)!::write(ends[1], "!", 1); });
+            ::_exit(0);
+        }
+        ::close(ends[1]);
+        char signal = 0;
+        const ssize_t got = ::read(ends[0], &signal, 1);
+        ::close(ends[0]);
+        if (got != 1)
+            throw std::runtime_error("the other process ended too early");
+    }
+    /// Waits for its end; it must have gone well.
+    ~OtherProcess() {
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0) << "the other process failed";
+    }
+    OtherProcess(const OtherProcess&) = delete;
+    OtherProcess& operator=(const OtherProcess&) = delete;
+
+private:
+    pid_t child = -1;
+};
+
+/// Holds a lock on the file in another process, for so long.
+class LockedByAnother : public OtherProcess {
+public:
+    explicit LockedByAnother(const std::string& path, useconds_t microseconds = 2'000'000)
+        : OtherProcess([&](const std::function<void()>& ready) {
+              const TestDatabase database(path);
+              database.execute("BEGIN EXCLUSIVE");
+              ready();
+              ::usleep(microseconds);
+              database.execute("ROLLBACK");
+          }) {}
+};
+
+/// From now on the system call fails, in this process and its children: for forked children.
+inline void failSystemCall(long number, int error) {
+    sock_filter program[] = {
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<unsigned>(number)},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+    };
+    const sock_fprog filter{std::size(program), program};
+    checkCall(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "no new privileges");
+    checkCall(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), "seccomp");
+}
+
+/// From now on this process can have no more than so much memory: for forked children.
+inline void limitMemory(std::size_t bytes) {
+    const rlimit limit{bytes, bytes};
+    checkCall(::setrlimit(RLIMIT_AS, &limit), "limit memory");
+}
+
+/// Bytes that count against limitMemory.
+inline std::size_t memoryInUse() {
+    return std::stoull(contentsOf("/proc/self/statm")) * static_cast<unsigned>(::getpagesize());
+}
+
+/// Takes all the memory there is, to the last piece: for forked children.
+inline void exhaustMemory() {
+    limitMemory(1);
+    // Pieces that were freed are kept by their size, each to be used up.
+    for (std::size_t size = std::size_t{1} << 24; size >= 16; size -= size > 2048 ? size / 2 : 8)
+        for (void* volatile piece = std::malloc(size); piece != nullptr;)
+            piece = std::malloc(size);
+}
+
+/// The file system at `directory` (a mount point) can only be read from now on.
+inline void makeReadOnly(const std::string& directory) {
+    checkCall(::mount(nullptr, directory.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr),
+              "remount read-only");
+}
+
+/// A file system of its own, of so many bytes, at `directory`.
+inline void mountSmall(const std::string& directory, int bytes) {
+    makeDirectory(directory);
+    const std::string options = "size=" + std::to_string(bytes);
+    checkCall(::mount("tmpfs", directory.c_str(), "tmpfs", 0, options.c_str()), "mount");
+}
+
+/// Fills the file system that `directory` is on.
+inline void fill(const std::string& directory) {
+    const int file = ::open((directory + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const std::string block(4096, 'x');
+    while (::write(file, block.data(), block.size()) > 0) {
+    }
+    ::close(file);
+}
+
+inline std::string integrityOf(const std::string& path) {
+    return sqliteRows(path, "PRAGMA integrity_check").at(0);
+}
+
+}  // namespace corvo::test
