@@ -131,4 +131,8 @@ ProcessResult runForked(const std::function<void()>& body, int timeoutSeconds) {
     return runChild(body, timeoutSeconds);
 }
 
+std::string mailRebuildBinary() {
+    return CORVO_MAIL_REBUILD;
+}
+
 }  // namespace corvo::test

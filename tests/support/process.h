@@ -25,4 +25,7 @@ ProcessResult run(const std::vector<std::string>& arguments, const Environment& 
 /// Runs `body` in a forked child, which exits with 0 when it returns.
 ProcessResult runForked(const std::function<void()>& body, int timeoutSeconds = 120);
 
+/// Path of the production binary.
+std::string mailRebuildBinary();
+
 }  // namespace corvo::test

@@ -1,0 +1,44 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <exception>
+
+#include "driver/exception_report.h"
+#include "driver/run.h"
+#include "utils/messlog.h"
+
+namespace {
+
+// A file that the run opens must never become its standard output: messages would go into it.
+void ensureStandardDescriptors() {
+    int fd = 0;
+    do {
+        fd = ::open("/dev/null", O_RDWR);  // root-owned path
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO)
+        ::close(fd);
+}
+
+// A reader that goes away, or a file that meets its size limit, fails the write and not the run.
+void ignoreWriteSignals() {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ensureStandardDescriptors();
+    ignoreWriteSignals();
+    PROGNAME = argv[0];
+    try {
+        return do_main(argc, argv);
+    } catch (const std::exception& e) {
+        corvo::reportException<std::exception>(e);
+        return 1;
+    } catch (...) {
+        corvo::reportUntypedException();
+        return 2;
+    }
+}

@@ -1,0 +1,121 @@
+// What a run needs and whether it gives everything back.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/files.h"
+#include "tests/support/installation.h"
+#include "tests/support/panel.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+namespace corvo::test {
+namespace {
+
+using ::testing::IsEmpty;
+
+// What valgrind says about descriptors that the program opened and left, and about lost memory.
+std::vector<std::string> complaintsIn(const std::string& log) {
+    std::vector<std::string> complaints;
+    std::istringstream lines(log);
+    std::string previous;
+    for (std::string line; std::getline(lines, line); previous = line) {
+        const bool opened = previous.find("== Open ") != std::string::npos &&
+                            line.find("<inherited from parent>") == std::string::npos;
+        if (opened)
+            complaints.push_back(previous);
+        if (line.find("lost in loss record") != std::string::npos)
+            complaints.push_back(line);
+    }
+    return complaints;
+}
+
+class Resources : public SandboxTest {
+protected:
+    Resources() { installMailServer(); }
+
+    // Fills the panel by one statement per table: thousands of sentences would take longer than the
+    // run.
+    void mailboxes(int firstDomain, int domains, int perDomain) {
+        for (int i = firstDomain; i < firstDomain + domains; ++i) {
+            const int id = panel.domain("d" + std::to_string(i) + ".example").id();
+            std::string rows;
+            for (int j = 0; j < perDomain; ++j)
+                rows += (j > 0 ? "," : "") + std::string("(") + std::to_string(id) + ",'m" +
+                        std::to_string(j) + "','true','true','false',1048576)";
+            panel.execute(
+                "INSERT INTO mail (dom_id, mail_name, postbox, delivery, mail_group, mbox_quota)"
+                " VALUES " +
+                rows);
+        }
+    }
+
+    static long peakKiBOfARun() {
+        const ProcessResult result =
+            run({mailRebuildBinary()},
+                {{"LD_PRELOAD", CORVO_PEAK_REPORTER}, {"CORVO_PEAK_FILE", "/run/peak"}});
+        EXPECT_EQ(result.status, 0);
+        return std::stol(contentsOf("/run/peak"));
+    }
+
+    PanelDatabase panel;
+};
+
+TEST_F(Resources, TenTimesTheMailboxesNeedNoMoreMemory) {
+    if (SANITIZED)
+        GTEST_SKIP() << "a sanitizer's memory is not the program's";
+    mailboxes(0, 10, 10);
+    const long hundred = peakKiBOfARun();
+    mailboxes(10, 90, 10);
+
+    const long thousand = peakKiBOfARun();
+
+    EXPECT_EQ(quotaRows().size(), 1000U);
+    // The heap grows in steps of 132 KiB; the result that lists the domains is longer by 90 rows.
+    // A mailbox that kept as little as 200 bytes would show.
+    EXPECT_LE(thousand, hundred + 132);
+}
+
+TEST_F(Resources, ValgrindFindsNoErrorLeakOrOpenDescriptor) {
+    if (SANITIZED)
+        GTEST_SKIP() << "valgrind and a sanitizer exclude each other";
+    loadSample(panel);
+    // A home that is blocked takes the paths where something is left open.
+    writeFile(MAILNAMES + "/example.com/team", "in the way");
+    for (const std::string mode : {"--all", "--fast", "--unknown"}) {
+        SCOPED_TRACE(mode);
+        const ProcessResult result =
+            run({"valgrind", "--quiet", "--track-fds=yes", "--leak-check=full",
+                 "--show-leak-kinds=definite,indirect,possible", "--error-exitcode=99",
+                 "--log-file=/run/valgrind.log", mailRebuildBinary(), mode});
+
+        EXPECT_EQ(result.status, mode == "--unknown" ? 1 : 0);
+        EXPECT_THAT(complaintsIn(contentsOf("/run/valgrind.log")), IsEmpty());
+    }
+}
+
+TEST_F(Resources, EveryConnectionIsClosed) {
+    loadSample(panel);
+    const std::string aborted = "SHOW GLOBAL STATUS LIKE 'Aborted_clients'";
+    const auto before = panel.query(aborted);
+
+    run({mailRebuildBinary()});
+
+    EXPECT_EQ(panel.query(aborted), before);
+    EXPECT_EQ(panel.query("SELECT COUNT(*) FROM information_schema.processlist WHERE user = '" +
+                          panel.user() + "'"),
+              std::vector<std::string>{"0"});
+}
+
+}  // namespace
+}  // namespace corvo::test

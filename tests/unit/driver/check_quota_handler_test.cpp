@@ -1,0 +1,126 @@
+#include "driver/check_quota_handler.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/capture.h"
+#include "tests/support/installation.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/sqlite.h"
+
+namespace {
+
+using namespace corvo::test;
+using Rows = std::vector<std::string>;
+
+const std::string FOREIGN =
+    "1|5|1|10|spam|info@example.com|/usr/local/vhc/handlers/hooks/spam|none|0";
+
+std::string record(const std::string& queue, const std::string& context) {
+    return queue + "|4|1|10|check-quota|all-recipients|/usr/local/vhc/handlers/hooks/check-quota|" +
+           context + "|0";
+}
+
+const Rows TEMPORARY = {record("1", "none"), record("4", "none"), FOREIGN};
+const Rows PERMANENT = {record("1", "permanent"), record("4", "permanent"), FOREIGN};
+
+class CheckQuotaHandlerTest : public SandboxTest {
+protected:
+    CheckQuotaHandlerTest() { installMailServer(); }
+
+    /// Makes additions to a queue fail.
+    static void refuseQueue(int queue) {
+        sqliteExecute(HANDLERS,
+                      "CREATE TRIGGER refuse BEFORE INSERT ON handlers WHEN NEW.queue = " +
+                          std::to_string(queue) + " BEGIN SELECT RAISE(ABORT, 'refused'); END");
+    }
+    void expectLogged(const std::string& text) {
+        const std::string err = output.err();
+        const std::string out = output.out();
+        EXPECT_EQ(err, text);
+        EXPECT_EQ(out, text);
+    }
+
+    StreamCapture output;
+};
+
+const std::string NOT_ADDED = "Unable to add check-quota mail handler.\n";
+const std::string REFUSED =
+    "Unable to execute insert record into handlers database: refused\n" + NOT_ADDED;
+
+TEST_F(CheckQuotaHandlerTest, EveryPairOfSettings) {
+    const struct {
+        int reject;
+        int permanent;
+        Rows rows;
+    } settings[] = {
+        {0, 0, {FOREIGN}}, {0, 1, {FOREIGN}},  {1, 0, TEMPORARY},
+        {1, 1, PERMANENT}, {-5, 7, PERMANENT},
+    };
+    for (const auto& [reject, permanent, rows] : settings) {
+        EXPECT_EQ(restore_check_quota_handler(reject, permanent), 0);
+        EXPECT_EQ(handlerRows(), rows) << reject << ", " << permanent;
+    }
+}
+
+TEST_F(CheckQuotaHandlerTest, RunningTwiceIsRunningOnce) {
+    EXPECT_EQ(restore_check_quota_handler(1, 1), 0);
+    EXPECT_EQ(restore_check_quota_handler(1, 1), 0);
+    EXPECT_EQ(handlerRows(), PERMANENT);
+}
+
+TEST_F(CheckQuotaHandlerTest, ReplacesWhateverHasItsName) {
+    sqliteExecute(HANDLERS,
+                  "INSERT INTO handlers VALUES (9, 9, 0, 9, 'check-quota', 'x@y.z', 'e', 'c', 1);"
+                  "INSERT INTO handlers VALUES (1, 4, 0, 9, 'check-quota', 'all', 'e', 'c', 1)");
+    EXPECT_EQ(restore_check_quota_handler(0, 1), 0);
+    EXPECT_EQ(handlerRows(), Rows{FOREIGN});
+}
+
+TEST_F(CheckQuotaHandlerTest, SettingAloneRemovesNothing) {
+    sqliteExecute(HANDLERS,
+                  "INSERT INTO handlers VALUES (1, 4, 0, 9, 'check-quota', 'all', 'e', 'c', 1)");
+    EXPECT_EQ(set_check_quota_handler(0), 0);
+    EXPECT_EQ(handlerRows().size(), 4U);
+}
+
+TEST_F(CheckQuotaHandlerTest, FirstFailureMeansNoSecondAdd) {
+    refuseQueue(1);
+    EXPECT_EQ(restore_check_quota_handler(1, 0), -1);
+    expectLogged(REFUSED);
+    EXPECT_EQ(handlerRows(), Rows{FOREIGN});
+}
+
+TEST_F(CheckQuotaHandlerTest, SecondFailureLeavesTheFirstRecord) {
+    refuseQueue(4);
+    EXPECT_EQ(restore_check_quota_handler(1, 0), -1);
+    expectLogged(REFUSED);
+    EXPECT_EQ(handlerRows(), (Rows{record("1", "none"), FOREIGN}));
+}
+
+TEST_F(CheckQuotaHandlerTest, FailedRemovalIsIgnored) {
+    sqliteExecute(HANDLERS,
+                  "CREATE TRIGGER refuse BEFORE DELETE ON handlers"
+                  " WHEN OLD.context = 'old' BEGIN SELECT RAISE(ABORT, 'refused'); END;"
+                  "INSERT INTO handlers VALUES (7, 4, 0, 9, 'check-quota', 'all', 'e', 'old', 1)");
+    EXPECT_EQ(restore_check_quota_handler(1, 0), 0);
+    expectLogged("Unable to execute do action on handlers database: refused\n");
+    EXPECT_EQ(handlerRows().size(), 4U);
+    EXPECT_EQ(restore_check_quota_handler(0, 0), 0);
+    expectLogged("Unable to execute do action on handlers database: refused\n");
+}
+
+TEST_F(CheckQuotaHandlerTest, MissingDatabaseIsReportedByEachStep) {
+    std::filesystem::remove_all("/var/lib/corvo/mail");
+    const std::string notOpened =
+        "Unable to open database " + HANDLERS + ": unable to open database file\n";
+    EXPECT_EQ(restore_check_quota_handler(0, 0), 0);
+    expectLogged(notOpened);
+    EXPECT_EQ(restore_check_quota_handler(1, 0), -1);
+    expectLogged(notOpened + notOpened + NOT_ADDED);
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+#include "driver/mailbox_restoration.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/support/capture.h"
+#include "tests/support/files.h"
+#include "tests/support/installation.h"
+#include "tests/support/sandbox.h"
+#include "utils/system_error.h"
+
+namespace corvo {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using namespace test;  // NOLINT(google-build-using-namespace): the test's own vocabulary
+
+std::string messageOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "nothing thrown";
+}
+
+std::vector<std::string> boundSlots(const mail::restore::MailsrvEntitiesCallbacks& slots) {
+    const std::pair<const char*, bool> all[] = {
+        {"registerDomain", !slots.registerDomain.empty()},
+        {"registerDomainAlias", !slots.registerDomainAlias.empty()},
+        {"setDomainCatchall", !slots.setDomainCatchall.empty()},
+        {"registerDomainCertificate", !slots.registerDomainCertificate.empty()},
+        {"registerMailname", !slots.registerMailname.empty()},
+        {"registerMailAlias", !slots.registerMailAlias.empty()},
+        {"registerMailRedirect", !slots.registerMailRedirect.empty()},
+        {"registerMailForwarding", !slots.registerMailForwarding.empty()},
+        {"addWhiteListNetwork", !slots.addWhiteListNetwork.empty()},
+        {"addBlackListedDomain", !slots.addBlackListedDomain.empty()},
+        {"setRBLServers", !slots.setRBLServers.empty()},
+        {"setSubmissionEnabled", !slots.setSubmissionEnabled.empty()},
+        {"setMaxMessageSize", !slots.setMaxMessageSize.empty()},
+        {"setSmtpRelayAndAuth", !slots.setSmtpRelayAndAuth.empty()},
+        {"setShortNamesAuth", !slots.setShortNamesAuth.empty()},
+        {"registerMailbox", !slots.registerMailbox.empty()},
+        {"setMailboxQuota", !slots.setMailboxQuota.empty()},
+        {"enableRejectOverquota", !slots.enableRejectOverquota.empty()},
+        {"restoreRecipientCanonical", !slots.restoreRecipientCanonical.empty()},
+    };
+    std::vector<std::string> bound;
+    for (const auto& [name, isBound] : all)
+        if (isBound)
+            bound.emplace_back(name);
+    return bound;
+}
+
+class MailboxRestoration : public SandboxTest {
+protected:
+    MailboxRestoration() {
+        installMailServer();
+        makeDirectory(MAILNAMES + "/example.com");
+    }
+
+    const std::string home = MAILNAMES + "/example.com/info";
+    MailboxRestorationHelper helper;
+};
+
+TEST_F(MailboxRestoration, FullModeBindsWhatIsRestored) {
+    MailboxRestorationAdaptor adaptor(RestoreModeAll);
+    EXPECT_THAT(boundSlots(adaptor.callbacks()),
+                ElementsAre("registerDomain", "registerMailRedirect", "registerMailForwarding",
+                            "registerMailbox", "setMailboxQuota", "enableRejectOverquota"));
+}
+
+TEST_F(MailboxRestoration, HandlersOnlyModeBindsOneSlot) {
+    MailboxRestorationAdaptor adaptor(RestoreModeHandlersOnly);
+    EXPECT_THAT(boundSlots(adaptor.callbacks()), ElementsAre("enableRejectOverquota"));
+}
+
+TEST_F(MailboxRestoration, AnotherModeBindsNothing) {
+    MailboxRestorationAdaptor adaptor(static_cast<RestoreMode>(2));
+    EXPECT_THAT(boundSlots(adaptor.callbacks()), IsEmpty());
+}
+
+TEST_F(MailboxRestoration, BothForwardingSlotsAddAForward) {
+    MailboxRestorationAdaptor adaptor(RestoreModeAll);
+    adaptor.callbacks().registerMailbox("example.com", "info", false);
+
+    adaptor.callbacks().registerMailRedirect("example.com", "info", "a@example.com");
+    adaptor.callbacks().registerMailForwarding("example.com", "info", "b@example.com");
+
+    EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n&a@example.com\n&b@example.com\n");
+}
+
+TEST_F(MailboxRestoration, NeedsTheOwnerOfMailStorage) {
+    removeUser("popuser");
+    EXPECT_EQ(messageOf([] { MailboxRestorationHelper(); }), "user popusernot found");
+}
+
+TEST_F(MailboxRestoration, ADomainGetsItsRootWhateverItsStatus) {
+    helper.registerDomain("On.Example", false);
+    helper.registerDomain("off.example", true);
+    EXPECT_EQ(modeOf(MAILNAMES + "/on.example"), "0750");
+    EXPECT_EQ(ownerOf(MAILNAMES + "/off.example"), popuser());
+}
+
+TEST_F(MailboxRestoration, AMailboxWithDeliveryGetsTheDefaultLine) {
+    helper.registerMailbox("example.com", "info", true);
+    EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n" + DELIVERY_LINE + "\n");
+}
+
+TEST_F(MailboxRestoration, AMailboxWithoutDeliveryGetsTheResetFile) {
+    helper.registerMailbox("example.com", "info", true);
+    helper.registerMailbox("example.com", "info", false);
+    EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n");
+}
+
+TEST_F(MailboxRestoration, ARedirectMakesNoDirectory) {
+    StreamCapture streams;
+    EXPECT_THROW(helper.registerMailRedirect("example.com", "info", "a@example.com"), SystemError);
+    EXPECT_FALSE(exists(home));
+    EXPECT_THAT(streams.err(), HasSubstr("Unable to add string to " + home + "/.qmail file."));
+    streams.out();
+}
+
+TEST_F(MailboxRestoration, ARedirectOfANameThatIsNoPathComponentIsRefused) {
+    for (const std::string name : {"", ".", "..", "../info", "a/b"}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(
+            messageOf([&] { helper.registerMailRedirect("example.com", name, "a@example.com"); }),
+            "unable to modify " + (MAILNAMES + "/example.com/").append(name) +
+                (name.empty() ? "" : "/") + ".qmail: Invalid argument");
+    }
+}
+
+TEST_F(MailboxRestoration, AQuotaGoesToTheMaildirAndToTheUserDatabase) {
+    helper.registerMailbox("example.com", "info", true);
+    StreamCapture streams;
+
+    helper.setMailboxQuota("example.com", "info", 10485760);
+
+    EXPECT_EQ(streams.err(), "DEBUG setMailboxQuota(..., 10485760)\n");
+    EXPECT_EQ(streams.out(), "");
+    EXPECT_EQ(contentsOf(home + "/Maildir/maildirsize"),
+              "10485760S,0C\n           0           0\n");
+    EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|10485760B"));
+}
+
+TEST_F(MailboxRestoration, AQuotaThatTheMaildirRefusesDoesNotReachTheUserDatabase) {
+    StreamCapture streams;
+
+    EXPECT_EQ(messageOf([&] { helper.setMailboxQuota("example.com", "info", 1000); }),
+              "Unable to store mbox quota");
+
+    const std::string logged = "unable to change to mbox folder " + home +
+                               ": No such file or directory\n"
+                               "System error 2: No such file or directory\n";
+    EXPECT_EQ(streams.err(), "DEBUG setMailboxQuota(..., 1000)\n" + logged);
+    EXPECT_EQ(streams.out(), logged);
+    EXPECT_THAT(quotaRows(), IsEmpty());
+}
+
+TEST_F(MailboxRestoration, AQuotaThatTheUserDatabaseRefusesNamesTheMailbox) {
+    helper.registerMailbox("example.com", "info", true);
+    std::filesystem::remove(USERDB);
+    StreamCapture streams;
+
+    EXPECT_EQ(messageOf([&] { helper.setMailboxQuota("example.com", "info", 1000); }),
+              "Unable to store mbox quota in userdb on mailbox quota restoration for"
+              " 'info@example.com'");
+
+    EXPECT_THAT(streams.err(), HasSubstr("no such table: mailbox_quota\n"));
+    EXPECT_THAT(streams.out(), HasSubstr("no such table: mailbox_quota\n"));
+}
+
+TEST_F(MailboxRestoration, AHandlerThatCannotBeReplacedIsAFailure) {
+    std::filesystem::remove_all("/var/lib/corvo/mail/handlers");
+    StreamCapture streams;
+
+    EXPECT_EQ(messageOf([&] { helper.enableRejectOverquota(true, false); }),
+              "Restore check-quota mail handler");
+
+    EXPECT_THAT(streams.err(), HasSubstr("Unable to add check-quota mail handler.\n"));
+    EXPECT_THAT(streams.out(), HasSubstr("Unable to add check-quota mail handler.\n"));
+}
+
+}  // namespace
+}  // namespace corvo
