@@ -27,7 +27,7 @@ void reportException<std::exception>(const std::exception& e) {
 }
 
 void reportUntypedException() {
-    uerr << "UNSPECIFIED ERROR OCCURED" << std::endl;
-}  // sic
+    uerr << "UNSPECIFIED ERROR OCCURED" << std::endl;  // sic
+}
 
 }  // namespace corvo

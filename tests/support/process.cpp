@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <system_error>
 
@@ -129,6 +130,12 @@ ProcessResult run(const std::vector<std::string>& arguments, const Environment& 
 
 ProcessResult runForked(const std::function<void()>& body, int timeoutSeconds) {
     return runChild(body, timeoutSeconds);
+}
+
+std::string preloadable(const std::string& library) {
+    const std::filesystem::path copy = "/run" / std::filesystem::path(library).filename();
+    std::filesystem::copy_file(library, copy, std::filesystem::copy_options::overwrite_existing);
+    return copy;
 }
 
 std::string mailRebuildBinary() {

@@ -25,6 +25,9 @@ ProcessResult run(const std::vector<std::string>& arguments, const Environment& 
 /// Runs `body` in a forked child, which exits with 0 when it returns.
 ProcessResult runForked(const std::function<void()>& body, int timeoutSeconds = 120);
 
+/// A copy of a library under a path that LD_PRELOAD can name: without blanks and colons.
+std::string preloadable(const std::string& library);
+
 /// Path of the production binary.
 std::string mailRebuildBinary();
 

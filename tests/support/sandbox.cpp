@@ -109,6 +109,7 @@ void resetSandbox() {
     }
     fs::create_directories(MAILNAMES);
     fs::create_directories("/run/lock/files");
+    fs::permissions("/run/lock/files", fs::perms::owner_all);
     fs::remove(DELIVERQUOTA);
     fs::remove(DOVECOT_LDA);
     writeAccounts();

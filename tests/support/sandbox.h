@@ -26,7 +26,7 @@ inline constexpr gid_t STRANGER_GID = 1042;
 std::string enterSandbox();
 
 /// Brings the sandbox to its first state: empty /etc/vhc, /var/lib/corvo; /var/qmail/mailnames
-/// (root:root 0755) and /run/lock/files (root:root 0755) without entries; accounts popuser (with a
+/// (root:root 0755) and /run/lock/files (root:root 0700) without entries; accounts popuser (with a
 /// group of the same name) and stranger; no delivery agent; current directory "/", umask 022.
 void resetSandbox();
 

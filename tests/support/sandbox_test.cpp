@@ -17,7 +17,7 @@ class Sandbox : public SandboxTest {};
 
 TEST_F(Sandbox, StartsWithEmptyStorage) {
     EXPECT_EQ(listTree("/var/qmail"), "d 0755 0:0 mailnames\n");
-    EXPECT_EQ(listTree("/run"), "d 0755 0:0 lock\nd 0755 0:0 lock/files\n");
+    EXPECT_EQ(listTree("/run"), "d 0755 0:0 lock\nd 0700 0:0 lock/files\n");
     EXPECT_EQ(listTree("/etc/vhc"), "");
     EXPECT_EQ(listTree("/var/lib/corvo"), "");
 }

@@ -18,9 +18,13 @@ namespace corvo {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 using namespace test;  // NOLINT(google-build-using-namespace): the test's own vocabulary
+
+// The last would be "info" to whoever reads a text up to its first zero byte.
+const std::vector<std::string> NO_PATH_COMPONENTS = {"",        ".",   "..",
+                                                     "../info", "a/b", std::string("info\0x", 6)};
 
 std::string messageOf(const std::function<void()>& action) {
     try {
@@ -125,17 +129,24 @@ TEST_F(MailboxRestoration, ARedirectMakesNoDirectory) {
     StreamCapture streams;
     EXPECT_THROW(helper.registerMailRedirect("example.com", "info", "a@example.com"), SystemError);
     EXPECT_FALSE(exists(home));
-    EXPECT_THAT(streams.err(), HasSubstr("Unable to add string to " + home + "/.qmail file."));
-    streams.out();
+    const std::string logged = "Unable to open file " + home +
+                               "/.qmail: No such file or directory\n\n"
+                               "System error 2: No such file or directory\n"
+                               "Unable to add string to " +
+                               home + "/.qmail file.\n";
+    EXPECT_EQ(streams.err(), logged);
+    EXPECT_EQ(streams.out(), logged);
 }
 
 TEST_F(MailboxRestoration, ARedirectOfANameThatIsNoPathComponentIsRefused) {
-    for (const std::string name : {"", ".", "..", "../info", "a/b"}) {
+    for (const std::string& name : NO_PATH_COMPONENTS) {
         SCOPED_TRACE(name);
+        const std::string path =
+            MAILNAMES + "/example.com/" + name + (name.empty() ? "" : "/") + ".qmail";
+        // The text of an exception ends at a zero byte.
         EXPECT_EQ(
             messageOf([&] { helper.registerMailRedirect("example.com", name, "a@example.com"); }),
-            "unable to modify " + (MAILNAMES + "/example.com/").append(name) +
-                (name.empty() ? "" : "/") + ".qmail: Invalid argument");
+            std::string("unable to modify ") + path.c_str() + ": Invalid argument");
     }
 }
 
@@ -166,6 +177,23 @@ TEST_F(MailboxRestoration, AQuotaThatTheMaildirRefusesDoesNotReachTheUserDatabas
     EXPECT_THAT(quotaRows(), IsEmpty());
 }
 
+TEST_F(MailboxRestoration, AQuotaOfANameThatIsNoPathComponentIsRefused) {
+    helper.registerMailbox("example.com", "info", true);
+    for (const std::string& name : NO_PATH_COMPONENTS) {
+        SCOPED_TRACE(name);
+        StreamCapture streams;
+        EXPECT_EQ(messageOf([&] { helper.setMailboxQuota("example.com", name, 1000); }),
+                  "Unable to store mbox quota");
+        EXPECT_THAT(streams.err(),
+                    MatchesRegex("DEBUG setMailboxQuota\\(..., 1000\\)\nunable to change to mbox"
+                                 " folder /var/qmail/mailnames/example.com/[^\n]*: Invalid"
+                                 " argument\nSystem error 22: Invalid argument\n"));
+        streams.out();
+    }
+    EXPECT_FALSE(exists(home + "/Maildir/maildirsize"));
+    EXPECT_THAT(quotaRows(), IsEmpty());
+}
+
 TEST_F(MailboxRestoration, AQuotaThatTheUserDatabaseRefusesNamesTheMailbox) {
     helper.registerMailbox("example.com", "info", true);
     std::filesystem::remove(USERDB);
@@ -175,8 +203,11 @@ TEST_F(MailboxRestoration, AQuotaThatTheUserDatabaseRefusesNamesTheMailbox) {
               "Unable to store mbox quota in userdb on mailbox quota restoration for"
               " 'info@example.com'");
 
-    EXPECT_THAT(streams.err(), HasSubstr("no such table: mailbox_quota\n"));
-    EXPECT_THAT(streams.out(), HasSubstr("no such table: mailbox_quota\n"));
+    const std::string logged =
+        "Unable to prepare SQL statement for query 'REPLACE INTO mailbox_quota (domain_name,"
+        " mailbox_name, quota) VALUES (?, ?, ?)': no such table: mailbox_quota\n";
+    EXPECT_EQ(streams.err(), "DEBUG setMailboxQuota(..., 1000)\n" + logged);
+    EXPECT_EQ(streams.out(), logged);
 }
 
 TEST_F(MailboxRestoration, AHandlerThatCannotBeReplacedIsAFailure) {
@@ -186,8 +217,12 @@ TEST_F(MailboxRestoration, AHandlerThatCannotBeReplacedIsAFailure) {
     EXPECT_EQ(messageOf([&] { helper.enableRejectOverquota(true, false); }),
               "Restore check-quota mail handler");
 
-    EXPECT_THAT(streams.err(), HasSubstr("Unable to add check-quota mail handler.\n"));
-    EXPECT_THAT(streams.out(), HasSubstr("Unable to add check-quota mail handler.\n"));
+    const std::string unableToOpen =
+        "Unable to open database " + HANDLERS + ": unable to open database file\n";
+    const std::string logged =
+        unableToOpen + unableToOpen + "Unable to add check-quota mail handler.\n";
+    EXPECT_EQ(streams.err(), logged);
+    EXPECT_EQ(streams.out(), logged);
 }
 
 }  // namespace
