@@ -16,7 +16,7 @@ namespace {
 
 bool isRegularFile(const char* path) {
     struct stat status {};
-    return stat(path, &status) == 0 && S_ISREG(status.st_mode);
+    return stat(path, &status) == 0 && S_ISREG(status.st_mode);  // root-owned path
 }
 
 bool isHeader(std::string_view line) {
