@@ -93,12 +93,12 @@ int fix_mh_db_permissions(const char* path) noexcept {
                   errno == 0 ? "Group not found" : std::strerror(errno));
         return -1;
     }
-    const char* failed = nullptr;
+    corvo::safe_path::PermissionStep failed{};
     if (corvo::safe_path::setOwnerAndMode(AT_FDCWD, path, 0, owners->gr_gid, DATABASE_MODE,
                                           &failed) == 0)
         return 0;
     const corvo::ErrnoGuard keepErrno;
-    if (std::strcmp(failed, "chmod") == 0)
+    if (failed == corvo::safe_path::PermissionStep::chmod)
         corvo_log(2, "Unable to set permissions on %s: %s", path, std::strerror(errno));
     else
         corvo_log(2, "Unable to set owner on %s: %s", path, std::strerror(errno));

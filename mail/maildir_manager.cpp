@@ -180,10 +180,10 @@ UniqueFd MaildirManager::makeEntry(int parent, const char* name, const fs::path&
 }
 
 void MaildirManager::takeOver(int directory, const fs::path& path, mode_t mode) const {
-    const char* failed = nullptr;
+    safe_path::PermissionStep failed{};
     if (safe_path::setOwnerAndMode(directory, ownerUid, ownerGid, mode, &failed) != 0) {
         const int error = errno;
-        throw FSError(failed, path, error);
+        throw FSError(failed == safe_path::PermissionStep::chmod ? "chmod" : "chown", path, error);
     }
 }
 

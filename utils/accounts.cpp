@@ -14,23 +14,23 @@
 
 namespace {
 
-struct passwd* find_user(const char* name) noexcept {
+struct passwd* findUser(const char* name) noexcept {
     errno = 0;
     return getpwnam(name);
 }
 
 /// What kept a look-up from finding: the error of the databases, or `absent`.
 const char* reason(const char* absent) noexcept {
-    return errno != 0 ? strerror(errno) : absent;
+    return errno != 0 ? std::strerror(errno) : absent;
 }
 
-bool is_number(const char* text) noexcept {
-    return text[strspn(text, "0123456789")] == '\0';
+bool isNumber(const char* text) noexcept {
+    return text[std::strspn(text, "0123456789")] == '\0';
 }
 
-struct group* lookup_gid(const char* digits) noexcept {
+struct group* lookupGid(const char* digits) noexcept {
     // Too large a number is the largest one, which names no group; it must not wrap to another's.
-    const unsigned long number = strtoul(digits, nullptr, 10);
+    const unsigned long number = std::strtoul(digits, nullptr, 10);
     const auto gid = static_cast<gid_t>(std::min<unsigned long>(number, UINT_MAX));
     errno = 0;
     struct group* const found = getgrgid(gid);
@@ -44,8 +44,8 @@ struct group* lookup_gid(const char* digits) noexcept {
 struct group* lookup_group(const char* name_or_number) noexcept {
     if (name_or_number == nullptr || *name_or_number == '\0')
         return nullptr;
-    if (is_number(name_or_number))
-        return lookup_gid(name_or_number);
+    if (isNumber(name_or_number))
+        return lookupGid(name_or_number);
     errno = 0;
     struct group* const found = getgrnam(name_or_number);
     if (found == nullptr)
@@ -65,7 +65,7 @@ gid_t get_group_if_exists(const char* name, int* found) noexcept {
 }
 
 int corvo_getpw(const char* name, uid_t* uid, gid_t* gid, char** home) noexcept {
-    const struct passwd* const user = find_user(name);
+    const struct passwd* const user = findUser(name);
     corvo::UniqueCString copy(user != nullptr && home != nullptr ? strdup(user->pw_dir) : nullptr);
     if (user == nullptr || (home != nullptr && !copy)) {
         messlog2(0, 0, "Unable to getpwnam for user %s", name);
@@ -89,7 +89,7 @@ id_t corvo_ugid(const char* name, int want_gid) noexcept {
 }
 
 uid_t get_user_id(const char* name) noexcept {
-    const struct passwd* const user = find_user(name);
+    const struct passwd* const user = findUser(name);
     if (user != nullptr)
         return user->pw_uid;
     messlog2(0, 0, "Unable to find uid for user %s: %s", name, reason("User not found"));
@@ -101,8 +101,8 @@ const char* get_user_name(uid_t uid) noexcept {
     errno = 0;
     const struct passwd* const user = getpwuid(uid);
     if (user != nullptr)
-        (void)snprintf(name, sizeof name, "%s", user->pw_name);
+        (void)std::snprintf(name, sizeof name, "%s", user->pw_name);
     else
-        (void)snprintf(name, sizeof name, "%u", uid);
+        (void)std::snprintf(name, sizeof name, "%u", uid);
     return name;
 }

@@ -13,6 +13,7 @@
 
 #include "utils/guards.h"
 #include "utils/messlog.h"
+#include "utils/numeric.h"
 #include "utils/safe_path.h"
 
 namespace safe_path = corvo::safe_path;
@@ -23,31 +24,26 @@ namespace {
 void chownNewDirectory(const char* path, uid_t uid, gid_t gid) noexcept {
     const corvo::UniqueFd directory = safe_path::openDirectory(AT_FDCWD, path);
     if (!directory || fchown(directory.get(), uid, gid) != 0)
-        messlog2(0, 0, "Cannot chown %s: %s", path, strerror(errno));
+        messlog2(0, 0, "Cannot chown %s: %s", path, std::strerror(errno));
 }
 
 /// One step of make_dir_rec.
 void makeOneDirectory(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
     const int made = safe_path::makeDirectory(AT_FDCWD, path, mode);
     if (made < 0)
-        messlog2(1, 1, "Cannot create directory %s: %s", path, strerror(errno));
+        messlog2(1, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
     else if (made == 0)
         chownNewDirectory(path, uid, gid);
 }
 
 /// Appends "/" and a name to a path; false with ENAMETOOLONG when they do not fit.
 bool appendName(char (&path)[PATH_MAX], const char* name) noexcept {
-    const std::size_t length = strlen(path);
-    const int added = snprintf(path + length, sizeof path - length, "/%s", name);
+    const std::size_t length = std::strlen(path);
+    const int added = std::snprintf(path + length, sizeof path - length, "/%s", name);
     if (added >= 0 && static_cast<std::size_t>(added) < sizeof path - length)
         return true;
     errno = ENAMETOOLONG;
     return false;
-}
-
-void addSize(off_t size, long long& sum) noexcept {
-    if (__builtin_add_overflow(sum, size, &sum))
-        sum = LLONG_MAX;
 }
 
 /// Opens a directory below another one; null with ENOTDIR for links and all that is no directory.
@@ -68,7 +64,7 @@ int addEntry(DIR* parent, const char* name, int depth, long long& sum) noexcept 
         return errno == ENOENT ? 0 : -1;
     if (S_ISDIR(seen.st_mode))
         return addSizesBelow(parent, name, depth + 1, sum);
-    addSize(seen.st_size, sum);
+    sum = corvo::addSaturated(sum, seen.st_size);
     return 0;
 }
 
@@ -90,7 +86,7 @@ int addSizesBelow(DIR* parent, const char* name, int depth, long long& sum) noex
 /// Looks for `name` in the directory that `path` names, then below it; leaves the path of what was
 /// found in `path`. False with errno: ENOENT when there is nothing.
 bool findBelow(DIR* directory, const char* name, int depth, char (&path)[PATH_MAX]) noexcept {
-    const std::size_t length = strlen(path);
+    const std::size_t length = std::strlen(path);
     struct stat ignored = {};
     if (fstatat(dirfd(directory), name, &ignored, AT_SYMLINK_NOFOLLOW) == 0)
         return appendName(path, name);
@@ -108,26 +104,21 @@ bool findBelow(DIR* directory, const char* name, int depth, char (&path)[PATH_MA
     return false;
 }
 
-bool isName(const char* name) noexcept {
-    return *name != '\0' && strchr(name, '/') == nullptr && strcmp(name, ".") != 0 &&
-           strcmp(name, "..") != 0;
-}
-
 }  // namespace
 
 int make_dir(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
     errno = 0;
     if (safe_path::makeDirectory(AT_FDCWD, path, mode) < 0) {
-        messlog2(0, 0, "ERROR: Unable to mkdir %s: %s\n", path, strerror(errno));
+        messlog2(0, 0, "ERROR: Unable to mkdir %s: %s\n", path, std::strerror(errno));
         return -1;
     }
-    const char* failed = nullptr;
+    safe_path::PermissionStep failed{};
     if (safe_path::setOwnerAndMode(AT_FDCWD, path, uid, gid, mode, &failed) == 0 || errno == ENOENT)
         return 0;
-    if (strcmp(failed, "chmod") == 0)
-        messlog2(0, 0, "ERROR: Unable to chmod %s: %s\n", path, strerror(errno));
+    if (failed == safe_path::PermissionStep::chmod)
+        messlog2(0, 0, "ERROR: Unable to chmod %s: %s\n", path, std::strerror(errno));
     else
-        messlog2(0, 0, "ERROR: Unable to chown %s: %s\n", path, strerror(errno));
+        messlog2(0, 0, "ERROR: Unable to chown %s: %s\n", path, std::strerror(errno));
     return -1;
 }
 
@@ -141,7 +132,7 @@ int make_dir_rec(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
     for (std::size_t end = 1; path[0] != '\0' && path[end] != '\0' && end < sizeof parent; ++end) {
         if (path[end] != '/')
             continue;
-        memcpy(parent, path, end);
+        std::memcpy(parent, path, end);
         parent[end] = '\0';
         makeOneDirectory(parent, uid, gid, mode & 0777);
     }
@@ -152,7 +143,7 @@ int make_dir_rec(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
 int createNestedDirectory(const char* path, mode_t mode) noexcept {
     if (safe_path::makeDirectories(AT_FDCWD, path, mode))
         return 0;
-    messlog2(0, 0, "Unable to create directory %s: %s\n", path, strerror(errno));
+    messlog2(0, 0, "Unable to create directory %s: %s\n", path, std::strerror(errno));
     return -1;
 }
 
@@ -161,13 +152,14 @@ int rename_dir(const char* from, const char* to) noexcept {
     if (safe_path::status(AT_FDCWD, from, ignored) != 0 && errno == ENOENT)
         return 0;
     if (safe_path::status(AT_FDCWD, to, ignored) == 0) {
-        errno = EEXIST;
+        errno = 0;  // the message tells it all
         messlog2(0, 0, "Directory rename error: target directory %s already exists.\n", to);
+        errno = EEXIST;
         return -1;
     }
     if (safe_path::renameEntry(AT_FDCWD, from, to) == 0)
         return 0;
-    messlog2(0, 0, "Remaming %s to %s failed: %s\n", from, to, strerror(errno));  // sic
+    messlog2(0, 0, "Remaming %s to %s failed: %s\n", from, to, std::strerror(errno));  // sic
     return -1;
 }
 
@@ -190,7 +182,7 @@ long count_cur_dir() noexcept {
 }
 
 char* find_file(const char* directory, const char* name) noexcept {
-    if (!isName(name)) {
+    if (!safe_path::isComponent(name)) {
         errno = EINVAL;
         return nullptr;
     }
@@ -198,7 +190,7 @@ char* find_file(const char* directory, const char* name) noexcept {
     char path[PATH_MAX];
     if (!entries)
         return nullptr;
-    (void)snprintf(path, sizeof path, "%s", directory);
+    (void)std::snprintf(path, sizeof path, "%s", directory);
     return findBelow(entries.get(), name, 0, path) ? strdup(path) : nullptr;
 }
 
@@ -208,7 +200,7 @@ char* find_case_file_in_dir(const char* directory, const char* name) noexcept {
         return nullptr;
     corvo::UniqueCString found;
     while (const dirent* const entry = safe_path::nextEntry(entries.get())) {
-        const bool isExact = strcmp(entry->d_name, name) == 0;
+        const bool isExact = std::strcmp(entry->d_name, name) == 0;
         if (!isExact && (found || strcasecmp(entry->d_name, name) != 0))
             continue;
         found.reset(strdup(entry->d_name));

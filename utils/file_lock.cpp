@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
+#include <memory>
 
 #include "utils/digest.h"
 #include "utils/guards.h"
@@ -20,48 +20,12 @@ namespace {
 constexpr const char* LOCK_FOLDER = "/run/lock/files";
 constexpr int EXCLUSIVE_OPEN = O_RDWR | O_CREAT | O_TRUNC;
 
-/// What a lock_handle really is: ready to be kept without another allocation.
-struct LinkedLock : lock_handle {
-    LinkedLock* next;
+struct LockFreer {
+    void operator()(lock_handle* lock) const noexcept { free_lock(lock); }
 };
 
-/// What keep_lock was given, until the process ends.
-class KeptLocks {
-public:
-    KeptLocks() noexcept = default;
-    ~KeptLocks() {
-        while (first_ != nullptr)
-            freeAt(&first_);
-    }
-    KeptLocks(const KeptLocks&) = delete;
-    KeptLocks& operator=(const KeptLocks&) = delete;
-
-    void add(LinkedLock* lock) noexcept {
-        lock->next = first_;
-        first_ = lock;
-    }
-
-    /// Frees the lock on a lock file, if it is one of them.
-    void free(const char* lockPath) noexcept {
-        for (LinkedLock** place = &first_; *place != nullptr; place = &(*place)->next) {
-            if (strcmp((*place)->path, lockPath) == 0) {
-                freeAt(place);
-                return;
-            }
-        }
-    }
-
-private:
-    static void freeAt(LinkedLock** place) noexcept {
-        LinkedLock* const lock = *place;
-        *place = lock->next;
-        free_lock(lock);
-    }
-
-    LinkedLock* first_ = nullptr;
-};
-
-KeptLocks keptLocks;
+/// What keep_lock was given last, until the process ends.
+std::unique_ptr<lock_handle, LockFreer> keptLock;
 
 /// Opens a lock file, and empties it only when it is surely one.
 corvo::UniqueFd openLockFile(const char* path, int flags) noexcept {
@@ -76,12 +40,12 @@ corvo::UniqueFd openLockFile(const char* path, int flags) noexcept {
 }
 
 /// An empty handle for a lock file; takes the path over.
-LinkedLock* makeHandle(char* lockPath) noexcept {
+lock_handle* makeHandle(char* lockPath) noexcept {
     corvo::UniqueCString path(lockPath);
-    void* const memory = malloc(sizeof(LinkedLock));
-    if (memory == nullptr)
-        return nullptr;
-    return new (memory) LinkedLock{{-1, path.release()}, nullptr};
+    auto* const lock = static_cast<lock_handle*>(std::malloc(sizeof(lock_handle)));
+    if (lock != nullptr)
+        *lock = {-1, path.release()};
+    return lock;
 }
 
 }  // namespace
@@ -98,14 +62,14 @@ lock_handle* mk_lock_(const char* path, int open_flags, int flock_op, int by_nam
     char* const lockPath = by_name != 0 ? mk_flock_path(path) : strdup(path);
     if (lockPath == nullptr)
         return nullptr;
-    keptLocks.free(lockPath);
-    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): what was freed is another string of equal text
-    LinkedLock* const lock = makeHandle(lockPath);
+    if (keptLock && std::strcmp(keptLock->path, lockPath) == 0)
+        keptLock.reset();
+    lock_handle* const lock = makeHandle(lockPath);
     if (lock == nullptr)
         return nullptr;
     corvo::UniqueFd file = openLockFile(lock->path, open_flags);
     if (!file) {
-        messlog2(0, 0, "Unable to open file \"%s\": %s.", lock->path, strerror(errno));
+        messlog2(0, 0, "Unable to open file \"%s\": %s.", lock->path, std::strerror(errno));
         return lock;
     }
     if (corvo::retryOnEintr([&] { return flock(file.get(), flock_op); }) == 0)
@@ -137,7 +101,7 @@ int rm_lock(lock_handle* lock) noexcept {
     int result = 0;
     if (lock->fd > 0 && close(lock->fd) != 0) {
         messlog2(0, 0, "An error occured during closing '%s' file: %s\n",  // sic
-                 lock->path, strerror(errno));
+                 lock->path, std::strerror(errno));
         result = -1;
     }
     lock->fd = -1;
@@ -151,11 +115,11 @@ void free_lock(lock_handle* lock) noexcept {
     const corvo::ErrnoGuard keepErrno;
     if (lock->fd > 0)
         (void)close(lock->fd);
-    free(lock->path);
-    free(lock);
+    std::free(lock->path);
+    std::free(lock);
 }
 
 void keep_lock(lock_handle* lock) noexcept {
     if (lock != nullptr)
-        keptLocks.add(static_cast<LinkedLock*>(lock));
+        keptLock.reset(lock);
 }

@@ -40,6 +40,7 @@ int rm_lock(lock_handle* lock) noexcept;
 /// Releases and frees without logging; keeps errno. Null is allowed.
 void free_lock(lock_handle* lock) noexcept;
 
-/// Leaves the lock held until the process ends or takes the same lock file again: the next mk_lock_
-/// of that lock file frees it first, so that a process never waits for itself. Null is allowed.
+/// Leaves the lock held until the process ends, keeps another lock, or takes the same lock file
+/// again: one lock is kept at most, and the next mk_lock_ of its lock file frees it first, so that
+/// a process never waits for itself. Null is allowed and changes nothing.
 void keep_lock(lock_handle* lock) noexcept;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <syslog.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -17,13 +18,15 @@ namespace safe_path = corvo::safe_path;
 
 namespace {
 
+using safe_path::PermissionStep;
+
 /// What setOwnerAndMode could not do. Keeps errno.
-void logPermissionFailure(const char* path, const char* failed) noexcept {
+void logPermissionFailure(const char* path, PermissionStep failed) noexcept {
     const corvo::ErrnoGuard keepErrno;
-    if (strcmp(failed, "chmod") == 0)
-        corvo_log(3, "ERROR: unable to chmod %s: %s\n", path, strerror(errno));
+    if (failed == PermissionStep::chmod)
+        corvo_log(LOG_ERR, "ERROR: unable to chmod %s: %s\n", path, std::strerror(errno));
     else
-        corvo_log(3, "ERROR: unable to chown %s: %s\n", path, strerror(errno));
+        corvo_log(LOG_ERR, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
 }
 
 /// True when there is nothing at a path that could not be opened. Keeps errno.
@@ -38,22 +41,29 @@ int openAndClose(const char* path, int flags) noexcept {
     return file ? file.close() : -1;
 }
 
+/// The message tells it all, so it goes without the text of an errno.
+int bufferTooShort() noexcept {
+    errno = 0;
+    messlog2(0, 0, "The buffer too short\n");
+    errno = ERANGE;
+    return -1;
+}
+
 /// Reads to the end of the first line. 0, or -1 with errno after a report.
 int readLine(std::FILE* stream, char* buffer, std::size_t size) noexcept {
+    if (size == 0)
+        return bufferTooShort();
     std::size_t length = 0;
     int character = EOF;
-    while ((character = getc(stream)) != EOF && character != '\n') {
-        if (length + 1 >= size) {
-            errno = ERANGE;
-            messlog2(0, 0, "The buffer too short\n");
-            return -1;
-        }
+    while ((character = std::getc(stream)) != EOF && character != '\n') {
+        if (length + 1 >= size)
+            return bufferTooShort();
         buffer[length++] = static_cast<char>(character);
     }
-    if (character == EOF && (length == 0 || ferror(stream) != 0)) {
-        if (ferror(stream) == 0)
+    if (character == EOF && (length == 0 || std::ferror(stream) != 0)) {
+        if (std::ferror(stream) == 0)
             errno = ENODATA;
-        messlog2(0, 0, "Unable to read line from file: %s\n", strerror(errno));
+        messlog2(0, 0, "Unable to read line from file: %s\n", std::strerror(errno));
         return -1;
     }
     buffer[length] = '\0';
@@ -63,7 +73,7 @@ int readLine(std::FILE* stream, char* buffer, std::size_t size) noexcept {
 }  // namespace
 
 int file_set_perms_internal(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
-    const char* failed = nullptr;
+    PermissionStep failed{};
     if (safe_path::setOwnerAndMode(AT_FDCWD, path, uid, gid, mode, &failed) == 0)
         return 0;
     logPermissionFailure(path, failed);
@@ -72,10 +82,10 @@ int file_set_perms_internal(const char* path, uid_t uid, gid_t gid, mode_t mode)
 
 int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
     errno = 0;
-    const char* failed = nullptr;
+    PermissionStep failed{};
     if (safe_path::setOwnerAndMode(AT_FDCWD, path, uid, gid, mode, &failed) == 0)
         return 0;
-    if (strcmp(failed, "open") == 0 && isOutOfReach(path))
+    if (failed == PermissionStep::open && isOutOfReach(path))
         return 0;
     logPermissionFailure(path, failed);
     return -1;
@@ -97,32 +107,31 @@ int create_empty_file(const char* path) noexcept {
     if (openAndClose(path, O_WRONLY | O_CREAT | O_TRUNC) == 0)
         return 0;
     const corvo::ErrnoGuard keepErrno;
-    corvo_log(3, "Unable to truncate or create file %s: %s", path, strerror(errno));
+    corvo_log(LOG_ERR, "Unable to truncate or create file %s: %s", path, std::strerror(errno));
     return -1;
 }
 
 int create_file(const char* path) noexcept {
     if (openAndClose(path, O_WRONLY | O_CREAT) == 0)
         return 0;
-    messlog2(0, 0, "Unable to create file %s: %s", path, strerror(errno));
+    messlog2(0, 0, "Unable to create file %s: %s", path, std::strerror(errno));
     return -1;
 }
 
 int p_fclose(std::FILE* stream) noexcept {
-    if (fclose(stream) == 0)
+    if (std::fclose(stream) == 0)
         return 0;
-    messlog2(0, 0, "Unable to close the file: %s\n", strerror(errno));
+    messlog2(0, 0, "Unable to close the file: %s\n", std::strerror(errno));
     return -1;
 }
 
 int get_string_from_file(const char* path, char* buffer, std::size_t size) noexcept {
-    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, path, O_RDONLY);
-    const corvo::UniqueFile stream(file ? fdopen(file.get(), "r") : nullptr);
+    const corvo::UniqueFile stream =
+        corvo::openStream(safe_path::openFile(AT_FDCWD, path, O_RDONLY), "r");
     if (!stream) {
-        messlog2(0, 0, "Unable to open file %s: %s\n", path, strerror(errno));
+        messlog2(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
         return -1;
     }
-    (void)file.release();
     return readLine(stream.get(), buffer, size);
 }
 
@@ -155,6 +164,6 @@ char* asprintf_safe(const char* format, ...) noexcept {
     va_end(arguments);
     if (length >= 0)
         return text;
-    messlog2(1, 1, "Cannot allocate memory: %s", strerror(errno));
+    messlog2(1, 1, "Cannot allocate memory: %s", std::strerror(errno));
     return nullptr;
 }

@@ -16,7 +16,7 @@
 int file_set_perms_internal(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept;
 
 /// As file_set_perms_internal, but a path that cannot be stat'ed is left alone (result 0); a link
-/// that is not followed because of its owner is a failure. Clears errno first.
+/// that safe_path does not follow is a failure. Clears errno first.
 int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept;
 
 /// file_set_perms with the uid and primary gid of `user`. An unknown user is ENOENT.
@@ -32,8 +32,8 @@ int create_file(const char* path) noexcept;
 int p_fclose(std::FILE* stream) noexcept;
 
 /// Reads the first line, without its newline, into `buffer`; the end of the file may end it, too. A
-/// file without a line is ENODATA, a line that does not fit in `size` - 1 characters ERANGE. After
-/// a failure the buffer's contents are undefined.
+/// file without a line is ENODATA, a line that does not fit in `size` - 1 characters ERANGE, as is
+/// a size of 0. After a failure the buffer's contents are undefined.
 int get_string_from_file(const char* path, char* buffer, std::size_t size) noexcept;
 
 /// "regular file", "directory", "symbolic link", "block device", "character device", "fifo",

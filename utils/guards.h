@@ -86,6 +86,15 @@ struct FileCloser {
 /// Owns a stdio stream.
 using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
+/// A stdio stream that takes an open file over, as fdopen does with `mode`. Null for no file, and
+/// with errno on failure; the file is then closed.
+inline UniqueFile openStream(UniqueFd file, const char* mode) noexcept {
+    UniqueFile stream(file ? ::fdopen(file.get(), mode) : nullptr);
+    if (stream)
+        (void)file.release();
+    return stream;
+}
+
 struct DirCloser {
     void operator()(DIR* directory) const noexcept {
         const ErrnoGuard keepErrno;

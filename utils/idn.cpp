@@ -31,6 +31,9 @@ char* orExit(char* result, const char* function, const char* argument) {
 }
 
 std::string convert(const std::string& name, Converter converter) {
+    // libidn would convert no more than what stands before a zero byte.
+    if (name.find('\0') != std::string::npos)
+        throw corvo::idn::IdnaError(IDNA_CONTAINS_NON_LDH);
     char* output = nullptr;
     const int code = converter(name.c_str(), &output, 0);
     const corvo::UniqueCString result(output);

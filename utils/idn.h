@@ -52,8 +52,8 @@ private:
     int errorCode;
 };
 
-/// The forms of a host name. Throw IdnaError, or std::bad_alloc when libidn succeeds without a
-/// result; idn_errno stays as it is.
+/// The forms of a host name. Throw IdnaError, with code 3 for a name that holds a zero byte, or
+/// std::bad_alloc when libidn succeeds without a result; idn_errno stays as it is.
 std::string toAscii(const std::string& name);
 std::string toUtf8(const std::string& name);
 

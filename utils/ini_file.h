@@ -11,7 +11,8 @@
 /// The value of `key` in `section`, newly allocated (free with free()): the first match, trimmed,
 /// possibly empty. Null when there is none, when `path` is no regular file (silently), or when it
 /// cannot be opened ("Failed to open %s: %s" on standard error, without a newline). ';' starts a
-/// comment, in values too. Clears errno first.
+/// comment, in values too. Clears errno first; null with ENOMEM says that memory ran out before the
+/// key was found.
 char* get_ini_conf_var(const char* path, const char* section, const char* key) noexcept;
 
 /// 1 for "on", "true", "yes" in any case and for "1"; `fallback` when the key is missing or empty;

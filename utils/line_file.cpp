@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -25,22 +26,22 @@ using corvo::line_rewrite::Target;
 constexpr mode_t NEW_FILE_MODE = 0666;
 
 int unableToOpen(const char* path) noexcept {
-    messlog2(0, 0, "Unable to open file %s: %s\n", path, strerror(errno));
+    messlog2(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
     return 1;
 }
 
 int unableToWriteData(const char* path) noexcept {
-    messlog2(0, 0, "Unable to write data into file %s: %s\n", path, strerror(errno));
+    messlog2(0, 0, "Unable to write data into file %s: %s\n", path, std::strerror(errno));
     return 1;
 }
 
 int unableToRead(const char* path) noexcept {
-    messlog2(0, 0, "Unable to read file %s: %s\n", path, strerror(errno));
+    messlog2(0, 0, "Unable to read file %s: %s\n", path, std::strerror(errno));
     return 1;
 }
 
 int unableToClose(const char* path) noexcept {
-    messlog2(0, 0, "Unable to close file %s: %s\n", path, strerror(errno));
+    messlog2(0, 0, "Unable to close file %s: %s\n", path, std::strerror(errno));
     return 1;
 }
 
@@ -51,42 +52,58 @@ int printError(const char* format, ...) noexcept {
     const corvo::ErrnoGuard keepErrno;
     va_list arguments;
     va_start(arguments, format);
-    (void)vfprintf(stderr, format, arguments);
+    (void)std::vfprintf(stderr, format, arguments);
     va_end(arguments);
     return 1;
 }
 
 /// Gives a file the owner, group and mode that `former` tells; 0, or 1 after a report.
 int restorePermissions(int file, const struct stat& former, const char* path) noexcept {
-    const char* failed = nullptr;
+    safe_path::PermissionStep failed{};
     if (safe_path::setOwnerAndMode(file, former.st_uid, former.st_gid, former.st_mode & 07777,
                                    &failed) == 0)
         return 0;
-    if (strcmp(failed, "chown") == 0)
-        messlog2(0, 0, "file_str: ERROR: Unable to chown file %s: %s", path, strerror(errno));
+    if (failed == safe_path::PermissionStep::chown)
+        messlog2(0, 0, "file_str: ERROR: Unable to chown file %s: %s", path, std::strerror(errno));
     else
-        messlog2(0, 0, "file_str: ERROR: Unable to chmod file %s: %s", path, strerror(errno));
+        messlog2(0, 0, "file_str: ERROR: Unable to chmod file %s: %s", path, std::strerror(errno));
     return 1;
 }
 
 bool write(std::FILE* stream, std::string_view text) noexcept {
-    return fwrite(text.data(), 1, text.size(), stream) == text.size();
+    return std::fwrite(text.data(), 1, text.size(), stream) == text.size();
+}
+
+/// Writes the lines at the end of an open file; 0, or 1 after a report.
+int writeAtEnd(int file, const char* const* list, const char* path) noexcept {
+    // The stream closes a descriptor of its own: more is done with the file after that.
+    corvo::UniqueFile stream =
+        corvo::openStream(corvo::UniqueFd(fcntl(file, F_DUPFD_CLOEXEC, 0)), "a");
+    if (!stream)
+        return unableToOpen(path);
+    if (write_strings(stream.get(), list) != 0)
+        return unableToWriteData(path);
+    return std::fclose(stream.release()) == 0 ? 0 : unableToClose(path);
+}
+
+/// Takes back what a failed append left behind: the next one would continue half a line.
+void takeBack(const Target& target, int file, const struct stat& former, bool isNew) noexcept {
+    const corvo::ErrnoGuard keepErrno;
+    (void)!corvo::retryOnEintr([&] { return ftruncate(file, former.st_size); });
+    if (isNew && target.isNameOf(file))
+        (void)!safe_path::unlinkEntry(target.base(), target.name());
 }
 
 int append(const Target& target, const char* const* list, bool isNew) noexcept {
     struct stat former = {};
     const corvo::UniqueFd file = safe_path::openFile(
         target.base(), target.name(), O_WRONLY | O_CREAT | O_APPEND, NEW_FILE_MODE, former);
-    // The stream closes a descriptor of its own: owner and mode come after that.
-    corvo::UniqueFd streamFile(file ? fcntl(file.get(), F_DUPFD_CLOEXEC, 0) : -1);
-    corvo::UniqueFile stream(streamFile ? fdopen(streamFile.get(), "a") : nullptr);
-    if (!stream)
+    if (!file)
         return unableToOpen(target.path());
-    (void)streamFile.release();
-    if (write_strings(stream.get(), list) != 0)
-        return unableToWriteData(target.path());
-    if (fclose(stream.release()) != 0)
-        return unableToClose(target.path());
+    if (writeAtEnd(file.get(), list, target.path()) != 0) {
+        takeBack(target, file.get(), former, isNew);
+        return 1;
+    }
     return isNew ? 0 : restorePermissions(file.get(), former, target.path());
 }
 
@@ -101,7 +118,7 @@ int finish(Replacement& fresh, const LineReader& old, const Target& target) noex
 }
 
 int unableToCopy(Replacement& fresh, const char*) noexcept {
-    messlog2(0, 0, "Unable to fputs to file %s: %s\n", fresh.path(), strerror(errno));
+    messlog2(0, 0, "Unable to fputs to file %s: %s\n", fresh.path(), std::strerror(errno));
     return 1;
 }
 
@@ -122,7 +139,7 @@ int prepend(const Target& target, const char* const* list) noexcept {
         return 1;
     if (fresh.moveIntoPlace() == 0)
         return 0;
-    return printError("Unable to rename file %s: %s\n", fresh.path(), strerror(errno));
+    return printError("Unable to rename file %s: %s\n", fresh.path(), std::strerror(errno));
 }
 
 using Matcher = bool (*)(std::string_view line, std::string_view text);
@@ -190,7 +207,7 @@ int removeLines(const Target& target, const char* const* list, Matcher matches,
         return unableToOpen(target.path());
     Replacement fresh(target);
     if (!fresh.create())
-        return printError("Unable to open file %s: %s\n", fresh.path(), strerror(errno));
+        return printError("Unable to open file %s: %s\n", fresh.path(), std::strerror(errno));
     for (auto line = old.next(); !line.empty(); line = old.next()) {
         if (!matchesAny(line, list, matches) && !write(fresh.stream(), line))
             return unableToWrite(fresh, target.path());
@@ -199,7 +216,7 @@ int removeLines(const Target& target, const char* const* list, Matcher matches,
         return 1;
     if (fresh.moveIntoPlace() == 0)
         return 0;
-    return printError("Error while rename file %s: %s\n", fresh.path(), strerror(errno));
+    return printError("Error while rename file %s: %s\n", fresh.path(), std::strerror(errno));
 }
 
 int perform(const Target& target, const char* const* list, int action, int where,
@@ -220,7 +237,7 @@ int perform(const Target& target, const char* const* list, int action, int where
 int unlock(lock_handle* lock, const char* path) noexcept {
     if (rm_lock(lock) == 0)
         return 0;
-    messlog2(0, 0, "Error occurred while unlocking the file %s: %s\n", path, strerror(errno));
+    messlog2(0, 0, "Error occurred while unlocking the file %s: %s\n", path, std::strerror(errno));
     return 1;
 }
 
@@ -229,14 +246,15 @@ int unlock(lock_handle* lock, const char* path) noexcept {
 int file_strings(const char* path, const char* const* list, int action, int where) noexcept {
     lock_handle* const lock = mk_lock(path, 1);
     if (!is_locked(lock)) {
-        messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+        messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path,
+                 std::strerror(errno));
         free_lock(lock);
         return 1;
     }
     const Target target(path);
     const int hidden = target.look();
     if (hidden != 0 && hidden != ENOENT) {
-        messlog2(0, 0, "file_str: Unable to stat file %s: %s\n", path, strerror(hidden));
+        messlog2(0, 0, "file_str: Unable to stat file %s: %s\n", path, std::strerror(hidden));
         keep_lock(lock);
         return 1;
     }

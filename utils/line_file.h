@@ -23,23 +23,26 @@ enum file_strings_place { FILE_STRINGS_PREPEND = 0, FILE_STRINGS_APPEND = 1 };
 /// How file_strings matches patterns.
 enum file_strings_match {
     FILE_STRINGS_PREFIX = 0,
-    FILE_STRINGS_SUFFIX = 1,  // of the line without its newline
+    FILE_STRINGS_SUFFIX = 1,  // of the line without its newline: "...\n" matches none
     FILE_STRINGS_SUBSTRING = 2
 };
 
 /// `list` ends with a null. `where` is a file_strings_place when adding, a file_strings_match when
 /// removing by pattern, and not used otherwise. A listed string may end in a newline or not; lines
-/// are compared whole, however long. Any other action or place does nothing.
+/// are compared whole, however long. An unknown action does nothing, nor does adding at an unknown
+/// place; a removal by an unknown match drops no line.
 ///
-/// - Appending to a file whose last line has no newline continues that line.
+/// - Appending to a file whose last line has no newline continues that line. What an append that
+///   fails has written is taken back, the file that it made included.
 /// - Prepending to a file that does not exist fails, as does removing by pattern.
-/// - Removing exact lines from a file that does not exist fails silently; one that cannot be
-/// written
-///   ends the process with status 1.
+/// - Removing exact lines from a file that does not exist fails silently.
+/// - When a line cannot be written while exact lines are removed, the process ends with status 1.
 /// - A temporary file that cannot be made for a removal, and a rename that fails, are reported on
 ///   standard error alone.
 /// - A file that cannot be looked at keeps its lock, as keep_lock says.
-/// - Files larger than 64 MiB are not rewritten: EFBIG.
+/// - A file larger than 64 MiB is not rewritten, nor is one that grows beyond that while it is
+/// read:
+///   EFBIG. No line is longer than that, and no more memory and disk are taken.
 int file_strings(const char* path, const char* const* list, int action, int where) noexcept;
 
 /// file_strings with one line.

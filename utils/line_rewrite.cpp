@@ -7,20 +7,6 @@
 
 namespace corvo::line_rewrite {
 
-namespace {
-
-constexpr off_t LARGEST_REWRITE = off_t{64} << 20;
-
-/// Makes a stream of a file; null with errno.
-UniqueFile openStream(UniqueFd file, const char* mode) noexcept {
-    UniqueFile stream(file ? ::fdopen(file.get(), mode) : nullptr);
-    if (stream)
-        (void)file.release();
-    return stream;
-}
-
-}  // namespace
-
 Target::Target(const char* path) noexcept : path_(path) {
     (void)!safe_path::locate(AT_FDCWD, path, safe_path::LastLink::keep, place_);
 }
@@ -30,29 +16,52 @@ int Target::look() const noexcept {
     return safe_path::status(base(), name(), ignored) == 0 ? 0 : errno;
 }
 
+bool Target::isNameOf(int file) const noexcept {
+    struct stat entry = {};
+    struct stat opened = {};
+    return ::fstatat(base(), name(), &entry, AT_SYMLINK_NOFOLLOW) == 0 &&
+           ::fstat(file, &opened) == 0 && entry.st_dev == opened.st_dev &&
+           entry.st_ino == opened.st_ino;
+}
+
 bool LineReader::open(const Target& target) noexcept {
-    UniqueFd file = safe_path::openFile(target.base(), target.name(), O_RDONLY, 0, seen_);
-    if (file && safe_path::isForeignHardLink(seen_)) {
+    file_ = safe_path::openFile(target.base(), target.name(), O_RDONLY, 0, seen_);
+    if (!file_)
+        return false;
+    if (safe_path::isForeignHardLink(seen_)) {
         errno = EPERM;
         return false;
     }
-    if (file && seen_.st_size > LARGEST_REWRITE) {
+    if (seen_.st_size > LARGEST_REWRITE) {
         errno = EFBIG;
         return false;
     }
-    stream_ = openStream(std::move(file), "r");
+    stream_.reset(::fopencookie(this, "r", {&LineReader::read, nullptr, nullptr, nullptr}));
     return stream_ != nullptr;
+}
+
+/// Feeds the stream. The owner may let the file grow while it is read, so what counts is what
+/// comes.
+ssize_t LineReader::read(void* reader, char* block, std::size_t size) noexcept {
+    auto& self = *static_cast<LineReader*>(reader);
+    const ssize_t count = retryOnEintr([&] { return ::read(self.file_.get(), block, size); });
+    if (count > 0)
+        self.total_ += count;
+    if (self.total_ <= LARGEST_REWRITE)
+        return count;
+    errno = EFBIG;
+    return -1;
 }
 
 std::string_view LineReader::next() noexcept {
     char* line = line_.release();
     const ssize_t length = ::getline(&line, &capacity_, stream_.get());
     line_.reset(line);
-    if (length < 0) {
-        // Neither is set when a line is too long for the memory.
-        failed_ = std::feof(stream_.get()) == 0 || std::ferror(stream_.get()) != 0;
+    // After a failed read the part of a line may be there. When a line is too long for the memory,
+    // neither the end nor an error is noted.
+    failed_ = std::ferror(stream_.get()) != 0 || (length < 0 && std::feof(stream_.get()) == 0);
+    if (failed_ || length < 0)
         return {};
-    }
     return {line, static_cast<std::size_t>(length)};
 }
 

@@ -14,6 +14,9 @@
 
 namespace corvo::line_rewrite {
 
+/// Bytes that are read of a file; one that is larger or grows beyond it is not rewritten.
+inline constexpr off_t LARGEST_REWRITE = off_t{64} << 20;
+
 /// The file that is worked on: its parent is walked to once.
 class Target {
 public:
@@ -28,6 +31,9 @@ public:
     int base() const noexcept { return place_.parent ? place_.parent.get() : AT_FDCWD; }
     const char* name() const noexcept { return place_.parent ? place_.name : path_; }
 
+    /// Whether the name is that of an open file, which no link stands for.
+    bool isNameOf(int file) const noexcept;
+
     /// 0 when the file is there, ENOENT, or the errno that hides it.
     int look() const noexcept;
 
@@ -36,24 +42,35 @@ private:
     safe_path::Location place_;
 };
 
-/// The lines of a file, each as long as it may be. Lines may hold zero bytes.
+/// The lines of a file, each as long as it may be: all together are LARGEST_REWRITE bytes at most.
+/// Lines may hold zero bytes.
 class LineReader {
 public:
+    LineReader() noexcept = default;
+    ~LineReader() = default;
+    LineReader(const LineReader&) = delete;
+    LineReader& operator=(const LineReader&) = delete;
+
     /// False with errno: EPERM for a file that may be another's, as what is read is handed on;
-    /// EFBIG for one larger than 64 MiB.
+    /// EFBIG for one larger than LARGEST_REWRITE.
     bool open(const Target& target) noexcept;
 
     /// The next line with its newline, valid until the next call; empty at the end and on failure.
     std::string_view next() noexcept;
 
-    /// Whether the reading ended before the end, with errno.
+    /// Whether the reading ended before the end, with errno: EFBIG for a file that grew beyond
+    /// LARGEST_REWRITE meanwhile.
     bool failed() const noexcept { return failed_; }
 
     /// The file's status as of the open.
     const struct stat& seen() const noexcept { return seen_; }
 
 private:
-    UniqueFile stream_;
+    static ssize_t read(void* reader, char* block, std::size_t size) noexcept;
+
+    UniqueFd file_;
+    UniqueFile stream_;  // reads from file_
+    off_t total_ = 0;    // bytes read so far
     UniqueCString line_;
     std::size_t capacity_ = 0;
     bool failed_ = false;

@@ -1,5 +1,7 @@
 #include "utils/runtime_config.h"
 
+#include <syslog.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -40,8 +42,8 @@ const char* const theVhcConfNames[VHC_CONF_COUNT] = {
     "_MAX_POSSIBLE_VHC_CONF_VAR_NAME",
 };
 
+// sic
 const char* const theVhcConfDefauls[VHC_CONF_COUNT] = {
-    // sic
     "_MIN_POSSIBLE_VHC_CONF_VAR_VALUE",
     "/var/qmail/mailnames",
     "/usr/sbin/rblsmtpd",
@@ -88,7 +90,7 @@ int autoprepend() {
         return 0;
     auto* store = static_cast<conf_store*>(std::calloc(1, sizeof(conf_store)));
     if (store == nullptr) {
-        corvo_log(3, "Not enough memory to allocate Corvo runtime configuration structure");
+        corvo_log(LOG_ERR, "Not enough memory to allocate Corvo runtime configuration structure");
         return -1;
     }
     if (conf_read_file_r(CONFIGURATION_FILE, store) != 0) {
@@ -122,7 +124,7 @@ const char* vhcConfGetDefault(const char* name) noexcept {
         if (std::strcmp(name, theVhcConfNames[index]) == 0)
             return vhcConfGetDefaultByIndex(index);
     }
-    corvo_log(3, "variable '%s' was found neither in %s, nor in compile-time defaults", name,
+    corvo_log(LOG_ERR, "variable '%s' was found neither in %s, nor in compile-time defaults", name,
               CONFIGURATION_FILE);
     return nullptr;
 }

@@ -51,11 +51,6 @@ int findPlace(int base, const char* path, Place& place) noexcept {
     return place.held ? 0 : -1;
 }
 
-bool isNoName(const char* name) noexcept {
-    return *name == '\0' || std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 ||
-           std::strchr(name, '/') != nullptr;
-}
-
 int fillLocation(int parent, UniqueFd& held, const char* name, Location& location) noexcept {
     const std::size_t length = std::strlen(name);
     if (length >= sizeof location.name) {
@@ -156,10 +151,29 @@ UniqueFd enterDirectory(int parent, const char* name, mode_t mode) noexcept {
     return openDirectory(parent, name);
 }
 
+/// Opens what may be given another owner and mode.
+UniqueFd openForPermissions(int base, const char* path) noexcept {
+    UniqueFd file = openWithoutWaiting(base, path, O_RDONLY);
+    struct stat seen = {};
+    if (!file || ::fstat(file.get(), &seen) != 0)
+        return UniqueFd();
+    const bool isSuitable = S_ISREG(seen.st_mode) || S_ISDIR(seen.st_mode);
+    if (isSuitable && !isForeignHardLink(seen))
+        return file;
+    errno = isSuitable ? EPERM : EINVAL;
+    return UniqueFd();
+}
+
 }  // namespace
 
+bool isComponent(std::string_view name) noexcept {
+    using namespace std::string_view_literals;
+    return !name.empty() && name != "." && name != ".." &&
+           name.find_first_of("/\0"sv) == std::string_view::npos;
+}
+
 int locate(int base, const char* path, LastLink last, Location& location) noexcept {
-    if (isNoName(path + lengthOfParent(path)))
+    if (!isComponent(path + lengthOfParent(path)))
         return refuse(EINVAL);
     if (last == LastLink::keep) {
         Place place;
@@ -170,7 +184,7 @@ int locate(int base, const char* path, LastLink last, Location& location) noexce
     Walk walk;
     if (!walk.start(base, path) || !walk.reachLast(last))
         return -1;
-    if (isNoName(walk.name()))
+    if (!isComponent(walk.name()))
         return refuse(EINVAL);
     UniqueFd held(::openat(walk.directory(), ".", BASE_FLAGS));
     return fillLocation(walk.directory(), held, walk.name(), location);
@@ -235,11 +249,11 @@ int status(int base, const char* path, struct stat& result) noexcept {
     return entry ? ::fstat(entry.get(), &result) : -1;
 }
 
-int setOwnerAndMode(int file, uid_t uid, gid_t gid, mode_t mode, const char** failed) noexcept {
-    const char* step = "chown";
+int setOwnerAndMode(int file, uid_t uid, gid_t gid, mode_t mode, PermissionStep* failed) noexcept {
+    PermissionStep step = PermissionStep::chown;
     int result = retryOnEintr([&] { return ::fchown(file, uid, gid); });
     if (result == 0) {
-        step = "chmod";
+        step = PermissionStep::chmod;
         result = retryOnEintr([&] { return ::fchmod(file, mode); });
     }
     if (result != 0 && failed != nullptr)
@@ -248,18 +262,13 @@ int setOwnerAndMode(int file, uid_t uid, gid_t gid, mode_t mode, const char** fa
 }
 
 int setOwnerAndMode(int base, const char* path, uid_t uid, gid_t gid, mode_t mode,
-                    const char** failed) noexcept {
+                    PermissionStep* failed) noexcept {
+    const UniqueFd file = openForPermissions(base, path);
+    if (file)
+        return setOwnerAndMode(file.get(), uid, gid, mode, failed);
     if (failed != nullptr)
-        *failed = "open";
-    const UniqueFd file = openWithoutWaiting(base, path, O_RDONLY);
-    struct stat seen = {};
-    if (!file || ::fstat(file.get(), &seen) != 0)
-        return -1;
-    if (!S_ISREG(seen.st_mode) && !S_ISDIR(seen.st_mode))
-        return refuse(EINVAL);
-    if (isForeignHardLink(seen))
-        return refuse(EPERM);
-    return setOwnerAndMode(file.get(), uid, gid, mode, failed);
+        *failed = PermissionStep::open;
+    return -1;
 }
 
 int makeDirectory(int base, const char* path, mode_t mode) noexcept {

@@ -2,14 +2,17 @@
 //
 // Mail storage belongs to an account that may plant links, pipes and races in it, and this program
 // runs as root. Here a path is walked on descriptors, and a symbolic link is followed only when
-// root or the running user owns the link itself and it has no second name (a hard link to
-// somebody's link is a planted one), at most 40 of them; any other link is ELOOP. A path without
-// links costs one system call where the kernel can walk it so.
+// root or the running user owns the link itself and the link has a single name, at most 40 of them;
+// any other link is ELOOP. The second condition holds for an administrator's links too: a link of
+// root's with a further hard link somewhere is not followed under either name, as one of the two
+// may have been planted. A path without links costs one system call where the kernel can walk it
+// so.
 //
 // `base` is a directory's descriptor or AT_FDCWD; it matters for relative paths only. Functions
-// return a descriptor or 0, or -1 (an empty guard) with errno; none logs or throws, and only those
-// that read directories allocate. Descriptors are close-on-exec. For a path that nobody tampers
-// with, results and errno are those of the plain calls, except where stated.
+// return a descriptor or 0, or -1 (an empty guard) with errno, except where stated; none logs or
+// throws, and only those that read directories or look popuser up allocate. Descriptors are
+// close-on-exec. For a path that nobody tampers with, results and errno are those of the plain
+// calls, except where stated.
 
 #pragma once
 
@@ -18,6 +21,7 @@
 #include <sys/types.h>
 
 #include <climits>
+#include <string_view>
 
 #include "utils/guards.h"
 
@@ -25,6 +29,10 @@ namespace corvo::safe_path {
 
 /// Directories nested deeper than this are not entered by what works on whole trees: ELOOP.
 inline constexpr int MAX_DEPTH = 512;
+
+/// Whether a text can be the name of a directory's entry: not empty, "." or "..", without "/" and
+/// zero bytes. Its length is not looked at.
+[[nodiscard]] bool isComponent(std::string_view name) noexcept;
 
 /// The directory that holds the last component of a path, and that component's name. The descriptor
 /// is opened with O_PATH: a base for others, not for reading.
@@ -69,16 +77,18 @@ enum class LastLink { follow, keep };
 /// stat, with trusted links followed.
 [[nodiscard]] int status(int base, const char* path, struct stat& result) noexcept;
 
-/// Sets owner and mode of an open file: fchown, then fchmod, each repeated on EINTR. `failed` (may
-/// be null) receives "chown" or "chmod" on failure.
-[[nodiscard]] int setOwnerAndMode(int file, uid_t uid, gid_t gid, mode_t mode,
-                                  const char** failed) noexcept;
+/// What setOwnerAndMode does, in this order.
+enum class PermissionStep { open, chown, chmod };
 
-/// Opens a regular file or directory and sets its owner and mode as above. `failed` receives "open"
-/// when the path was not opened: also for other kinds of files (EINVAL) and foreign hard links
-/// (EPERM).
+/// Sets owner and mode of an open file: fchown, then fchmod, each repeated on EINTR. `failed` (may
+/// be null) receives the step that failed and is untouched otherwise.
+[[nodiscard]] int setOwnerAndMode(int file, uid_t uid, gid_t gid, mode_t mode,
+                                  PermissionStep* failed) noexcept;
+
+/// Opens a regular file or directory and sets its owner and mode as above. The open counts as
+/// failed for other kinds of files (EINVAL) and foreign hard links (EPERM), too.
 [[nodiscard]] int setOwnerAndMode(int base, const char* path, uid_t uid, gid_t gid, mode_t mode,
-                                  const char** failed) noexcept;
+                                  PermissionStep* failed) noexcept;
 
 /// Makes one directory. Returns 1 when something of that name exists already (what it is, the next
 /// step finds out), 0 when it was made.

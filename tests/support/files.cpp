@@ -88,7 +88,9 @@ std::string contentsOf(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file)
         fail("open " + path);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream contents;
+    contents << file.rdbuf();
+    return contents.str();
 }
 
 std::string modeOf(const std::string& path) {

@@ -111,8 +111,9 @@ TEST_F(AccountsTest, LookUpsThatCannotBeMadeAreReportedWithTheirReason) {
 TEST_F(AccountsWithoutMemoryTest, GetpwFailsWhenTheHomeCannotBeCopied) {
     const ProcessResult result = runForked([] {
         char* home = nullptr;
-        (void)corvo_getpw("popuser", nullptr, nullptr,
-                          &home);  // the databases are open from now on
+        // The databases are open from now on.
+        (void)corvo_getpw("popuser", nullptr, nullptr, &home);
+        std::free(home);
         uid_t uid = 11;
         home = nullptr;
         exhaustMemory();
@@ -120,6 +121,8 @@ TEST_F(AccountsWithoutMemoryTest, GetpwFailsWhenTheHomeCannotBeCopied) {
         std::exit(failure == -1 && uid == 11 && home == nullptr ? 0 : 1);
     });
     EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "Can't allocate memory for error message\n");
+    EXPECT_EQ(result.out, result.err);
 }
 
 TEST_F(AccountsTest, GroupIdIsTheGidOrZero) {

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -171,8 +172,13 @@ TEST_F(DirectoriesTest, MakeDirRecEndsTheProcessWhenItCannot) {
 
 TEST_F(DirectoriesTest, MakeDirRecEndsTheProcessForPathsBeyondTheLimit) {
     for (const std::string& path : {std::string(), std::string(PATH_MAX + 10, '/') + "x"}) {
+        const int error = path.empty() ? ENOENT : ENAMETOOLONG;
         const ProcessResult result = runForked([&] { make_dir_p(path.c_str(), 5, 6, 0700); });
         EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err, "Cannot create directory " + path + ": " + std::strerror(error) +
+                                  "\nSystem error " + std::to_string(error) + ": " +
+                                  std::strerror(error) + "\n");
+        EXPECT_EQ(result.out, result.err);
     }
 }
 
@@ -211,8 +217,7 @@ TEST_F(DirectoriesTest, RenameNeverReplaces) {
     makeDirectory(to);
     EXPECT_EQ(rename_dir(DIR_PATH.c_str(), to.c_str()), -1);
     EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(message(), "Directory rename error: target directory " + to +
-                             " already exists.\n\nSystem error 17: File exists\n");
+    EXPECT_EQ(message(), "Directory rename error: target directory " + to + " already exists.\n");
     EXPECT_TRUE(exists(DIR_PATH));
 }
 
@@ -278,11 +283,21 @@ TEST_F(DirectoriesTest, EntriesOfTheWorkingDirectoryAreCounted) {
     EXPECT_EQ(count_cur_dir(), 2);
 }
 
-TEST_F(DirectoriesTest, RemovedWorkingDirectoryCannotBeCounted) {
+TEST_F(DirectoriesTest, RemovedWorkingDirectoryHasNoEntries) {
     makeDirectory(DIR_PATH);
     ASSERT_EQ(::chdir(DIR_PATH.c_str()), 0);
     std::filesystem::remove(DIR_PATH);
     EXPECT_EQ(count_cur_dir(), 0);
+}
+
+TEST_F(DirectoriesTest, WorkingDirectoryThatMayNotBeReadCannotBeCounted) {
+    makeDirectory(DIR_PATH);
+    ASSERT_EQ(::chmod(DIR_PATH.c_str(), 0700), 0);
+    ASSERT_EQ(::chown(DIR_PATH.c_str(), POPUSER_UID, POPUSER_GID), 0);
+    ASSERT_EQ(::chdir(DIR_PATH.c_str()), 0);
+    const WithoutCapabilities limit({CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH});
+    EXPECT_EQ(count_cur_dir(), -1);
+    EXPECT_EQ(errno, EACCES);
 }
 
 TEST_F(DirectoriesTest, FileIsFoundHereBeforeBelow) {

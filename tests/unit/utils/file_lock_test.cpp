@@ -32,6 +32,17 @@ std::string lockPathOf(const char* path) {
     return lockPath.get();
 }
 
+/// Whether another process finds the lock on a path taken.
+bool isBusyForOthers(const char* path) {
+    const ProcessResult other = runForked([&] {
+        const corvo::UniqueFd file(::open(lockPathOf(path).c_str(), O_RDWR | O_CLOEXEC));
+        if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0)
+            std::exit(errno == EAGAIN ? 1 : 2);
+    });
+    EXPECT_LE(other.status, 1);
+    return other.status == 1;
+}
+
 // Without a capture, which would take the note about a skipped test for output.
 class FileLockWithoutMemoryTest : public SandboxTest {
 protected:
@@ -246,36 +257,39 @@ TEST_F(FileLockTest, FreeingIsSilentAndKeepsErrno) {
 }
 
 TEST_F(FileLockTest, KeptLockExcludesOthersOnly) {
-    for (const char* path : {"/x", "/y"})
-        keep_lock(mk_lock(path, 1));
-    const ProcessResult other = runForked([] {
-        for (const char* path : {"/x", "/y"}) {
-            corvo::UniqueFd file(::open(lockPathOf(path).c_str(), O_RDWR | O_CLOEXEC));
-            if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0 || errno != EAGAIN)
-                std::exit(1);
-        }
-    });
-    EXPECT_EQ(other.status, 0);
-    for (const char* path : {"/x", "/y"}) {
-        lock_handle* const again = mk_nonblock_lock(path, 1);
-        EXPECT_TRUE(is_locked(again)) << path;
-        EXPECT_EQ(rm_lock(again), 0);
-    }
-    const ProcessResult afterwards = runForked([] {
-        corvo::UniqueFd file(::open(LOCK_OF_X.c_str(), O_RDWR | O_CLOEXEC));
-        if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0)
-            std::exit(1);
-    });
-    EXPECT_EQ(afterwards.status, 0);
+    keep_lock(mk_lock("/x", 1));
+    EXPECT_TRUE(isBusyForOthers("/x"));
+    lock_handle* const again = mk_nonblock_lock("/x", 1);
+    EXPECT_TRUE(is_locked(again));
+    EXPECT_EQ(rm_lock(again), 0);
+    EXPECT_FALSE(isBusyForOthers("/x"));
 }
 
-TEST_F(FileLockTest, KeptLockIsFreedOnce) {
-    const int before = openDescriptors();
-    for (int i = 0; i < 5; ++i)
-        keep_lock(mk_lock("/x", 1));
-    EXPECT_EQ(openDescriptors(), before + 1);
+TEST_F(FileLockTest, KeptLockOutlastsOtherLocksAndNoLock) {
+    keep_lock(mk_lock("/x", 1));
+    EXPECT_EQ(rm_lock(mk_lock("/y", 1)), 0);
+    keep_lock(nullptr);
+    EXPECT_TRUE(isBusyForOthers("/x"));
     free_lock(mk_lock("/x", 1));
+}
+
+TEST_F(FileLockTest, OneLockIsKeptAtMost) {
+    const int before = openDescriptors();
+    for (const char* path : {"/x", "/x", "/y", "/z"}) {
+        keep_lock(mk_lock(path, 1));
+        EXPECT_EQ(openDescriptors(), before + 1) << path;
+    }
+    EXPECT_FALSE(isBusyForOthers("/x"));
+    EXPECT_FALSE(isBusyForOthers("/y"));
+    EXPECT_TRUE(isBusyForOthers("/z"));
+    free_lock(mk_lock("/z", 1));
     EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(FileLockTest, KeptLockEndsWithTheProcess) {
+    const ProcessResult keeper = runForked([] { keep_lock(mk_lock("/x", 1)); });
+    EXPECT_EQ(keeper.status, 0);
+    EXPECT_FALSE(isBusyForOthers("/x"));
 }
 
 TEST_F(FileLockTest, DescriptorZeroIsNotTakenForBusy) {

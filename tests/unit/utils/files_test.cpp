@@ -182,8 +182,32 @@ TEST_F(FilesTest, FirstLineThatDoesNotFitFails) {
         char buffer[8];
         EXPECT_EQ(get_string_from_file(PATH.c_str(), buffer, sizeof buffer), -1);
         EXPECT_EQ(errno, ERANGE);
-        EXPECT_EQ(message(),
-                  "The buffer too short\n\nSystem error 34: Numerical result out of range\n");
+        EXPECT_EQ(message(), "The buffer too short\n");
+    }
+}
+
+TEST_F(FilesTest, BufferOfOneCharacterHoldsAnEmptyLineOnly) {
+    char buffer[2] = {'x', 'y'};
+    writeFile(PATH, "\n");
+    EXPECT_EQ(get_string_from_file(PATH.c_str(), buffer, 1), 0);
+    EXPECT_STREQ(buffer, "");
+    EXPECT_EQ(buffer[1], 'y');
+    writeFile(PATH, "a\n");
+    EXPECT_EQ(get_string_from_file(PATH.c_str(), buffer, 1), -1);
+    EXPECT_EQ(errno, ERANGE);
+    EXPECT_EQ(message(), "The buffer too short\n");
+    EXPECT_EQ(buffer[1], 'y');
+}
+
+TEST_F(FilesTest, BufferOfNoCharactersIsNotWritten) {
+    char buffer[1] = {'x'};
+    for (const char* contents : {"", "\n", "a\n"}) {
+        writeFile(PATH, contents);
+        errno = EIO;
+        EXPECT_EQ(get_string_from_file(PATH.c_str(), buffer, 0), -1);
+        EXPECT_EQ(errno, ERANGE);
+        EXPECT_EQ(message(), "The buffer too short\n");
+        EXPECT_EQ(buffer[0], 'x');
     }
 }
 

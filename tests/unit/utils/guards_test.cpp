@@ -137,6 +137,26 @@ TEST_F(GuardsTest, StreamsAreClosedAndErrnoKept) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(GuardsTest, StreamTakesTheFileOver) {
+    const int before = openDescriptors();
+    {
+        const UniqueFile stream = openStream(UniqueFd(openNull()), "w");
+        ASSERT_TRUE(stream);
+        EXPECT_EQ(openDescriptors(), before + 1);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(GuardsTest, FileWithoutAStreamIsClosed) {
+    const int before = openDescriptors();
+    EXPECT_FALSE(openStream(UniqueFd(openNull()), "?"));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(openDescriptors(), before);
+    errno = ENOENT;
+    EXPECT_FALSE(openStream(UniqueFd(), "r"));
+    EXPECT_EQ(errno, ENOENT);
+}
+
 TEST_F(GuardsTest, AllocatedStringIsOwned) {
     const UniqueCString text(::strdup("text"));
     EXPECT_STREQ(text.get(), "text");

@@ -297,6 +297,28 @@ TEST_F(Idn, ThrowsTheCodeOfAFailedConversion) {
     EXPECT_EQ(idn_errno, 0);
 }
 
+TEST_F(Idn, RefusesANameThatHoldsAZeroByte) {
+    using namespace std::string_literals;
+    const struct {
+        std::string (*convert)(const std::string&);
+        std::string text;
+    } cases[] = {
+        {corvo::idn::toAscii, "example.com\0.org"s},
+        {corvo::idn::toAscii, "\0"s},
+        {corvo::idn::toUtf8, "example.com\0"s},
+        {corvo::idn::emailToAscii, "info@example\0.com"s},
+    };
+    for (const auto& [convert, text] : cases) {
+        try {
+            const std::string result = convert(text);
+            ADD_FAILURE() << "converted to " << result;
+        } catch (const corvo::idn::IdnaError& error) {
+            EXPECT_EQ(error.code(), 3);
+            EXPECT_STREQ(error.what(), "Contains non-LDH characters");
+        }
+    }
+}
+
 TEST_F(Idn, ThrowsBadAllocForASuccessWithoutAResult) {
     pretence.noResult = true;
     EXPECT_THROW(idn::toAscii("example.com"), std::bad_alloc);

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -38,6 +39,12 @@ namespace {
 /// Descriptors of files below this path are closed, and the close reported as failed.
 const char* closesThatFail = nullptr;
 
+/// A file that gets this size as soon as something is read.
+struct Growth {
+    const char* path = nullptr;
+    off_t size = 0;
+} growth;
+
 }  // namespace
 
 // In front of the C library's.
@@ -52,6 +59,13 @@ extern "C" int close(int fd) {
         return result;
     errno = EIO;
     return -1;
+}
+
+// In front of the C library's.
+extern "C" ssize_t read(int fd, void* block, std::size_t size) {
+    if (growth.path != nullptr && ::truncate(growth.path, growth.size) != 0)
+        std::abort();
+    return ::syscall(SYS_read, fd, block, size);
 }
 
 namespace {
@@ -312,7 +326,8 @@ TEST_F(LineFileTest, LockThatCannotBeReleasedIsAFailureOfAFinishedChange) {
     EXPECT_EQ(change({"b"}, FILE_STRINGS_REMOVE, 1, PATH + "x"), 1);
     closesThatFail = nullptr;
     EXPECT_EQ(errno, ENOENT) << "the first failure counts";
-    (void)message();
+    EXPECT_NE(message().find("Error occurred while unlocking the file " + PATH + "x: "),
+              std::string::npos);
     EXPECT_EQ(contentsOf(PATH), "a\nb\n");
 }
 
@@ -341,7 +356,9 @@ TEST_F(LineFileTest, PathWithoutAFileIsNoFile) {
     const std::string tooLong = HOME + "/" + std::string(NAME_MAX + 1, 'n');
     EXPECT_EQ(change({"a"}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND, tooLong), 1);
     EXPECT_EQ(errno, ENAMETOOLONG);
-    (void)message();
+    EXPECT_EQ(message(),
+              withError("file_str: Unable to stat file " + tooLong + ": File name too long\n",
+                        ENAMETOOLONG));
     free_lock(mk_lock(tooLong.c_str(), 1));
 }
 
@@ -465,6 +482,28 @@ TEST_F(LineFileTest, HugeFilesAreNotRewritten) {
     EXPECT_EQ(namesIn(HOME), std::vector<std::string>{".qmail"});
 }
 
+TEST_F(LineFileTest, FileThatGrowsWhileItIsReadIsNotRewritten) {
+    const std::string text = withError("Unable to read file " + PATH + ": File too large\n", EFBIG);
+    for (const int action : {FILE_STRINGS_ADD, FILE_STRINGS_REMOVE, FILE_STRINGS_REMOVE_PATTERN}) {
+        haveFile("a\nb\n");
+        growth = {PATH.c_str(), (off_t{64} << 20) + 1};
+        EXPECT_EQ(change({"a"}, action, 0), 1) << action;
+        EXPECT_EQ(errno, EFBIG) << action;
+        growth = {};
+        EXPECT_EQ(message(), text);
+        EXPECT_EQ(contentsOf(PATH).substr(0, 4), "a\nb\n");
+        EXPECT_EQ(namesIn(HOME), std::vector<std::string>{".qmail"});
+    }
+}
+
+TEST_F(LineFileTest, FileThatGrowsToTheLimitIsRewritten) {
+    haveFile("a\nb\n");
+    growth = {PATH.c_str(), off_t{64} << 20};
+    EXPECT_EQ(change({"a"}, FILE_STRINGS_REMOVE, 1), 0);
+    growth = {};
+    EXPECT_EQ(std::filesystem::file_size(PATH), (std::uintmax_t{64} << 20) - 2);
+}
+
 TEST_F(LineFileTest, OwnerThatCannotBeKeptLeavesTheOldFile) {
     haveFile("a\nb\n");
     {
@@ -503,9 +542,39 @@ TEST_F(LineFileTest, AppendThatDoesNotReachTheDiskIsReported) {
     EXPECT_EQ(message(),
               withError("Unable to write data into file " + PATH + ": No space left on device\n",
                         ENOSPC));
-    EXPECT_EQ(change({std::string(2000, 'b').c_str()}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 1);
+    EXPECT_EQ(contentsOf(PATH), "a\n");
+    // Small enough to stay in the stream until it is closed, too large for what is left of the
+    // page.
+    EXPECT_EQ(change({std::string(4094, 'b').c_str()}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 1);
+    EXPECT_EQ(errno, ENOSPC);
     EXPECT_EQ(message(),
               withError("Unable to close file " + PATH + ": No space left on device\n", ENOSPC));
+    EXPECT_EQ(contentsOf(PATH), "a\n");
+    EXPECT_EQ(change({"c"}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 0);
+    EXPECT_EQ(contentsOf(PATH), "a\nc\n");
+}
+
+TEST_F(LineFileTest, NewFileThatDoesNotReachTheDiskIsTakenBack) {
+    const SmallDisk disk;
+    SmallDisk::fill(1);
+    for (const std::string& line : {LONG, std::string(4094, 'b')}) {
+        writeFile(HOME + "/rest", std::string(4096, 'x'));
+        EXPECT_EQ(change({line.c_str()}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 1);
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_NE(message(), "");
+        EXPECT_FALSE(exists(PATH));
+    }
+}
+
+TEST_F(LineFileTest, NewFileBehindRootsLinkIsEmptiedAndTheLinkStays) {
+    const SmallDisk disk;
+    SmallDisk::fill(0);
+    makeLink(HOME + "/real", PATH);
+    EXPECT_EQ(change({"a"}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 1);
+    EXPECT_EQ(message(),
+              withError("Unable to close file " + PATH + ": No space left on device\n", ENOSPC));
+    EXPECT_TRUE(std::filesystem::is_symlink(PATH));
+    EXPECT_EQ(contentsOf(PATH), "");
 }
 
 TEST_F(LineFileTest, RewriteThatDoesNotReachTheDiskLeavesTheOldFile) {
@@ -552,9 +621,16 @@ TEST_F(LineFileTest, FileSizeLimitIsAFailureToo) {
         ::signal(SIGXFSZ, SIG_IGN);
         const struct rlimit limit = {1, 1};
         ::setrlimit(RLIMIT_FSIZE, &limit);
-        std::exit(change({"b"}, FILE_STRINGS_ADD, FILE_STRINGS_PREPEND) == 1 ? 0 : 1);
+        for (const int where : {FILE_STRINGS_PREPEND, FILE_STRINGS_APPEND}) {
+            if (change({"b"}, FILE_STRINGS_ADD, where) != 1 || errno != EFBIG)
+                std::exit(1);
+        }
     });
     EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err,
+              withError("Unable to close file " + TEMPORARY + ": File too large\n", EFBIG) +
+                  withError("Unable to close file " + PATH + ": File too large\n", EFBIG));
+    EXPECT_EQ(result.out, result.err);
     EXPECT_EQ(contentsOf(PATH), "a\n");
     EXPECT_FALSE(exists(TEMPORARY));
 }

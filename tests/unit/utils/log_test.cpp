@@ -15,6 +15,7 @@
 #include <string>
 
 #include "tests/support/capture.h"
+#include "tests/support/files.h"
 #include "tests/support/process.h"
 
 namespace corvo::test {
@@ -374,6 +375,24 @@ TEST_F(Syslog, LeavesErrnoAlone) {
     errno = ENOENT;
     corvo_log(3, "x");
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Syslog, ReceivesEverythingAfterAChangeFromTheStreams) {
+    corvo_log_init("console", 6, LOG_MAIL, 0, nullptr);
+    corvo_log_init(nullptr, 3, LOG_MAIL, 0, "courier");
+    EXPECT_EQ(LogLocation, nullptr);
+    EXPECT_EQ(setlogmask(0), LOG_UPTO(LOG_ERR));
+    corvo_log(3, "x");
+    EXPECT_EQ(socket.next(), "<19>" + from("courier") + "x");
+}
+
+TEST_F(Syslog, IsClosedBeforeItIsOpenedAgain) {
+    const int before = openDescriptors();
+    corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
+    corvo_log(3, "x");
+    ASSERT_EQ(openDescriptors(), before + 1);
+    corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
+    EXPECT_EQ(openDescriptors(), before) << "connected again by the next message";
 }
 
 TEST_F(Syslog, ReceivesNothingAfterAChangeToTheStreams) {

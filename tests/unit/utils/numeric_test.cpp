@@ -3,9 +3,34 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
 
 namespace corvo::test {
 namespace {
+
+TEST(AddSaturated, IsTheSumHeldAtTheEndsOfItsRange) {
+    const struct {
+        long long a;
+        long long b;
+        long long sum;
+    } cases[] = {
+        {2, 3, 5},
+        {2, -3, -1},
+        {LLONG_MAX - 1, 1, LLONG_MAX},
+        {LLONG_MAX, 0, LLONG_MAX},
+        {LLONG_MAX, 1, LLONG_MAX},
+        {1, LLONG_MAX, LLONG_MAX},
+        {LLONG_MAX, LLONG_MAX, LLONG_MAX},
+        {LLONG_MIN + 1, -1, LLONG_MIN},
+        {LLONG_MIN, 0, LLONG_MIN},
+        {LLONG_MIN, -1, LLONG_MIN},
+        {-1, LLONG_MIN, LLONG_MIN},
+        {LLONG_MIN, LLONG_MIN, LLONG_MIN},
+        {LLONG_MIN, LLONG_MAX, -1},
+    };
+    for (const auto& [a, b, sum] : cases)
+        EXPECT_EQ(addSaturated(a, b), sum) << a << " + " << b;
+}
 
 TEST(AsciiToNumeric, ReadsDecimalNumbers) {
     const struct {

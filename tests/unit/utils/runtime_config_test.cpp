@@ -144,6 +144,21 @@ TEST_F(RuntimeConfig, KeepsWhatItHasRead) {
               "same\n/srv/dumps\n");
 }
 
+TEST_F(RuntimeConfig, KeepsTheValuesOfDifferentVariablesApart) {
+    std::string contents;
+    std::string values;
+    for (int i = 0; i < VHC_CONF_COUNT; ++i) {
+        contents += std::string(theVhcConfNames[i]) + " value" + std::to_string(i) + "\n";
+        values += "value" + std::to_string(i) + "\n";
+    }
+    writeFile(VHC_CONF, contents);
+    EXPECT_EQ(printedBy([] {
+                  for (int i = 0; i < 2 * VHC_CONF_COUNT; ++i)
+                      print(vhcConfGetByIndex(i % VHC_CONF_COUNT));
+              }),
+              values + values);
+}
+
 TEST_F(RuntimeConfig, TriesAgainAfterAFailedRead) {
     EXPECT_EQ(printedBy([] {
                   print(vhcConfGetDefaultByIndex(1));

@@ -33,7 +33,42 @@ using namespace corvo::test;
 using corvo::UniqueDir;
 using corvo::UniqueFd;
 using safe_path::LastLink;
+using safe_path::PermissionStep;
 using ::testing::AnyOf;
+
+namespace {
+
+/// The next calls that fail.
+struct Failures {
+    int left = 0;
+    int error = 0;
+
+    /// Whether this call fails; errno is then set.
+    bool next() {
+        if (left == 0)
+            return false;
+        --left;
+        errno = error;
+        return true;
+    }
+};
+Failures failuresOfFchown;
+Failures failuresOfFchmod;
+
+}  // namespace
+
+// In front of the C library's.
+extern "C" {
+
+int fchown(int file, uid_t uid, gid_t gid) noexcept {
+    return failuresOfFchown.next() ? -1 : static_cast<int>(::syscall(SYS_fchown, file, uid, gid));
+}
+
+int fchmod(int file, mode_t mode) noexcept {
+    return failuresOfFchmod.next() ? -1 : static_cast<int>(::syscall(SYS_fchmod, file, mode));
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -64,7 +99,7 @@ int statusError(const std::string& path) {
 }
 
 int permissionError(const std::string& path) {
-    const char* failed = nullptr;
+    PermissionStep failed{};
     return errorOf(safe_path::setOwnerAndMode(AT_FDCWD, path.c_str(), POPUSER_UID, POPUSER_GID,
                                               0600, &failed));
 }
@@ -381,25 +416,51 @@ TEST_F(SafePathTest, TargetsThatDoNotFitAreTooLong) {
 }
 
 TEST_F(SafePathTest, PermissionsAreSetOnFilesAndDirectories) {
-    const char* failed = "untouched";
+    PermissionStep failed = PermissionStep::open;
     EXPECT_EQ(safe_path::setOwnerAndMode(AT_FDCWD, HOME.c_str(), 5, 6, 02750, &failed), 0);
     EXPECT_EQ(ownerOf(HOME), "5:6");
     EXPECT_EQ(modeOf(HOME), "2750");
+    EXPECT_EQ(failed, PermissionStep::open) << "untouched";
     EXPECT_EQ(safe_path::setOwnerAndMode(AT_FDCWD, FILE_PATH.c_str(), 7, 8, 0640, nullptr), 0);
     EXPECT_EQ(ownerOf(FILE_PATH), "7:8");
     EXPECT_EQ(modeOf(FILE_PATH), "0640");
 }
 
 TEST_F(SafePathTest, PermissionFailuresNameTheirStep) {
-    const char* failed = nullptr;
+    PermissionStep failed = PermissionStep::chmod;
     EXPECT_EQ(safe_path::setOwnerAndMode(AT_FDCWD, "/missing", 0, 0, 0600, &failed), -1);
-    EXPECT_STREQ(failed, "open");
+    EXPECT_EQ(failed, PermissionStep::open);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(safe_path::setOwnerAndMode(AT_FDCWD, "/missing", 0, 0, 0600, nullptr), -1);
     EXPECT_EQ(errno, ENOENT);
     const UniqueFd path(::open(FILE_PATH.c_str(), O_PATH | O_CLOEXEC));
     EXPECT_EQ(safe_path::setOwnerAndMode(path.get(), 0, 0, 0600, &failed), -1);
-    EXPECT_STREQ(failed, "chown");
+    EXPECT_EQ(failed, PermissionStep::chown);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(safe_path::setOwnerAndMode(path.get(), 0, 0, 0600, nullptr), -1);
+    const UniqueFd file(::open(FILE_PATH.c_str(), O_RDONLY | O_CLOEXEC));
+    failuresOfFchmod = {1, EPERM};
+    EXPECT_EQ(safe_path::setOwnerAndMode(file.get(), 0, 0, 0600, &failed), -1);
+    EXPECT_EQ(failed, PermissionStep::chmod);
+    EXPECT_EQ(errno, EPERM);
+}
+
+TEST_F(SafePathTest, PermissionStepsAreRepeatedWhenASignalInterruptsThem) {
+    failuresOfFchown = {2, EINTR};
+    failuresOfFchmod = {2, EINTR};
+    EXPECT_EQ(safe_path::setOwnerAndMode(AT_FDCWD, FILE_PATH.c_str(), 5, 6, 0640, nullptr), 0);
+    EXPECT_EQ(failuresOfFchown.left, 0);
+    EXPECT_EQ(failuresOfFchmod.left, 0);
+    EXPECT_EQ(ownerOf(FILE_PATH), "5:6");
+    EXPECT_EQ(modeOf(FILE_PATH), "0640");
+}
+
+TEST_F(SafePathTest, ComponentIsTheNameOfAnEntry) {
+    using namespace std::string_view_literals;
+    for (const std::string_view name : {"a"sv, "..."sv, ".a"sv, "..a"sv, " "sv})
+        EXPECT_TRUE(safe_path::isComponent(name)) << name;
+    for (const std::string_view name : {""sv, "."sv, ".."sv, "/"sv, "a/"sv, "/a"sv, "a\0b"sv})
+        EXPECT_FALSE(safe_path::isComponent(name)) << name;
 }
 
 TEST_F(SafePathTest, LocateNamesTheParent) {
