@@ -55,8 +55,26 @@ __attribute__((format(printf, 3, 4))) void explain(char* errbuf, std::size_t siz
     va_end(arguments);
 }
 
-UniqueCString dsnValue(const char* key) noexcept {
-    return UniqueCString(get_ini_conf_var(DSN_FILE, "corvo", key));
+// Fills in what the DSN file says. False with ENOMEM when there was no memory to find that out.
+bool readDsn(Credentials& credentials) noexcept {
+    const struct {
+        const char* key;
+        UniqueCString& value;
+    } values[] = {{"host", credentials.host},
+                  {"port", credentials.port},
+                  {"username", credentials.username},
+                  {"password", credentials.password},
+                  {"dbname", credentials.dbname}};
+    for (const auto& [key, value] : values) {
+        value.reset(get_ini_conf_var(DSN_FILE, "corvo", key));
+        if (!value && errno == ENOMEM)
+            return false;
+    }
+    return true;
+}
+
+void explainNoMemory(char* errbuf, std::size_t size) noexcept {
+    explain(errbuf, size, "Unable to allocate memory for password");
 }
 
 const char* valueOr(const UniqueCString& value, const char* fallback) noexcept {
@@ -78,7 +96,7 @@ UniqueCString readAdminPassword(char* errbuf, std::size_t size) noexcept {
     const std::size_t capacity = static_cast<std::size_t>(status.st_size) + 1;
     UniqueCString password(static_cast<char*>(std::calloc(capacity, 1)));
     if (!password) {
-        explain(errbuf, size, "Unable to allocate memory for password");
+        explainNoMemory(errbuf, size);
         return nullptr;
     }
     const auto limit = static_cast<int>(std::min<std::size_t>(capacity, INT_MAX));
@@ -92,11 +110,10 @@ UniqueCString readAdminPassword(char* errbuf, std::size_t size) noexcept {
 
 // False on failure, explained and with errno.
 bool readCredentials(Credentials& credentials, char* errbuf, std::size_t size) noexcept {
-    credentials.host = dsnValue("host");
-    credentials.port = dsnValue("port");
-    credentials.username = dsnValue("username");
-    credentials.password = dsnValue("password");
-    credentials.dbname = dsnValue("dbname");
+    if (!readDsn(credentials)) {
+        explainNoMemory(errbuf, size);
+        return false;
+    }
     if (!credentials.password)
         credentials.password = readAdminPassword(errbuf, size);
     return credentials.password != nullptr;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iostream>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include "lib/db++/connect.h"
@@ -26,6 +27,10 @@ unsigned long long firstNumberOfInfo(st_mysql* handle) {
 
 std::size_t lengthOr(std::size_t length, const char* text) {
     return length != 0 ? length : std::strlen(text);
+}
+
+std::string_view baseName(std::string_view path) {
+    return path.substr(path.rfind('/') + 1);
 }
 
 }  // namespace
@@ -92,12 +97,10 @@ void Connection::append(const char* text, std::size_t length) {
 }
 
 Connection& Connection::operator<<(const char* text) {
-    if (text != nullptr) {
+    if (text != nullptr)
         append(text, std::strlen(text));
-    } else {
+    else if (std::exchange(mode, MODE_RAW) == MODE_RAW)
         query.setstate(std::ios_base::failbit);
-        mode = MODE_RAW;
-    }
     return *this;
 }
 
@@ -149,9 +152,9 @@ void Connection::run(const std::string& statement) {
 void Connection::test() {
     Connection connection(true);
     for (const char* text : {"aaaa", "a`aaa", "a``aaa", "a``aa`a"})
-        std::cerr << "static void corvo::mysql::Connection::test()(connection.cpp:" << __LINE__
-                  << ")connection.escape_name(\"" << text << "\")=" << connection.escape_name(text)
-                  << '\n';
+        std::cerr << "static void corvo::mysql::Connection::test()(" << baseName(__FILE__) << ':'
+                  << __LINE__ << ")connection.escape_name(\"" << text
+                  << "\")=" << connection.escape_name(text) << '\n';
 }
 
 }  // namespace corvo::mysql

@@ -35,7 +35,8 @@ public:
     void open();
 
     /// `text` escaped for use between single quotes. A length of 0 stands for the string's length.
-    /// Needs an open connection. Throws std::bad_alloc when the text is too long.
+    /// Throws std::bad_alloc when the text is too long, and mError "Unknown error\n escaping a
+    /// text" when the connection is not open.
     std::string escape(const char* text, std::size_t length = 0);
     /// `text` with every backquote doubled, for use between backquotes. A length of 0 stands for
     /// the string's length.
@@ -45,8 +46,8 @@ public:
     enum Mode { MODE_VALUE = 0, MODE_NAME = 1, MODE_RAW = 2 };
     void setMode(int next) noexcept { mode = next; }
 
-    /// Adds a piece; a std::string with all its bytes. A null text writes nothing and sets the
-    /// stream's fail state: later pieces are lost until the next run clears it.
+    /// Adds a piece; a std::string with all its bytes. A null text writes nothing in any mode; a
+    /// raw one sets the stream's fail state: later pieces are lost until the next run clears it.
     Connection& operator<<(const char* text);
     Connection& operator<<(const std::string& text);
     Connection& operator<<(int number);

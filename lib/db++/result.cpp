@@ -17,9 +17,9 @@ Field makeField(const char* bytes, unsigned long length) {
 
 // Serves both forms of operator[]; the constness of a row is that of its fields.
 template <typename Fields>
-auto& findField(Fields& fields, const std::string& name) {
-    const auto found = fields.find(name);
-    if (found == fields.end())
+auto& findField(Fields& row, const std::string& name) {
+    const auto found = row.find(name);
+    if (found == row.end())
         throw mError("No field named " + name + " in result set");
     return found->second;
 }

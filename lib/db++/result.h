@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <string>
@@ -23,16 +24,23 @@ class Result {
 public:
     /// A row as a map from column name to field.
     class row_t {
+        using Fields = std::map<std::string, Field>;
+
     public:
         /// Throws mError "No field named <name> in result set"; never inserts.
         Field& operator[](const std::string& name);
         const Field& operator[](const std::string& name) const;
 
+        bool contains(const std::string& name) const { return fields.contains(name); }
         std::size_t size() const noexcept { return fields.size(); }
+
+        /// The pairs of column name and field, in the order of the names.
+        Fields::const_iterator begin() const noexcept { return fields.begin(); }
+        Fields::const_iterator end() const noexcept { return fields.end(); }
 
     private:
         friend class Result;
-        std::map<std::string, Field> fields;
+        Fields fields;
     };
 
     /// Takes ownership of a stored result.

@@ -8,12 +8,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
+#include "tests/support/memory.h"
 #include "tests/support/panel.h"
+#include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 
 namespace {
@@ -312,6 +316,23 @@ TEST_F(ConnectTest, RefusesAPasswordFileThatNoMemoryHolds) {
     ASSERT_EQ(::truncate(SHADOW.c_str(), off_t{1} << 60), 0);
     expectRefusal("Unable to allocate memory for password");
     EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST_F(ConnectTest, TakesNoDefaultsWithoutMemoryForTheDsnFile) {
+    if (!corvo::test::canExhaustMemory())
+        GTEST_SKIP() << "the sanitizer's allocator never returns null";
+    writeFile(DSN, "[corvo]\nhost = elsewhere\n");
+    const auto result = corvo::test::runForked([&] {
+        corvo::test::exhaustMemory();
+        const bool refused = corvo_db_connect_raw_ex(reason, sizeof reason) == nullptr;
+        const int error = errno;
+        (void)std::fprintf(stderr, "\n%s, %d", reason, error);
+        std::exit(refused ? 0 : 1);
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err,
+              "Failed to open /etc/vhc/private/dsn.ini: Cannot allocate memory\n"
+              "Unable to allocate memory for password, 12");
 }
 
 // Failing connections

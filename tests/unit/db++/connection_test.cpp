@@ -136,6 +136,16 @@ TEST_F(ConnectionTest, LosesWhatFollowsANullTextUntilTheNextRun) {
     EXPECT_EQ(valueOf("SELECT 'after' AS v"), "after");
 }
 
+TEST_F(ConnectionTest, WritesNothingForANullTextInOtherModes) {
+    const char* nothing = nullptr;
+    for (const int mode : {int{Connection::MODE_VALUE}, int{Connection::MODE_NAME}, 3}) {
+        connection << "SELECT 'it";
+        connection.setMode(mode);
+        connection << nothing << "''s' AS v";
+        EXPECT_EQ(valueOf(""), "it's") << "mode " << mode;
+    }
+}
+
 TEST_F(ConnectionTest, WritesNumbersAsText) {
     connection << "SELECT CONCAT('" << INT_MIN << "', ' ', '" << INT_MAX << "', ' ', '"
                << ULLONG_MAX << "', ' ', '" << 0ULL << "', ' ', '" << 0.5 << "', ' ', '" << -1e10

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <utility>
 
 #include "tests/unit/db++/database_test.h"
@@ -90,6 +91,19 @@ TEST_F(ResultTest, RefusesAColumnThatIsNotThere) {
 
     EXPECT_EQ(row.size(), 1U);
     EXPECT_EQ(std::as_const(row)["v"].value, "kept");
+}
+
+TEST_F(ResultTest, TellsItsColumnsInTheOrderOfTheirNames) {
+    Result result = rowsOf("SELECT '2' AS b, NULL AS c, '1' AS a");
+    ASSERT_TRUE(result.fetch(&row));
+
+    std::string columns;
+    for (const auto& [name, field] : std::as_const(row))
+        columns += name + "=" + (field.null ? "NULL" : field.value) + ";";
+
+    EXPECT_EQ(columns, "a=1;b=2;c=NULL;");
+    EXPECT_TRUE(row.contains("c"));
+    EXPECT_FALSE(row.contains("d"));
 }
 
 TEST_F(ResultTest, ReadsOnInItsNewPlaceAfterAMove) {
