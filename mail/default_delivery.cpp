@@ -24,15 +24,34 @@ constexpr const char* DEFAULT_DELIVERY = "/var/qmail/mailnames/.default_delivery
 // In bytes. The file belongs to popuser, who must not make this program read without end.
 constexpr std::size_t MAX_LINE = 65536;
 
-// 0, or -1 with errno.
-int requireContent() noexcept {
-    struct stat file {};
-    if (safe_path::status(AT_FDCWD, DEFAULT_DELIVERY, file) != 0)
-        return -1;
-    if (S_ISREG(file.st_mode) && file.st_size > 0)
-        return 0;
-    errno = EINVAL;
-    return -1;
+// Opens the file: none, with errno, unless it has content that is popuser's to see.
+corvo::UniqueFd openWithContent() noexcept {
+    struct stat seen {};
+    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, DEFAULT_DELIVERY, O_RDONLY, 0, seen);
+    if (!file)
+        return file;
+    // The first line goes into files that popuser may read.
+    const bool foreign = safe_path::isForeignHardLink(seen);
+    if (!foreign && seen.st_size > 0)
+        return file;
+    file.reset();
+    errno = foreign ? EPERM : EINVAL;
+    return file;
+}
+
+// Whether an open failed for want of a regular file with content, and not of rights or resources.
+bool isNoUsableFile(int error) noexcept {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EINVAL;
+}
+
+// Logs why the file was not opened.
+void logNotOpened() noexcept {
+    const corvo::ErrnoGuard keepErrno;
+    if (isNoUsableFile(errno))
+        corvo_log(3, "Unable to get default delivery transport string from %s\n", DEFAULT_DELIVERY);
+    else
+        corvo_log(3, "Unable to open default delivery config file(%s): %s\n", DEFAULT_DELIVERY,
+                  std::strerror(errno));
 }
 
 // 0, or -1 with errno, for a line of `length` bytes that was read to `line`.
@@ -68,16 +87,9 @@ corvo::UniqueCString readLine(int file) noexcept {
 }  // namespace
 
 int get_default_delivery_string(char** line) noexcept {
-    if (requireContent() != 0) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to get default delivery transport string from %s\n", DEFAULT_DELIVERY);
-        return -1;
-    }
-    const corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, DEFAULT_DELIVERY, O_RDONLY);
+    const corvo::UniqueFd file = openWithContent();
     if (!file) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to open default delivery config file(%s): %s\n", DEFAULT_DELIVERY,
-                  std::strerror(errno));
+        logNotOpened();
         return -1;
     }
     corvo::UniqueCString first = readLine(file.get());

@@ -57,9 +57,10 @@ int installDefaultDelivery(const char* path) noexcept {
     return giveToPopuser(path);
 }
 
-// idn_email_toascii, and no conversion of what would put further lines into the file.
+// idn_email_toascii, which leaves no reason for an address without domain, and no conversion of
+// what would put further lines into the file.
 char* convertToOneLine(const char* address) noexcept {
-    if (std::strpbrk(address, "\r\n") == nullptr)
+    if (std::strchr(address, '@') != nullptr && std::strpbrk(address, "\r\n") == nullptr)
         return idn_email_toascii(address);
     idn_errno = IDN_CONTAINS_NON_LDH;
     return nullptr;

@@ -22,7 +22,8 @@ int dotqmail_remove_delivery_strings(const char* path) noexcept;
 int dotqmail_reset(const char* path) noexcept;
 
 /// Add a forward, as the last line, once. The domain of `address` may be international. An address
-/// that cannot be converted, or that would add more than one line, fails with EINVAL.
+/// without "@", one that cannot be converted, or that would add more than one line, fails with
+/// EINVAL.
 int dotqmail_add_forward(const char* path, const char* address) noexcept;
 int add_mn_forward(const char* mailname, const char* domain, const char* address) noexcept;
 

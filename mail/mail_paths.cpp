@@ -8,6 +8,7 @@
 #include "utils/idn.h"
 #include "utils/log.h"
 #include "utils/runtime_config.h"
+#include "utils/safe_path.h"
 #include "utils/strings.h"
 
 namespace {
@@ -76,18 +77,24 @@ int judge(bool (*valid)(std::string_view), const char* name) noexcept {
 
 enum class Formatted { done, tooLong, refused };
 
+Formatted refuseNames() noexcept {
+    corvo_log(3, "empty mailname or maildomain");
+    return Formatted::refused;
+}
+
 // What is refused has been logged.
 Formatted formatPath(char* dst, std::size_t size, const char* mailname, const char* domain,
                      const char* file) noexcept {
-    if (is_mailname_valid(mailname) == 0 || domain == nullptr) {
-        corvo_log(3, "empty mailname or maildomain");
-        return Formatted::refused;
-    }
+    if (is_mailname_valid(mailname) == 0 || domain == nullptr)
+        return refuseNames();
     const corvo::UniqueCString asciiDomain(idn_toascii(domain));
     if (!asciiDomain) {
         corvo_log(3, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_errno));
         return Formatted::refused;
     }
+    // The conversion makes dots and slashes out of other characters, so its result is looked at.
+    if (!corvo::mail::isPathComponent(asciiDomain.get()))
+        return refuseNames();
     const int length =
         std::snprintf(dst, size, "%s/%s/%s%s", vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D),
                       asciiDomain.get(), mailname, file);
@@ -147,9 +154,7 @@ std::string mailnamesPrefix() {
 }
 
 bool isPathComponent(std::string_view name) noexcept {
-    using namespace std::string_view_literals;
-    return !name.empty() && name != "." && name != ".." &&
-           name.find_first_of("/\0"sv) == std::string_view::npos;
+    return safe_path::isComponent(name);
 }
 
 }  // namespace corvo::mail

@@ -15,7 +15,7 @@ namespace {
 namespace safe_path = corvo::safe_path;
 
 corvo::UniqueFile openEmpty(const char* path) noexcept {
-    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
     corvo::UniqueFile stream(file ? ::fdopen(file.get(), "w") : nullptr);
     if (stream)
         (void)file.release();

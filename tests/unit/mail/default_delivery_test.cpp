@@ -11,11 +11,11 @@
 #include <string>
 
 #include "tests/support/capabilities.h"
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/memory.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/mail/logging_fixture.h"
 
 namespace {
 
@@ -23,13 +23,8 @@ using namespace corvo::test;
 
 const std::string DEFAULT_DELIVERY = "/var/qmail/mailnames/.default_delivery";
 
-class DefaultDeliveryTest : public SandboxTest {
+class DefaultDeliveryTest : public LoggingTest {
 protected:
-    void expectLogged(const std::string& text) {
-        EXPECT_EQ(capture.err(), text);
-        EXPECT_EQ(capture.out(), text);
-    }
-
     /// The line, or "(failed)".
     static std::string line() {
         char* text = nullptr;
@@ -41,8 +36,6 @@ protected:
         std::free(text);
         return copy;
     }
-
-    StreamCapture capture;
 };
 
 TEST_F(DefaultDeliveryTest, FirstLineIsTheLine) {
@@ -134,6 +127,43 @@ TEST_F(DefaultDeliveryTest, FileThatCannotBeOpenedIsAFailure) {
                  "): Permission denied\n\n");
 }
 
+TEST_F(DefaultDeliveryTest, HardLinkToAnothersFileIsNotHandedOut) {
+    const std::string secrets = MAILNAMES + "/secrets";
+    const struct {
+        const char* what;
+        uid_t owner;
+        gid_t group;
+        std::string contents;
+        std::string line;
+    } cases[] = {
+        {"root's", 0, 0, "root:secret\n", "(failed)"},
+        {"a stranger's", STRANGER_UID, STRANGER_GID, "secret\n", "(failed)"},
+        {"root's empty one", 0, 0, "", "(failed)"},
+        {"popuser's own", POPUSER_UID, POPUSER_GID, "| own\n", "| own"},
+    };
+    for (const auto& [what, owner, group, contents, expected] : cases) {
+        SCOPED_TRACE(what);
+        resetSandbox();
+        writeFile(secrets, contents, owner, group, 0600);
+        ASSERT_EQ(::link(secrets.c_str(), DEFAULT_DELIVERY.c_str()), 0);
+        EXPECT_EQ(line(), expected);
+        if (expected != "(failed)")
+            continue;
+        EXPECT_EQ(errno, EPERM);
+        expectLogged("Unable to open default delivery config file(" + DEFAULT_DELIVERY +
+                     "): Operation not permitted\n\n");
+    }
+}
+
+TEST_F(DefaultDeliveryTest, FolderThatIsNoneHoldsNoUsableFile) {
+    ASSERT_EQ(::rmdir(MAILNAMES.c_str()), 0);
+    writeFile(MAILNAMES, "no directory");
+    EXPECT_EQ(line(), "(failed)");
+    EXPECT_EQ(errno, ENOTDIR);
+    expectLogged("Unable to get default delivery transport string from " + DEFAULT_DELIVERY +
+                 "\n\n");
+}
+
 // A test that is skipped says so on standard output, which a capture would not let pass.
 class DefaultDeliveryWithoutMemoryTest : public SandboxTest {};
 
@@ -187,6 +217,13 @@ TEST_F(DefaultDeliveryTest, SettingFailsWhereNoFileCanBe) {
     EXPECT_EQ(set_default_delivery_string("x"), -1);
     EXPECT_EQ(errno, EISDIR);
     expectLogged("Unable to truncate or create file " + DEFAULT_DELIVERY + ": Is a directory\n");
+}
+
+TEST_F(DefaultDeliveryTest, SettingWithoutPopuserWritesNothing) {
+    removeUser("popuser");
+    EXPECT_EQ(set_default_delivery_string("| new\n"), -1);
+    expectLogged("user popuser not found\n");
+    EXPECT_EQ(contentsOf(DEFAULT_DELIVERY), "");
 }
 
 TEST_F(DefaultDeliveryTest, LinesThatDoNotFitAreRemoved) {

@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <string>
 
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/mail/logging_fixture.h"
 
 namespace {
 
@@ -17,20 +17,13 @@ using namespace corvo::test;
 const std::string DELIVERQUOTA = "/usr/bin/deliverquota";
 const std::string DOVECOT_LDA = "/usr/libexec/dovecot/dovecot-lda";
 
-class DeliveryAgentTest : public SandboxTest {
+class DeliveryAgentTest : public LoggingTest {
 protected:
     DeliveryAgentTest() { detectedImapPop3Server = DELIVERY_AGENT_UNKNOWN; }
-
-    void expectLogged(const std::string& text) {
-        EXPECT_EQ(capture.err(), text);
-        EXPECT_EQ(capture.out(), text);
-    }
 
     static void install(const std::string& path, mode_t mode = 0755) {
         writeFile(path, "#!/bin/sh\n", 0, 0, mode);
     }
-
-    StreamCapture capture;
 };
 
 std::string unusable(const std::string& path) {

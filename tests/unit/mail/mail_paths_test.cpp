@@ -6,10 +6,10 @@
 #include <iostream>
 #include <string>
 
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/mail/logging_fixture.h"
 
 namespace {
 
@@ -78,14 +78,8 @@ TEST(FullMailnameValidityTest, IsAMailNameAndADomainAroundTheFirstAt) {
     EXPECT_EQ(is_full_mailname_valid(nullptr), 0);
 }
 
-class MailPathTest : public SandboxTest {
+class MailPathTest : public LoggingTest {
 protected:
-    void expectLogged(const std::string& text) {
-        EXPECT_EQ(capture.err(), text);
-        EXPECT_EQ(capture.out(), text);
-    }
-
-    StreamCapture capture;
     char path[4096] = "";
 };
 
@@ -133,6 +127,39 @@ TEST_F(MailPathTest, DomainThatCannotBeConvertedIsRefused) {
     expectLogged("idn_toascii(" + domain + ") failed: Invalid length\n");
     EXPECT_EQ(get_dotqmail_path(path, sizeof path, "info", domain.c_str()), -1);
     expectLogged("idn_toascii(" + domain + ") failed: Invalid length\n");
+}
+
+TEST_F(MailPathTest, DomainThatIsNoDirectorysNameIsRefused) {
+    // The conversion makes "/" of the full-width slash, and "." of three other dots.
+    const std::string slash = "\xEF\xBC\x8F";
+    const std::string dot = "\xEF\xBC\x8E";
+    for (const std::string& domain :
+         {std::string(), std::string("."), std::string("/"), std::string("a/b"),
+          std::string("/etc"), "a" + slash + "b", slash, dot, "example.com" + slash}) {
+        SCOPED_TRACE(domain);
+        EXPECT_EQ(get_mailhome_path(path, sizeof path, "info", domain.c_str()), -1);
+        EXPECT_EQ(errno, EINVAL);
+        expectLogged("empty mailname or maildomain\n");
+        EXPECT_EQ(get_dotqmail_path(path, sizeof path, "info", domain.c_str()), -1);
+        EXPECT_EQ(errno, EINVAL);
+        expectLogged("empty mailname or maildomain\n");
+    }
+}
+
+TEST_F(MailPathTest, NoDomainLeadsOutOfTheRoot) {
+    const std::string slash = "\xEF\xBC\x8F";
+    const std::string dot = "\xEF\xBC\x8E";
+    const std::string ideographicDot = "\xE3\x80\x82";
+    for (const std::string& domain :
+         {std::string(".."), std::string("../.."), std::string("../../../etc"),
+          std::string("a/../.."), dot + dot, ideographicDot + ideographicDot, dot + dot + slash,
+          dot + dot + slash + dot + dot}) {
+        SCOPED_TRACE(domain);
+        EXPECT_EQ(get_dotqmail_path(path, sizeof path, "info", domain.c_str()), -1);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_NE(capture.err(), "");
+        (void)capture.out();
+    }
 }
 
 TEST_F(MailPathTest, HomePathMustFitWithItsTerminatingZero) {

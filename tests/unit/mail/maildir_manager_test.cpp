@@ -1,5 +1,6 @@
 #include "mail/maildir_manager.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -19,11 +20,45 @@
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/mail/another_process.h"
 
 namespace {
 
 using namespace corvo::test;
 namespace fs = std::filesystem;
+
+// What comes before the C library's calls while a test wants it: true lets the call through, false
+// fails it with the errno that was set.
+std::function<bool(const char*)> letThrough;
+
+bool passes(const char* call) {
+    return !letThrough || letThrough(call);
+}
+
+template <typename Function>
+Function* original(const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" int fchown(int fd, uid_t uid, gid_t gid) noexcept {
+    static const auto real = original<int(int, uid_t, gid_t)>("fchown");
+    return passes("chown") ? real(fd, uid, gid) : -1;
+}
+
+extern "C" int fchmod(int fd, mode_t mode) noexcept {
+    static const auto real = original<int(int, mode_t)>("fchmod");
+    return passes("chmod") ? real(fd, mode) : -1;
+}
+
+extern "C" int fstat(int fd, struct stat* result) noexcept {
+    static const auto real = original<int(int, struct stat*)>("fstat");
+    return passes("stat") ? real(fd, result) : -1;
+}
+
+namespace {
+
 using corvo::mail::FSError;
 using corvo::mail::MaildirManager;
 using corvo::mail::MaildirPPManager;
@@ -335,6 +370,77 @@ TEST_F(MaildirManagerTest, ModeThatCannotBeSetIsAnFSErrorWithItsPath) {
     EXPECT_EQ(thrown.text, "filesystem error: chmod: Operation not permitted [" + ROOT + "]");
     EXPECT_EQ(ownerOf(ROOT), popuser());
     EXPECT_EQ(currentUmask(), 022U);
+}
+
+/// While it lives, the first calls of this name are interrupted by a signal.
+class Interrupted {
+public:
+    Interrupted(std::string call, int times) {
+        letThrough = [this, call = std::move(call), times](const char* called) {
+            if (call != called || count_ == times)
+                return true;
+            ++count_;
+            errno = EINTR;
+            return false;
+        };
+    }
+    ~Interrupted() { letThrough = nullptr; }
+    Interrupted(const Interrupted&) = delete;
+    Interrupted& operator=(const Interrupted&) = delete;
+
+    int count() const { return count_; }
+
+private:
+    int count_ = 0;
+};
+
+TEST_F(MaildirManagerTest, InterruptedOwnersAndModesAreSetAgain) {
+    for (const std::string call : {"chown", "chmod"}) {
+        SCOPED_TRACE(call);
+        resetSandbox();
+        const Interrupted signals(call, 5);
+        createRoot();
+        createHome();
+        EXPECT_EQ(signals.count(), 5);
+        EXPECT_EQ(modeOf(ROOT) + " " + ownerOf(ROOT), "0750 " + popuser());
+        EXPECT_EQ(listTree(HOME), listOfNewHome());
+    }
+}
+
+TEST_F(MaildirManagerTest, InterruptedLookBeforeABackupIsRepeated) {
+    createRoot();
+    const std::string saved = "example.com.CorvoSaved." + std::to_string(inodeOf(ROOT));
+    const Interrupted signals("stat", 3);
+    manager().backupDomainRoot("example.com");
+    EXPECT_EQ(signals.count(), 3);
+    EXPECT_EQ(namesIn(MAILNAMES), std::vector<std::string>{saved});
+}
+
+TEST_F(MaildirManagerTest, LinkThatTakesTurnsWithADirectoryLeadsNoOwnerOut) {
+    for (const std::string entry : {"", "/Maildir", "/Maildir/cur"}) {
+        SCOPED_TRACE(entry);
+        resetSandbox();
+        writeFile(OUTSIDE + "/Maildir/cur/file", "kept\n");
+        createHome();
+        const std::string link = ROOT + "/link";
+        makeLink(OUTSIDE, link, POPUSER_UID);
+        const std::string before = fingerprint("/var/lib/corvo");
+        const AnotherProcess swapping([&] { exchange(HOME + entry, link); });
+        Outcomes seen;
+        while (seen.wantsMore()) {
+            try {
+                createHome();
+                seen.note(true);
+            } catch (const fs::filesystem_error& e) {
+                // ENOTDIR when the link came between the look at a directory and its opening.
+                const int error = e.code().value();
+                EXPECT_TRUE(error == ELOOP || error == ENOTDIR) << e.what();
+                seen.note(false);
+            }
+        }
+        EXPECT_TRUE(seen.both()) << seen;
+        EXPECT_EQ(fingerprint("/var/lib/corvo"), before);
+    }
 }
 
 TEST_F(MaildirManagerTest, LinksOfPopuserAreRefusedAtEachLevel) {

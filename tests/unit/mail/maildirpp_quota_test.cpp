@@ -14,6 +14,7 @@
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/mail/logging_fixture.h"
 #include "tests/unit/mail/maildir_fixture.h"
 
 namespace {
@@ -253,7 +254,10 @@ TEST_F(StoreQuotaTest, UnknownOwnerIsRoot) {
     StreamCapture streams;
     EXPECT_EQ(store(5), 1);
     EXPECT_EQ(ownerOf(QUOTA_FILE), "0:0");
-    EXPECT_EQ(streams.err(), streams.out());
+    // Once for the owner, once for the group.
+    expectLogged(streams,
+                 "Unable to getpwnam for user popuser\n"
+                 "Unable to getpwnam for user popuser\n");
 }
 
 /// Two messages of 70 bytes lie in the Maildir.
@@ -285,6 +289,17 @@ protected:
 
 const std::string CORRUPTED =
     "maildirsize quota header is corrupted. Please run mail_rebuild utility to fix.\n";
+
+TEST_F(ReadQuotaTest, CorruptedHeaderIsLoggedAsAnError) {
+    writeFile(QUOTA_FILE, "-5S\n");
+    StreamCapture streams;
+    const LogRecorder log;
+    EXPECT_EQ(read(1), 0);
+    EXPECT_EQ(LogRecorder::messages(),
+              (std::vector<std::string>{"3 maildirsize quota header is corrupted. Please run "
+                                        "mail_rebuild utility to fix."}));
+    expectLogged(streams, CORRUPTED);
+}
 
 TEST_F(ReadQuotaTest, WhatWasStoredIsReadBack) {
     EXPECT_EQ(store(104857600), 1);

@@ -20,6 +20,7 @@
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/mail/another_process.h"
 #include "tests/unit/mail/maildir_fixture.h"
 
 using namespace corvo::test;
@@ -435,6 +436,27 @@ TEST_F(PlantedLinkTest, LinkPutInPlaceOfTheNewFileIsNotDatedBack) {
     onClose = nullptr;
     EXPECT_TRUE(S_ISLNK(statusOf(QUOTA_FILE).st_mode));
     EXPECT_EQ(statusOf(TARGET + "/keep,S=7").st_mtime, FUTURE);
+}
+
+TEST_F(PlantedLinkTest, LinkThatTakesTurnsWithTmpLeadsNoWriteOut) {
+    plant(MAILDIR + "/link", TARGET);
+    int hosts = 0;
+    // What an exchange kept from being removed must not stand in the way of the next file.
+    onGethostname = [&hosts](char* name, std::size_t size) {
+        (void)std::snprintf(name, size, "host%d", ++hosts);
+        return 0;
+    };
+    StreamCapture streams;
+    const AnotherProcess swapping([this] { exchange(MAILDIR + "/tmp", MAILDIR + "/link"); });
+    Outcomes seen;
+    while (seen.wantsMore()) {
+        seen.note(store(5) == 1);
+        (void)streams.err();
+        (void)streams.out();
+    }
+    EXPECT_TRUE(seen.both()) << seen;
+    EXPECT_EQ(maildirsize(), "5S,0C\n           0           0\n");
+    EXPECT_EQ(ownerOf(QUOTA_FILE), popuser());
 }
 
 TEST_F(PlantedLinkTest, MaildirsizeIsNotRead) {

@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <string>
 
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/mail/logging_fixture.h"
 
 namespace {
 
@@ -18,20 +18,20 @@ using namespace corvo::test;
 
 const std::string FILE_PATH = MAILNAMES + "/file";
 
-class TextFileTest : public SandboxTest {
+class TextFileTest : public LoggingTest {
 protected:
-    void expectLogged(const std::string& text) {
-        EXPECT_EQ(capture.err(), text);
-        EXPECT_EQ(capture.out(), text);
-    }
-
-    StreamCapture capture;
 };
 
-TEST_F(TextFileTest, NewFileHasTheModeOfTheUmask) {
-    EXPECT_EQ(write_text_file(FILE_PATH.c_str(), "line\n"), 0);
-    EXPECT_EQ(contentsOf(FILE_PATH), "line\n");
-    EXPECT_EQ(modeOf(FILE_PATH) + " " + ownerOf(FILE_PATH), "0644 0:0");
+TEST_F(TextFileTest, NewFileIsForItsOwnerAloneWhateverTheUmask) {
+    for (const mode_t mask : {0000, 0022, 0077}) {
+        SCOPED_TRACE(mask);
+        resetSandbox();
+        ::umask(mask);
+        EXPECT_EQ(write_text_file(FILE_PATH.c_str(), "line\n"), 0);
+        EXPECT_EQ(contentsOf(FILE_PATH), "line\n");
+        EXPECT_EQ(modeOf(FILE_PATH) + " " + ownerOf(FILE_PATH), "0600 0:0");
+    }
+    ::umask(022);
 }
 
 TEST_F(TextFileTest, ExistingFileIsWrittenInPlaceAndKeepsOwnerAndMode) {
