@@ -43,7 +43,9 @@ int mh_db_remove_all(sqlite3* db, const char* domain) noexcept;
 int mh_db_action(sqlite3* db, const char* parameter, const char* statement) noexcept;
 
 /// Calls `callback` with the open database and each record, in the list's order, inside one
-/// transaction. What the callbacks return is ignored.
+/// transaction. What the callbacks return is ignored, and one that fails does not stop the others,
+/// unless SQLite takes the whole transaction back (no space, I/O error): nothing is then changed,
+/// and what is logged is that callback's failure.
 int mh_db_do(mh_list* list, sqlite3* db, int (*callback)(sqlite3*, mh_data*)) noexcept;
 
 // Selections. They add to the list, which the caller has initialised and frees, in front: it ends

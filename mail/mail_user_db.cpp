@@ -61,8 +61,8 @@ bool bindAll(SqliteStatement& statement, std::span<const Parameter> parameters) 
 }
 
 // One statement, run once or several times inside one transaction. After a failure to open, begin,
-// prepare or bind nothing more is done and the transaction is not ended; a run that fails spoils
-// the result and nothing else.
+// prepare or bind nothing more is done and the transaction is not ended; nor after a run that made
+// SQLite take the transaction back. Any other run that fails spoils the result and nothing else.
 class WriteOperation {
 public:
     WriteOperation(const std::string& path, const char* sql)
@@ -81,6 +81,7 @@ public:
         if (statement_->step() != SqliteStep::done) {
             logFailure(statement_->error());
             succeeded_ = false;
+            usable_ = session_.inTransaction();
         }
         statement_->rewind();
     }

@@ -34,7 +34,9 @@ public:
                                             long long quota) const;
 
     /// Stores many in one transaction, a negative quota as the default and a negative default as 0.
-    /// One that fails does not stop the others. Without any, the file is not touched.
+    /// One that fails does not stop the others, unless SQLite takes the whole transaction back (no
+    /// space, I/O error): nothing is then stored, of those before it neither. Without any, the file
+    /// is not touched.
     [[nodiscard]] bool userdbStoreMboxesQuotas(const std::string& domain,
                                                const std::vector<MailQuota>& quotas,
                                                long long defaultQuota) const;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "mail/sqlite_hardening.h"
 #include "utils/log.h"
 
 namespace corvo::mail {
@@ -46,6 +47,13 @@ void close(sqlite3* database) noexcept {
     (void)repeatWhileBusy([database] { return sqlite3_close(database); });
 }
 
+int openHardened(const char* path, bool readOnly, sqlite3*& opened) noexcept {
+    if (!hardenSqlite())
+        return SQLITE_NOMEM;
+    return readOnly ? sqlite3_open_v2(path, &opened, SQLITE_OPEN_READONLY, nullptr)
+                    : sqlite3_open(path, &opened);
+}
+
 const char* errorOf(sqlite3* database) noexcept {
     return database == nullptr ? "general DB errror"  // sic
                                : sqlite3_errmsg(database);
@@ -74,12 +82,9 @@ SqliteSession::~SqliteSession() {
 void SqliteSession::open(const char* path, SqliteAccess access) noexcept {
     const bool readOnly = access == SqliteAccess::readOnly;
     sqlite3* opened = nullptr;
-    const int result = readOnly ? sqlite3_open_v2(path, &opened, SQLITE_OPEN_READONLY, nullptr)
-                                : sqlite3_open(path, &opened);
-    if (result == SQLITE_OK) {
+    if (openHardened(path, readOnly, opened) == SQLITE_OK) {
         sqlite3_busy_timeout(opened, BUSY_TIMEOUT_MS);
-        // popuser may write into the files: what their schema says must not reach beyond them.
-        sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+        hardenConnection(opened);
         database_ = opened;
         return;
     }
@@ -110,6 +115,10 @@ bool SqliteSession::end() const noexcept {
     return false;
 }
 
+bool SqliteSession::inTransaction() const noexcept {
+    return sqlite3_get_autocommit(database_) == 0;
+}
+
 bool SqliteSession::execute(const char* script, SqliteText& error) const noexcept {
     const auto attempt = [&] {
         char* text = nullptr;
@@ -119,7 +128,7 @@ bool SqliteSession::execute(const char* script, SqliteText& error) const noexcep
     };
     // The next attempt would otherwise begin a transaction within its predecessor's.
     const auto rollBack = [&] {
-        if (sqlite3_get_autocommit(database_) == 0)
+        if (inTransaction())
             (void)sqlite3_exec(database_, "ROLLBACK;", nullptr, nullptr, nullptr);
     };
     return repeatWhileBusy(attempt, rollBack) == SQLITE_OK;

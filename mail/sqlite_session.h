@@ -50,6 +50,11 @@ public:
     [[nodiscard]] bool begin() const noexcept;
     [[nodiscard]] bool end() const noexcept;
 
+    /// Has a transaction begun and not ended? A step that fails for want of space or memory or for
+    /// an I/O error makes SQLite take the whole transaction back: what follows would be kept, each
+    /// step for itself, and there is nothing to end. The session is open.
+    [[nodiscard]] bool inTransaction() const noexcept;
+
     /// Runs several statements, from the start again after waiting for a lock. On failure `error`
     /// holds SQLite's text, or null when it has none. The session is open.
     [[nodiscard]] bool execute(const char* script, SqliteText& error) const noexcept;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "tests/support/installation.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/sqlite.h"
+#include "utils/log.h"
 
 namespace {
 
@@ -29,13 +31,20 @@ const Rows PERMANENT = {record("1", "permanent"), record("4", "permanent"), FORE
 
 class CheckQuotaHandlerTest : public SandboxTest {
 protected:
-    CheckQuotaHandlerTest() { installMailServer(); }
+    CheckQuotaHandlerTest() {
+        installMailServer();
+        corvo_log = &logError;
+    }
+    ~CheckQuotaHandlerTest() override { corvo_log = log; }
 
-    /// Makes additions to a queue fail.
-    static void refuseQueue(int queue) {
-        sqliteExecute(HANDLERS,
-                      "CREATE TRIGGER refuse BEFORE INSERT ON handlers WHEN NEW.queue = " +
-                          std::to_string(queue) + " BEGIN SELECT RAISE(ABORT, 'refused'); END");
+    /// From now on what adds or removes records for which `condition` holds fails.
+    static void refuse(const std::string& condition) {
+        const std::string index = "CREATE INDEX refuse ON handlers ";
+        // Records that are there already would not let the index be made.
+        sqliteExecute(HANDLERS, index +
+                                    "(abs(0)); PRAGMA writable_schema = ON; UPDATE sqlite_master " +
+                                    "SET sql = '" + index + "(abs(iif(" + condition +
+                                    ", -9223372036854775808, 0)))' WHERE name = 'refuse'");
     }
     void expectLogged(const std::string& text) {
         const std::string err = output.err();
@@ -43,13 +52,25 @@ protected:
         EXPECT_EQ(err, text);
         EXPECT_EQ(out, text);
     }
+    // Every line of these functions is an error.
+    static void logError(int priority, const char* format, ...)
+        __attribute__((format(printf, 2, 3))) {
+        EXPECT_EQ(priority, 3) << format;
+        va_list arguments;
+        va_start(arguments, format);
+        corvo_logv(priority, format, arguments);
+        va_end(arguments);
+    }
 
     StreamCapture output;
+
+private:
+    decltype(corvo_log) log = corvo_log;
 };
 
 const std::string NOT_ADDED = "Unable to add check-quota mail handler.\n";
 const std::string REFUSED =
-    "Unable to execute insert record into handlers database: refused\n" + NOT_ADDED;
+    "Unable to execute insert record into handlers database: integer overflow\n" + NOT_ADDED;
 
 TEST_F(CheckQuotaHandlerTest, EveryPairOfSettings) {
     const struct {
@@ -88,14 +109,14 @@ TEST_F(CheckQuotaHandlerTest, SettingAloneRemovesNothing) {
 }
 
 TEST_F(CheckQuotaHandlerTest, FirstFailureMeansNoSecondAdd) {
-    refuseQueue(1);
+    refuse("queue = 1");
     EXPECT_EQ(restore_check_quota_handler(1, 0), -1);
     expectLogged(REFUSED);
     EXPECT_EQ(handlerRows(), Rows{FOREIGN});
 }
 
 TEST_F(CheckQuotaHandlerTest, SecondFailureLeavesTheFirstRecord) {
-    refuseQueue(4);
+    refuse("queue = 4");
     EXPECT_EQ(restore_check_quota_handler(1, 0), -1);
     expectLogged(REFUSED);
     EXPECT_EQ(handlerRows(), (Rows{record("1", "none"), FOREIGN}));
@@ -103,14 +124,13 @@ TEST_F(CheckQuotaHandlerTest, SecondFailureLeavesTheFirstRecord) {
 
 TEST_F(CheckQuotaHandlerTest, FailedRemovalIsIgnored) {
     sqliteExecute(HANDLERS,
-                  "CREATE TRIGGER refuse BEFORE DELETE ON handlers"
-                  " WHEN OLD.context = 'old' BEGIN SELECT RAISE(ABORT, 'refused'); END;"
                   "INSERT INTO handlers VALUES (7, 4, 0, 9, 'check-quota', 'all', 'e', 'old', 1)");
+    refuse("enabled = 0");
     EXPECT_EQ(restore_check_quota_handler(1, 0), 0);
-    expectLogged("Unable to execute do action on handlers database: refused\n");
+    expectLogged("Unable to execute do action on handlers database: integer overflow\n");
     EXPECT_EQ(handlerRows().size(), 4U);
     EXPECT_EQ(restore_check_quota_handler(0, 0), 0);
-    expectLogged("Unable to execute do action on handlers database: refused\n");
+    expectLogged("Unable to execute do action on handlers database: integer overflow\n");
 }
 
 TEST_F(CheckQuotaHandlerTest, MissingDatabaseIsReportedByEachStep) {

@@ -85,8 +85,9 @@ TEST_F(MailHandlersCreationTest, ReportsFolderThatCannotBeMade) {
     EXPECT_EQ(mh_db_create(), -1);
     expectLogged({"Unable to create directories for mail handlers database (" + FILE_PATH +
                       "): Not a directory (20)",
-                  "Unable to create directory for mail handlers database for(" + FILE_PATH +
-                      "): Not a directory"});
+                  {"Unable to create directory for mail handlers database for(" + FILE_PATH +
+                       "): Not a directory",
+                   2}});
 }
 
 TEST_F(MailHandlersCreationTest, ReportsReadOnlyFileSystem) {
@@ -94,8 +95,9 @@ TEST_F(MailHandlersCreationTest, ReportsReadOnlyFileSystem) {
     EXPECT_EQ(mh_db_create(), -1);
     expectLogged({"Unable to create directories for mail handlers database (" + FILE_PATH +
                       "): Read-only file system (30)",
-                  "Unable to create directory for mail handlers database for(" + FILE_PATH +
-                      "): Read-only file system"});
+                  {"Unable to create directory for mail handlers database for(" + FILE_PATH +
+                       "): Read-only file system",
+                   2}});
 }
 
 TEST_F(MailHandlersCreationTest, ReportsPathWithoutDirectory) {
@@ -129,17 +131,17 @@ TEST_F(MailHandlersCreationTest, ExistingFoldersKeepTheirMode) {
 TEST_F(MailHandlersCreationTest, MissingGroupDeletesTheFile) {
     removeGroup("popuser");
     EXPECT_EQ(mh_db_create(), -1);
-    expectLogged({"Unable to get mail handlers group uid: Group not found"});
+    expectLogged({{"Unable to get mail handlers group uid: Group not found", 2}});
     EXPECT_FALSE(exists(FILE_PATH));
 }
 
 TEST_F(MailHandlersCreationTest, OwnerOfMissingFileIsReported) {
     EXPECT_EQ(fix_mh_db_permissions("/var/lib/corvo/none"), -1);
-    expectLogged({"Unable to set owner on /var/lib/corvo/none: No such file or directory"});
+    expectLogged({{"Unable to set owner on /var/lib/corvo/none: No such file or directory", 2}});
 }
 
 TEST_F(MailHandlersCreationTest, RefusedOwnerDeletesTheFile) {
-    expectChildLogs({"Unable to set owner on " + FILE_PATH + ": Operation not permitted"}, [] {
+    expectChildLogs({{"Unable to set owner on " + FILE_PATH + ": Operation not permitted", 2}}, [] {
         failSystemCall(SYS_fchown, EPERM);
         if (mh_db_create() != -1 || errno != EPERM)
             ::_exit(1);
@@ -148,17 +150,17 @@ TEST_F(MailHandlersCreationTest, RefusedOwnerDeletesTheFile) {
 }
 
 TEST_F(MailHandlersCreationTest, RefusedModeDeletesTheFile) {
-    expectChildLogs({"Unable to set permissions on " + FILE_PATH + ": Operation not permitted"},
-                    [] {
-                        failSystemCall(SYS_fchmod, EPERM);
-                        if (mh_db_create() != -1 || errno != EPERM)
-                            ::_exit(1);
-                    });
+    expectChildLogs(
+        {{"Unable to set permissions on " + FILE_PATH + ": Operation not permitted", 2}}, [] {
+            failSystemCall(SYS_fchmod, EPERM);
+            if (mh_db_create() != -1 || errno != EPERM)
+                ::_exit(1);
+        });
     EXPECT_EQ(namesIn(FOLDER), Rows());
 }
 
 TEST_F(MailHandlersCreationTest, PermissionsHavePriorityTwo) {
-    expectChildLogs({"Unable to get mail handlers group uid: Group not found"}, [] {
+    expectChildLogs({{"Unable to get mail handlers group uid: Group not found", 2}}, [] {
         corvo_log_set_level(2);
         removeGroup("popuser");
         (void)mh_db_create();

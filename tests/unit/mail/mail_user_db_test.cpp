@@ -89,12 +89,10 @@ TEST_F(MailUserDbStoreTest, BulkRunsOneTransaction) {
 }
 
 TEST_F(MailUserDbStoreTest, BulkGoesOnAfterFailingElement) {
-    sqliteExecute(FILE_PATH,
-                  "CREATE TRIGGER refuse BEFORE INSERT ON mailbox_quota WHEN NEW.mailbox_name = 'b'"
-                  " BEGIN SELECT RAISE(ABORT, 'no b here'); END");
+    refuseRows(FILE_PATH, "mailbox_quota", "mailbox_name = char(98)");
     const std::vector<MailQuota> quotas = {{"a", 1}, {"B", 2}, {"c", 3}};
     EXPECT_FALSE(helper.userdbStoreMboxesQuotas("Example.com", quotas, 0));
-    expectLogged({"Unable to set quota for 'B@Example.com': no b here"});
+    expectLogged({"Unable to set quota for 'B@Example.com': integer overflow"});
     EXPECT_EQ(rows(), (Rows{"example.com|a|1B", "example.com|c|3B"}));
 }
 
@@ -335,15 +333,10 @@ TEST_P(MailUserDbWriteTest, FailedEndMakesTheResultFalse) {
 }
 
 TEST_P(MailUserDbWriteTest, FailedStepStillEndsTheTransaction) {
-    sqliteExecute(
-        FILE_PATH,
-        "CREATE TABLE log (text);"
-        "CREATE TRIGGER i BEFORE INSERT ON mailbox_quota BEGIN SELECT RAISE(FAIL, 'no'); END;"
-        "CREATE TRIGGER d BEFORE DELETE ON mailbox_quota BEGIN SELECT RAISE(FAIL, 'no'); END;"
-        "CREATE TRIGGER u BEFORE UPDATE ON mailbox_quota BEGIN SELECT RAISE(FAIL, 'no'); END");
+    refuseRows(FILE_PATH, "mailbox_quota", "length(domain_name) AND length(mailbox_name)");
     const StatementTrace trace;
     EXPECT_FALSE(run());
-    expectLogged({stepFailure("no")});
+    expectLogged({stepFailure("integer overflow")});
     EXPECT_EQ(trace.statements().back(), "END TRANSACTION;");
     EXPECT_EQ(rows(), Rows{"example.com|info|1B"});
 }
@@ -407,14 +400,21 @@ TEST_F(MailUserDbStoreTest, FailedBindTakesTheWholeBulkBack) {
 
 // A full disk.
 
+TEST_F(MailUserDbStoreTest, FullDiskTakesTheWholeBulkBackAndEndsIt) {
+    const ConnectionHook hook(addRoom);
+    sqliteExecute(FILE_PATH, "CREATE INDEX space ON mailbox_quota (room(mailbox_name))");
+    EXPECT_FALSE(helper.userdbStoreMboxesQuotas("a.com", {{"a", 1}, {"b", 2}, {"c", 3}}, 0));
+    expectLogged({"Unable to set quota for 'b@a.com': database or disk is full"});
+    EXPECT_EQ(rows(), Rows());
+}
+
 TEST_F(MailUserDbTest, FullDiskFailsTheStepAndDestroysNothing) {
     mountSmall(FOLDER, 256 * 1024);
     ASSERT_TRUE(helper.initMailUserdb(true));
     ASSERT_TRUE(helper.userdbStoreMboxQuota("example.com", "info", 1));
     fill(FOLDER);
     EXPECT_FALSE(helper.userdbStoreMboxQuota("example.com", "info", 2));
-    expectLogged({"Unable to set quota for 'info@example.com': database or disk is full",
-                  "Unable to end sqlite transaction: cannot commit - no transaction is active"});
+    expectLogged({"Unable to set quota for 'info@example.com': database or disk is full"});
     EXPECT_EQ(rows(), Rows{"example.com|info|1B"});
     EXPECT_EQ(integrityOf(FILE_PATH), "ok");
 }

@@ -12,11 +12,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -28,6 +31,7 @@
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/sqlite.h"
+#include "utils/log.h"
 
 namespace corvo::test {
 
@@ -36,38 +40,89 @@ inline void checkCall(int result, const std::string& what) {
         throw std::system_error(errno, std::generic_category(), what);
 }
 
+/// A line of the log and its priority.
+struct LoggedLine {
+    LoggedLine(const char* line, int itsPriority = 3) : text(line), priority(itsPriority) {}
+    LoggedLine(std::string line, int itsPriority = 3)
+        : text(std::move(line)), priority(itsPriority) {}
+
+    std::string text;
+    int priority;
+};
+
+using LoggedLines = std::vector<LoggedLine>;
+
 /// What the logger prints for these lines, on either stream.
-inline std::string lines(const std::vector<std::string>& texts) {
+inline std::string textOf(const LoggedLines& lines) {
     std::string all;
-    for (const std::string& text : texts)
-        all += text + "\n";
+    for (const LoggedLine& line : lines)
+        all += line.text + "\n";
     return all;
 }
+
+/// While it lives, the logger notes the priority of each line that it prints. Allocates nothing.
+class PriorityLog {
+public:
+    PriorityLog() {
+        count = 0;
+        corvo_log = &note;
+    }
+    ~PriorityLog() { corvo_log = saved; }
+    PriorityLog(const PriorityLog&) = delete;
+    PriorityLog& operator=(const PriorityLog&) = delete;
+
+    /// Were these the priorities since the last call?
+    static bool take(const LoggedLines& lines) {
+        const std::size_t noticed = std::exchange(count, 0);
+        return std::equal(lines.begin(), lines.end(), priorities, priorities + noticed,
+                          [](const LoggedLine& line, int seen) { return line.priority == seen; });
+    }
+
+private:
+    static void note(int priority, const char* format, ...) __attribute__((format(printf, 2, 3))) {
+        if (priority <= LogLevel && count < std::size(priorities))
+            priorities[count++] = priority;
+        va_list arguments;
+        va_start(arguments, format);
+        corvo_logv(priority, format, arguments);
+        va_end(arguments);
+    }
+
+    static inline int priorities[256];
+    static inline std::size_t count = 0;
+
+    decltype(corvo_log) saved = corvo_log;
+};
 
 /// A test in which every line logged is asserted by expectLogged.
 class SqliteTest : public SandboxTest {
 protected:
     /// Both streams hold exactly these lines since the last call. After a failure nothing more is
     /// looked at, since the streams then hold its report.
-    void expectLogged(const std::vector<std::string>& texts) {
+    void expectLogged(const LoggedLines& lines) {
         if (HasFailure())
             return;
         const std::string err = output.err();
         const std::string out = output.out();
-        EXPECT_EQ(err, lines(texts));
-        EXPECT_EQ(out, lines(texts));
+        EXPECT_EQ(err, textOf(lines));
+        EXPECT_EQ(out, textOf(lines));
+        EXPECT_TRUE(PriorityLog::take(lines)) << "other priorities: " << textOf(lines);
     }
 
     StreamCapture output;
+    PriorityLog priorityLog;
 };
 
 /// Runs `body` in a forked child: it must print exactly these lines on both streams and end well.
-inline void expectChildLogs(const std::vector<std::string>& texts,
-                            const std::function<void()>& body) {
-    const ProcessResult child = runForked(body);
+inline void expectChildLogs(const LoggedLines& lines, const std::function<void()>& body) {
+    const ProcessResult child = runForked([&] {
+        body();
+        if (!PriorityLog::take(lines))
+            ::_exit(3);
+    });
     EXPECT_EQ(child.status, 0);
-    EXPECT_EQ(child.err, lines(texts));
-    EXPECT_EQ(child.out, lines(texts));
+    EXPECT_EQ(child.err, textOf(lines));
+    EXPECT_EQ(child.out, textOf(lines));
 }
 
 /// An open database of the test's own.
@@ -148,6 +203,30 @@ inline void refuseTransactionStatements(sqlite3* database) {
 inline void refuseCommits(sqlite3* database) {
     sqlite3_commit_hook(
         database, [](void*) { return 1; }, nullptr);
+}
+
+/// A hook: SQL's room(text) finds the disk full for "b".
+inline void addRoom(sqlite3* database) {
+    const auto room = [](sqlite3_context* context, int, sqlite3_value** values) {
+        if (std::string("b") == reinterpret_cast<const char*>(sqlite3_value_text(values[0])))
+            sqlite3_result_error_code(context, SQLITE_FULL);
+        else
+            sqlite3_result_value(context, values[0]);
+    };
+    sqlite3_create_function(database, "room", 1,
+                            SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS, nullptr, room,
+                            nullptr, nullptr);
+}
+
+/// From now on whatever touches rows of `table` for which `condition` (without quotes) holds fails
+/// with "integer overflow"; not what merely reads them.
+inline void refuseRows(const std::string& path, const std::string& table,
+                       const std::string& condition) {
+    const std::string index = "CREATE INDEX refuse ON " + table;
+    // Rows that are there already would not let the index be made.
+    sqliteExecute(path, index + "(abs(0)); PRAGMA writable_schema = ON; UPDATE sqlite_master " +
+                            "SET sql = '" + index + "(abs(iif(" + condition +
+                            ", -9223372036854775808, 0)))' WHERE name = 'refuse'");
 }
 
 /// The texts of the statements that run on connections opened while this lives.
