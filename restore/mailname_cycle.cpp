@@ -1,17 +1,14 @@
 #include "restore/mailname_cycle.h"
 
-#include <boost/lexical_cast/try_lexical_convert.hpp>
-
+#include "restore/numbers.h"
 #include "restore/rows.h"
 #include "restore/stage.h"
-#include "utils/error_stream.h"
 #include "utils/idn.h"
 
 namespace corvo::mail::restore {
 
 namespace {
 
-using boost::conversion::try_lexical_convert;
 using mysql::Connection;
 
 /// Of a mail name: take the domain's default. Of a domain: no limit is known.
@@ -23,7 +20,7 @@ struct Mailname {
     std::string address;  // name@domain
     bool delivers = false;
     bool isGroup = false;
-    std::string quota;
+    std::string quota;  // as read
 };
 
 Mailname readMailname(Row& row, const Domain& domain) {
@@ -49,21 +46,18 @@ long long readDefaultQuota(const Domain& domain, Connection& connection) {
     Row row;
     if (!rows.fetchOnce(row))
         return NO_QUOTA;
-    long long quota = 0;
-    if (try_lexical_convert(row["value"].value, quota))
-        return quota;
-    uerr << "Warning: invalid default mailbox quota value '" << row["value"].value
-         << "' stored in Corvo DB, ignored" << std::endl;
-    return NO_QUOTA;
+    return numberOrWarn<long long>(row["value"].value,
+                                   "Warning: invalid default mailbox quota value '",
+                                   "' stored in Corvo DB, ignored")
+        .value_or(NO_QUOTA);
 }
 
 long long quotaOf(const Mailname& mailname, long long defaultQuota) {
-    long long quota = 0;
-    if (try_lexical_convert(mailname.quota, quota))
-        return quota == NO_QUOTA ? defaultQuota : quota;
-    uerr << "Warning: invalid mailbox quota value '" << mailname.quota
-         << "' stored in Corvo DB, ignored" << std::endl;
-    return defaultQuota;
+    const long long quota =
+        numberOrWarn<long long>(mailname.quota, "Warning: invalid mailbox quota value '",
+                                "' stored in Corvo DB, ignored")
+            .value_or(NO_QUOTA);
+    return quota == NO_QUOTA ? defaultQuota : quota;
 }
 
 void processMailAliasesCycle(const Mailname& mailname, const Domain& domain,

@@ -1,17 +1,15 @@
 #include "restore/server_settings.h"
 
-#include <boost/lexical_cast/try_lexical_convert.hpp>
 #include <string>
 
+#include "restore/numbers.h"
 #include "restore/server_parameters.h"
 #include "restore/stage.h"
-#include "utils/error_stream.h"
 
 namespace corvo::mail::restore {
 
 namespace {
 
-using boost::conversion::try_lexical_convert;
 using mysql::Connection;
 
 constexpr short DEFAULT_LOCK_TIME = 30;  // minutes
@@ -31,12 +29,9 @@ struct Relay {
 
 bool readSmtpAuth(Connection& connection) {
     const std::string text = getStringMailServerParamSafe("disable_smtp_auth", connection).value;
-    int disabled = 0;
-    if (try_lexical_convert(text, disabled))
-        return disabled == 0;
-    uerr << "Warning: invalid SMTP Auth Disable flag value '" << text
-         << "' stored in Corvo DB, ignored" << std::endl;
-    return false;
+    const auto disabled = numberOrWarn<int>(text, "Warning: invalid SMTP Auth Disable flag value '",
+                                            "' stored in Corvo DB, ignored");
+    return disabled == 0;
 }
 
 /// A missing or empty flag means off, without a warning.
@@ -44,22 +39,16 @@ bool readPopAuth(Connection& connection) {
     const std::string text = getStringMailServerParamSafe("disable_pop_auth", connection).value;
     if (text.empty())
         return false;
-    int disabled = 0;
-    if (try_lexical_convert(text, disabled))
-        return disabled == 0;
-    uerr << "Warning: invalid POP3 Auth Disable flag value '" << text
-         << "' stored in Corvo DB, ignored" << std::endl;
-    return false;
+    const auto disabled = numberOrWarn<int>(text, "Warning: invalid POP3 Auth Disable flag value '",
+                                            "' stored in Corvo DB, ignored");
+    return disabled == 0;
 }
 
 short readLockTime(Connection& connection) {
     const std::string text = getStringMailServerParamSafe("poplock_time", connection).value;
-    short minutes = 0;
-    if (try_lexical_convert(text, minutes))
-        return minutes;
-    uerr << "Warning: invalid POP3 lock time value " << text << " stored in Corvo DB, ignored"
-         << std::endl;
-    return DEFAULT_LOCK_TIME;
+    return numberOrWarn<short>(text, "Warning: invalid POP3 lock time value ",
+                               " stored in Corvo DB, ignored")
+        .value_or(DEFAULT_LOCK_TIME);
 }
 
 Pop readPop(Connection& connection) {
@@ -90,14 +79,12 @@ void restoreMaxMessageSize(MailsrvEntitiesCallbacks& callbacks, Connection& conn
     const mysql::Field size = getStringMailServerParamSafe("ml_size", connection);
     if (size.null)
         return;
-    long long kib = 0;
-    if (!try_lexical_convert(size.value, kib)) {
-        uerr << "Warning: invalid Maximal Message Size " << size.value
-             << " stored in Corvo DB, ignored" << std::endl;
+    const auto kib = numberOrWarn<long long>(size.value, "Warning: invalid Maximal Message Size ",
+                                             " stored in Corvo DB, ignored");
+    if (!kib)
         return;
-    }
-    progress(" " + std::to_string(kib) + "KiB \n");
-    callbacks.setMaxMessageSize(kib << 10);  // defined for every value, as a product would not be
+    progress(" " + std::to_string(*kib) + "KiB \n");
+    callbacks.setMaxMessageSize(*kib << 10);  // defined for every value, as a product would not be
 }
 
 void restoreSmtpRelayAndAuth(MailsrvEntitiesCallbacks& callbacks, Connection& connection) {

@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "tests/support/slots.h"
+
 namespace corvo::test {
 
 namespace {
@@ -41,51 +43,28 @@ Recorder::Recorder(std::initializer_list<std::string> slots) {
 }
 
 void Recorder::bindAll() {
-    for (const auto& [name, bindSlot] : bindings())
-        bindSlot();
+    forEachSlot(callbacks, [this](const char* name, auto& slot) { record(name, slot); });
 }
 
 void Recorder::bind(const std::string& slot) {
-    for (const auto& [name, bindSlot] : bindings()) {
-        if (name == slot)
-            return bindSlot();
-    }
-    throw std::invalid_argument("no slot " + slot);
+    bool found = false;
+    forEachSlot(callbacks, [&](const char* name, auto& candidate) {
+        if (name != slot)
+            return;
+        record(name, candidate);
+        found = true;
+    });
+    if (!found)
+        throw std::invalid_argument("no slot " + slot);
 }
 
 void Recorder::on(const std::string& slot, Action action) {
     actions[slot] = std::move(action);
 }
 
-std::vector<Recorder::Binding> Recorder::bindings() {
-    return {
-        binding("registerDomain", callbacks.registerDomain),
-        binding("registerDomainAlias", callbacks.registerDomainAlias),
-        binding("setDomainCatchall", callbacks.setDomainCatchall),
-        binding("registerDomainCertificate", callbacks.registerDomainCertificate),
-        binding("registerMailname", callbacks.registerMailname),
-        binding("registerMailAlias", callbacks.registerMailAlias),
-        binding("registerMailRedirect", callbacks.registerMailRedirect),
-        binding("registerMailForwarding", callbacks.registerMailForwarding),
-        binding("addWhiteListNetwork", callbacks.addWhiteListNetwork),
-        binding("addBlackListedDomain", callbacks.addBlackListedDomain),
-        binding("setRBLServers", callbacks.setRBLServers),
-        binding("setSubmissionEnabled", callbacks.setSubmissionEnabled),
-        binding("setMaxMessageSize", callbacks.setMaxMessageSize),
-        binding("setSmtpRelayAndAuth", callbacks.setSmtpRelayAndAuth),
-        binding("setShortNamesAuth", callbacks.setShortNamesAuth),
-        binding("registerMailbox", callbacks.registerMailbox),
-        binding("setMailboxQuota", callbacks.setMailboxQuota),
-        binding("enableRejectOverquota", callbacks.enableRejectOverquota),
-        binding("restoreRecipientCanonical", callbacks.restoreRecipientCanonical),
-    };
-}
-
 template <typename... Arguments>
-Recorder::Binding Recorder::binding(const char* name, boost::function<void(Arguments...)>& slot) {
-    return {name, [this, name, &slot] {
-                slot = [this, name](Arguments... arguments) { called(name, {text(arguments)...}); };
-            }};
+void Recorder::record(const char* name, boost::function<void(Arguments...)>& slot) {
+    slot = [this, name](Arguments... arguments) { called(name, {text(arguments)...}); };
 }
 
 void Recorder::called(const std::string& slot, const std::vector<std::string>& arguments) {

@@ -39,11 +39,8 @@ public:
     mail::restore::MailsrvEntitiesCallbacks callbacks;
 
 private:
-    using Binding = std::pair<std::string, Action>;
-
-    std::vector<Binding> bindings();
     template <typename... Arguments>
-    Binding binding(const char* name, boost::function<void(Arguments...)>& slot);
+    void record(const char* name, boost::function<void(Arguments...)>& slot);
     void called(const std::string& slot, const std::vector<std::string>& arguments);
 
     std::vector<std::string> lines_;

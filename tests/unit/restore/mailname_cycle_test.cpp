@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/killed_connection.h"
 #include "tests/unit/restore/walk_fixture.h"
 
 namespace {
@@ -320,9 +321,9 @@ TEST_F(MailnameCycleTest, ConnectionThatIsKilledBetweenTwoStatementsIsAWarning) 
     Recorder recorder{"registerMailAlias", "registerMailRedirect"};
     recorder.on("registerMailAlias", [this] { killConnections(); });
     expectWalk(recorder, {R"(registerMailAlias("example.com", "team", "a", false))"},
-               warning("Warning: MySQL Query error on Mail Forwards cycle for team@example.com: "
-                       "MySQL error 2006: Server has gone away executing query: " +
-                       statement::mailRedirects(team.id()) + ", ignored"));
+               warning("Warning: MySQL Query error on Mail Forwards cycle for team@example.com: " +
+                       errorOfKilledConnection(panel) +
+                       " executing query: " + statement::mailRedirects(team.id()) + ", ignored"));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// Results that no panel database gives: rows that cannot be fetched and columns that are missing.
-// The statements of the walk are changed on their way to the server.
+// Results that no panel database gives: rows that cannot be fetched, columns that are missing, and
+// a mail service that one statement finds and the next one does not. The statements of the walk are
+// changed on their way to the server.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -112,6 +113,12 @@ TEST_F(ResultFailuresTest, MailStatusThatCannotBeFetchedMeansOn) {
     expectWalk("setDomainCatchall", unfetchable("SELECT status FROM DomainServices"),
                {R"(setDomainCatchall("example.com", 1, "gone"))"},
                fetchWarning("Domain Mail status detection for domain example.com"));
+}
+
+TEST_F(ResultFailuresTest, MailStatusWithoutARowMeansOn) {
+    expectWalk("setDomainCatchall",
+               {"SELECT status FROM DomainServices", "type='mail'", "type='none'"},
+               {R"(setDomainCatchall("example.com", 1, "gone"))"}, {});
 }
 
 TEST_F(ResultFailuresTest, DomainAliasesThatCannotBeFetchedArePassedOver) {

@@ -1,5 +1,4 @@
-// What the tests of the walker share: a panel database, a walk with both streams looked at, and the
-// statements that a walk runs.
+// What the tests of the walker share: a panel database, and a walk with both streams looked at.
 
 #pragma once
 
@@ -16,6 +15,7 @@
 #include "tests/support/panel.h"
 #include "tests/support/recorder.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/restore/statements.h"
 
 namespace corvo::test {
 
@@ -104,14 +104,22 @@ protected:
                 allow(name);
     }
 
+    /// The program's connections that the server has not ended yet, by id.
+    std::vector<std::string> connections() {
+        return panel.query("SELECT id FROM information_schema.processlist WHERE user='" +
+                           panel.user() + "'");
+    }
+
+    void waitUntilDisconnected() {
+        while (!connections().empty()) {
+        }
+    }
+
     /// Has the server end the program's connections, and waits until it has.
     void killConnections() {
-        const std::string mine =
-            "SELECT id FROM information_schema.processlist WHERE user='" + panel.user() + "'";
-        for (const std::string& id : panel.query(mine))
+        for (const std::string& id : connections())
             panel.execute("KILL " + id);
-        while (!panel.query(mine).empty()) {
-        }
+        waitUntilDisconnected();
     }
 
     PanelDatabase panel;
@@ -162,76 +170,5 @@ protected:
 
     int domain = 0;
 };
-
-/// The statements of a walk.
-namespace statement {
-
-inline const std::string DOMAINS =
-    "SELECT    d.id AS id, LOWER(d.name) AS name,   s.status AS status,   p.value AS nonExisting "
-    "FROM domains d, DomainServices s, Parameters p    WHERE d.id=s.dom_id AND s.type='mail'      "
-    "AND p.id=s.parameters_id AND p.parameter='nonexist_mail'";
-
-inline std::string mailStatus(int domain) {
-    return "SELECT status FROM DomainServices WHERE type='mail' AND dom_id=" +
-           std::to_string(domain);
-}
-
-inline std::string domainAliases(int domain) {
-    return "SELECT    LOWER(name) AS name, status FROM domain_aliases WHERE dom_id='" +
-           std::to_string(domain) + "'   AND mail='true'";
-}
-
-inline std::string catchallParameter(const std::string& name, int domain) {
-    return "SELECT p.value AS value  FROM Parameters p, DomainServices ds    WHERE p.id = "
-           "ds.parameters_id      AND p.parameter='" +
-           name + "'      AND ds.type='mail'      AND ds.dom_id=" + std::to_string(domain);
-}
-
-inline std::string defaultQuota(int domain) {
-    return "SELECT l.value AS value  FROM SubscriptionProperties as sp, Subscriptions as s, "
-           "domains as d, Limits l  WHERE sp.subscription_id=s.id    AND object_type='domain' AND "
-           "d.id=s.object_id    AND sp.name='limitsId' AND l.id=sp.value    AND "
-           "l.limit_name='mbox_quota' AND d.id=" +
-           std::to_string(domain);
-}
-
-inline std::string mailnames(int domain) {
-    return "SELECT id, LOWER(mail_name) AS mail_name, postbox, delivery, mail_group, mbox_quota "
-           "FROM mail  WHERE dom_id=" +
-           std::to_string(domain);
-}
-
-inline std::string mailAliases(int mailname) {
-    return "SELECT LOWER(alias) AS alias FROM mail_aliases WHERE mn_id=" + std::to_string(mailname);
-}
-
-inline std::string mailRedirects(int mailname) {
-    return "SELECT address FROM mail_redir WHERE mn_id=" + std::to_string(mailname);
-}
-
-inline const std::string CERTIFICATES =
-    "SELECT   LOWER(d.name) AS name, c.cert_file AS certFile FROM   domains d, DomainServices s, "
-    "certificates c, Parameters p WHERE   d.id=s.dom_id AND s.type='mail' AND "
-    "p.id=s.parameters_id    AND p.parameter='mail_certificate_id' AND p.value=c.id UNION ALL "
-    "SELECT   LOWER(da.name) AS name, c.cert_file AS certFile FROM   domains d, domain_aliases "
-    "da, DomainServices s, certificates c, Parameters p WHERE   d.id=da.dom_id AND "
-    "da.mail='true'    AND d.id=s.dom_id AND s.type='mail' AND p.id=s.parameters_id    AND "
-    "p.parameter='mail_certificate_id' AND p.value=c.id";
-
-inline const std::string WHITE_LIST =
-    "SELECT ip_address, ip_mask FROM smtp_poplocks WHERE lock_time IS NULL";
-
-inline const std::string BLACK_LIST = "SELECT domain from badmailfrom";
-
-inline std::string misc(const std::string& name) {
-    return "SELECT    val  FROM misc    WHERE param='" + name + "'";
-}
-
-inline std::string mailServer(const std::string& name) {
-    return "SELECT    value  FROM ServiceNodeConfiguration    WHERE name='" + name +
-           "' AND serviceNodeId=1 AND section='mailServer'";
-}
-
-}  // namespace statement
 
 }  // namespace corvo::test

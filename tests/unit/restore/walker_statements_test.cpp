@@ -107,6 +107,16 @@ TEST_F(WalkerStatementsTest, WalkRunsTheseStatementsOnTheseConnectionsAndNoMore)
     EXPECT_EQ(log.connections(), 6U);
 }
 
+TEST_F(WalkerStatementsTest, EmptySetOfCallbacksOpensAConnectionAndClosesIt) {
+    fill();
+    Recorder recorder;
+    GeneralLog log(panel);
+    expectWalk(recorder, {});
+    waitUntilDisconnected();
+    EXPECT_EQ(log.statements(), std::vector<std::string>{"1. SET NAMES utf8"});
+    EXPECT_EQ(log.connections(), 1U);
+}
+
 TEST_F(WalkerStatementsTest, WalkOfOneSlotAsksForNothingElse) {
     fill();
     const struct {
