@@ -30,7 +30,8 @@ bool isOursAlone(int file) noexcept {
 int openFile(const char* path, int flags, int mode) noexcept {
     const auto ownMode = static_cast<mode_t>(mode) & ~WRITABLE_BY_OTHERS;
     // A pipe in place of a journal must not block.
-    UniqueFd file(::open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, ownMode));
+    const int safeFlags = flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd file(::open(path, safeFlags, ownMode));  // root-owned path
     if (file && std::string_view(path).ends_with("-shm") && !isOursAlone(file.get())) {
         errno = EACCES;
         return -1;

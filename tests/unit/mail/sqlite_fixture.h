@@ -40,11 +40,13 @@ inline void checkCall(int result, const std::string& what) {
         throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// A line of the log and its priority.
+/// A line of the log and its priority. A text alone is a line of priority 3.
 struct LoggedLine {
+    // NOLINTBEGIN(google-explicit-constructor)
     LoggedLine(const char* line, int itsPriority = 3) : text(line), priority(itsPriority) {}
     LoggedLine(std::string line, int itsPriority = 3)
         : text(std::move(line)), priority(itsPriority) {}
+    // NOLINTEND(google-explicit-constructor)
 
     std::string text;
     int priority;
