@@ -12,7 +12,7 @@
 namespace {
 
 std::optional<RestoreMode> modeFor(int argc, char** argv) {
-    static const std::map<std::string, RestoreMode> modes = {
+    const std::map<std::string, RestoreMode> modes = {
         {"--fast", RestoreModeHandlersOnly},
         {"--handlers-only", RestoreModeHandlersOnly},
         {"--all", RestoreModeAll},
