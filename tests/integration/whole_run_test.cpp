@@ -64,6 +64,18 @@ protected:
         return MAILNAMES + "/" + domain + "/" + mailname;
     }
 
+    // After a run whose only mailbox, info@example.com, got no delivery line for the logged
+    // `reason`.
+    static void expectNoDelivery(const ProcessResult& result, const std::string& reason) {
+        const std::string qmail = home("info", "example.com") + "/.qmail";
+        const std::string logged = reason + "Unable to add delivery string to '" + qmail + "'\n";
+        EXPECT_EQ(result.err,
+                  logged + "   registering mailbox for info@example.com failed (unable to modify " +
+                      qmail + ": No such file or directory), ignored\n" + debugQuota(-1));
+        EXPECT_EQ(result.out, logged);
+        EXPECT_EQ(contentsOf(qmail), "| true\n");
+    }
+
     // What --all would repair and --fast must leave alone.
     static void damage() {
         std::filesystem::remove_all(home("info", "example.com") + "/Maildir/cur");
@@ -374,17 +386,7 @@ TEST_F(WholeRun, AMissingDeliveryAgentLeavesTheResetFile) {
 
     const ProcessResult result = mailRebuild();
 
-    const std::string qmail = home("info", "example.com") + "/.qmail";
-    const std::string logged =
-        "Unable to detect IMAP/POP3 server type - no LDA found\n"
-        "Unable to add delivery string to '" +
-        qmail + "'\n";
-    EXPECT_EQ(result.err, logged +
-                              "   registering mailbox for info@example.com failed (unable to"
-                              " modify " +
-                              qmail + ": No such file or directory), ignored\n" + debugQuota(-1));
-    EXPECT_EQ(result.out, logged);
-    EXPECT_EQ(contentsOf(qmail), "| true\n");
+    expectNoDelivery(result, "Unable to detect IMAP/POP3 server type - no LDA found\n");
     EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|0B"));
     EXPECT_EQ(result.status, 0);
 }
@@ -395,16 +397,8 @@ TEST_F(WholeRun, AMissingDefaultDeliveryFileFailsTheMailboxStage) {
 
     const ProcessResult result = mailRebuild();
 
-    const std::string qmail = home("info", "example.com") + "/.qmail";
-    const std::string logged = "Unable to get default delivery transport string from " +
-                               DEFAULT_DELIVERY + "\n\nUnable to add delivery string to '" + qmail +
-                               "'\n";
-    EXPECT_EQ(result.err, logged +
-                              "   registering mailbox for info@example.com failed (unable to"
-                              " modify " +
-                              qmail + ": No such file or directory), ignored\n" + debugQuota(-1));
-    EXPECT_EQ(result.out, logged);
-    EXPECT_EQ(contentsOf(qmail), "| true\n");
+    expectNoDelivery(result, "Unable to get default delivery transport string from " +
+                                 DEFAULT_DELIVERY + "\n\n");
     EXPECT_EQ(result.status, 0);
 }
 
