@@ -1,6 +1,5 @@
 #include "mail/maildir_usage.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,14 +10,14 @@
 #include <cstdio>
 #include <cstring>
 
-#include "utils/guards.h"
+#include "utils/dir_entries.h"
 #include "utils/messlog.h"
 #include "utils/numeric.h"
 #include "utils/safe_path.h"
 
 namespace {
 
-using corvo::UniqueDir;
+using corvo::DirEntries;
 namespace safe_path = corvo::safe_path;
 
 bool join_path(char (&path)[PATH_MAX], const char* directory, const char* name) noexcept {
@@ -58,7 +57,7 @@ bool size_in_name(const char* name, long long& size) noexcept {
 
 /// One directory of messages while it is counted.
 struct MessageDirectory {
-    UniqueDir stream;
+    DirEntries entries;
     std::size_t pathLength;
 };
 
@@ -70,7 +69,7 @@ OnDisk size_on_disk(const MessageDirectory& directory, const char* name, long lo
         return OnDisk::failed;
     }
     struct stat status {};
-    if (fstatat(dirfd(directory.stream.get()), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (fstatat(directory.entries.descriptor(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
         size = status.st_size;
         return OnDisk::found;
     }
@@ -92,19 +91,19 @@ int count_message(const MessageDirectory& directory, const char* name, long long
 
 enum class EntryType { directory, other, unknown };
 
-EntryType type_of(const UniqueDir& parent, const dirent& entry) noexcept {
+EntryType type_of(const DirEntries& parent, const dirent64& entry) noexcept {
     if (entry.d_type != DT_UNKNOWN)
         return entry.d_type == DT_DIR ? EntryType::directory : EntryType::other;
     struct stat status {};
-    if (fstatat(dirfd(parent.get()), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+    if (fstatat(parent.descriptor(), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
         return EntryType::unknown;
     return S_ISDIR(status.st_mode) ? EntryType::directory : EntryType::other;
 }
 
 /// Calls `visit` with name and type of every entry that is named as a folder, until it returns 0.
 template <typename Visit>
-int visit_folders(const UniqueDir& maildir, Visit visit) noexcept {
-    while (const dirent* entry = safe_path::nextEntry(maildir.get())) {
+int visit_folders(DirEntries& maildir, Visit visit) noexcept {
+    while (const auto* const entry = maildir.next()) {
         if (entry->d_name[0] == '.' && !visit(entry->d_name, type_of(maildir, *entry)))
             return 0;
     }
@@ -123,13 +122,12 @@ void log_bad_entry(const char* name) noexcept {
 
 int process_maildir_subdir(const char* directory, long long* bytes, long long* messages,
                            std::time_t* newest) noexcept {
-    const MessageDirectory opened{safe_path::openEntries(AT_FDCWD, directory),
-                                  std::strlen(directory)};
+    MessageDirectory opened{safe_path::openEntries(AT_FDCWD, directory), std::strlen(directory)};
     struct stat status {};
-    if (!opened.stream || fstat(dirfd(opened.stream.get()), &status) != 0)
+    if (!opened.entries || fstat(opened.entries.descriptor(), &status) != 0)
         return 1;
     *newest = std::max(*newest, status.st_mtime);
-    while (const dirent* entry = safe_path::nextEntry(opened.stream.get())) {
+    while (const auto* const entry = opened.entries.next()) {
         if (!count_message(opened, entry->d_name, bytes, messages))
             return 0;
     }
@@ -156,7 +154,7 @@ int get_maildirpp_messages_usage(long long* bytes, long long* messages,
     if (!process_maildir_subdir("new", bytes, messages, newest) ||
         !process_maildir_subdir("cur", bytes, messages, newest))
         return 0;
-    const UniqueDir maildir = safe_path::openEntries(AT_FDCWD, ".");
+    DirEntries maildir = safe_path::openEntries(AT_FDCWD, ".");
     if (!maildir)
         return 0;
     return visit_folders(maildir, [=](const char* name, EntryType type) noexcept {
@@ -183,7 +181,7 @@ int get_maildirpp_folder_mtime(const char* folder, std::time_t* newest) noexcept
 }
 
 int get_maildirpp_mtime(std::time_t* newest) noexcept {
-    const UniqueDir maildir = safe_path::openEntries(AT_FDCWD, ".");
+    DirEntries maildir = safe_path::openEntries(AT_FDCWD, ".");
     if (!maildir) {
         messlog2(0, 0, "Unable to open Maildir folder. Has it just been removed?");
         return 0;

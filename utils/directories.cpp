@@ -11,11 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "utils/dir_entries.h"
 #include "utils/guards.h"
 #include "utils/messlog.h"
 #include "utils/numeric.h"
 #include "utils/safe_path.h"
 
+using corvo::DirEntries;
 namespace safe_path = corvo::safe_path;
 
 namespace {
@@ -46,21 +48,21 @@ bool appendName(char (&path)[PATH_MAX], const char* name) noexcept {
     return false;
 }
 
-/// Opens a directory below another one; null with ENOTDIR for links and all that is no directory.
-corvo::UniqueDir enter(DIR* parent, const char* name, int depth) noexcept {
+/// Opens a directory below another one; none with ENOTDIR for links and all that is no directory.
+DirEntries enter(const DirEntries& parent, const char* name, int depth) noexcept {
     if (depth > safe_path::MAX_DEPTH) {
         errno = ELOOP;
-        return nullptr;
+        return DirEntries();
     }
-    return safe_path::openEntries(dirfd(parent), name, safe_path::LastLink::keep);
+    return safe_path::openEntries(parent.descriptor(), name, safe_path::LastLink::keep);
 }
 
-int addSizesBelow(DIR* parent, const char* name, int depth, long long& sum) noexcept;
+int addSizesBelow(const DirEntries& parent, const char* name, int depth, long long& sum) noexcept;
 
 /// Adds the size of an entry and of all below it; 0, or -1 with errno.
-int addEntry(DIR* parent, const char* name, int depth, long long& sum) noexcept {
+int addEntry(const DirEntries& parent, const char* name, int depth, long long& sum) noexcept {
     struct stat seen = {};
-    if (fstatat(dirfd(parent), name, &seen, AT_SYMLINK_NOFOLLOW) != 0)
+    if (fstatat(parent.descriptor(), name, &seen, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? 0 : -1;
     if (S_ISDIR(seen.st_mode))
         return addSizesBelow(parent, name, depth + 1, sum);
@@ -68,32 +70,32 @@ int addEntry(DIR* parent, const char* name, int depth, long long& sum) noexcept 
     return 0;
 }
 
-int addEntries(DIR* directory, int depth, long long& sum) noexcept {
-    while (const dirent* const entry = safe_path::nextEntry(directory)) {
+int addEntries(DirEntries& directory, int depth, long long& sum) noexcept {
+    while (const auto* const entry = directory.next()) {
         if (addEntry(directory, entry->d_name, depth, sum) != 0)
             return -1;
     }
     return errno == 0 ? 0 : -1;
 }
 
-int addSizesBelow(DIR* parent, const char* name, int depth, long long& sum) noexcept {
-    const corvo::UniqueDir directory = enter(parent, name, depth);
+int addSizesBelow(const DirEntries& parent, const char* name, int depth, long long& sum) noexcept {
+    DirEntries directory = enter(parent, name, depth);
     if (!directory)
         return errno == ENOENT ? 0 : -1;
-    return addEntries(directory.get(), depth, sum);
+    return addEntries(directory, depth, sum);
 }
 
 /// Looks for `name` in the directory that `path` names, then below it; leaves the path of what was
 /// found in `path`. False with errno: ENOENT when there is nothing.
-bool findBelow(DIR* directory, const char* name, int depth, char (&path)[PATH_MAX]) noexcept {
+bool findBelow(DirEntries& directory, const char* name, int depth,
+               char (&path)[PATH_MAX]) noexcept {
     const std::size_t length = std::strlen(path);
     struct stat ignored = {};
-    if (fstatat(dirfd(directory), name, &ignored, AT_SYMLINK_NOFOLLOW) == 0)
+    if (fstatat(directory.descriptor(), name, &ignored, AT_SYMLINK_NOFOLLOW) == 0)
         return appendName(path, name);
-    while (const dirent* const entry = safe_path::nextEntry(directory)) {
-        const corvo::UniqueDir below = enter(directory, entry->d_name, depth + 1);
-        if (below && appendName(path, entry->d_name) &&
-            findBelow(below.get(), name, depth + 1, path))
+    while (const auto* const entry = directory.next()) {
+        DirEntries below = enter(directory, entry->d_name, depth + 1);
+        if (below && appendName(path, entry->d_name) && findBelow(below, name, depth + 1, path))
             return true;
         if (errno != ENOENT && errno != ENOTDIR)
             return false;
@@ -164,19 +166,19 @@ int rename_dir(const char* from, const char* to) noexcept {
 }
 
 long long get_dir_size(const char* path) noexcept {
-    const corvo::UniqueDir directory = safe_path::openEntries(AT_FDCWD, path);
+    DirEntries directory = safe_path::openEntries(AT_FDCWD, path);
     long long sum = 0;
-    if (!directory || addEntries(directory.get(), 0, sum) != 0)
+    if (!directory || addEntries(directory, 0, sum) != 0)
         return -1;
     return sum;
 }
 
 long count_cur_dir() noexcept {
-    const corvo::UniqueDir directory = safe_path::openEntries(AT_FDCWD, ".");
+    DirEntries directory = safe_path::openEntries(AT_FDCWD, ".");
     if (!directory)
         return -1;
     long count = 0;
-    while (safe_path::nextEntry(directory.get()) != nullptr)
+    while (directory.next() != nullptr)
         ++count;
     return errno == 0 ? count : -1;
 }
@@ -186,20 +188,20 @@ char* find_file(const char* directory, const char* name) noexcept {
         errno = EINVAL;
         return nullptr;
     }
-    const corvo::UniqueDir entries = safe_path::openEntries(AT_FDCWD, directory);
+    DirEntries entries = safe_path::openEntries(AT_FDCWD, directory);
     char path[PATH_MAX];
     if (!entries)
         return nullptr;
     (void)std::snprintf(path, sizeof path, "%s", directory);
-    return findBelow(entries.get(), name, 0, path) ? strdup(path) : nullptr;
+    return findBelow(entries, name, 0, path) ? strdup(path) : nullptr;
 }
 
 char* find_case_file_in_dir(const char* directory, const char* name) noexcept {
-    const corvo::UniqueDir entries = safe_path::openEntries(AT_FDCWD, directory);
+    DirEntries entries = safe_path::openEntries(AT_FDCWD, directory);
     if (!entries)
         return nullptr;
     corvo::UniqueCString found;
-    while (const dirent* const entry = safe_path::nextEntry(entries.get())) {
+    while (const auto* const entry = entries.next()) {
         const bool isExact = std::strcmp(entry->d_name, name) == 0;
         if (!isExact && (found || strcasecmp(entry->d_name, name) != 0))
             continue;

@@ -5,7 +5,6 @@
 
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -94,16 +93,6 @@ inline UniqueFile openStream(UniqueFd file, const char* mode) noexcept {
         (void)file.release();
     return stream;
 }
-
-struct DirCloser {
-    void operator()(DIR* directory) const noexcept {
-        const ErrnoGuard keepErrno;
-        (void)::closedir(directory);
-    }
-};
-
-/// Owns a directory stream.
-using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 
 struct FreeDeleter {
     void operator()(void* memory) const noexcept {

@@ -109,11 +109,11 @@ UniqueFd openUnlinkedDirectory(int base, const char* path) noexcept {
 int removeEntry(int parent, const char* name, int depth) noexcept;
 
 int removeEntriesOf(int parent, const char* name, int depth) noexcept {
-    const UniqueDir entries = openEntries(parent, name, LastLink::keep);
+    DirEntries entries = openEntries(parent, name, LastLink::keep);
     if (!entries)
         return -1;
-    while (const dirent* const entry = nextEntry(entries.get())) {
-        if (removeEntry(::dirfd(entries.get()), entry->d_name, depth) != 0)
+    while (const auto* const entry = entries.next()) {
+        if (removeEntry(entries.descriptor(), entry->d_name, depth) != 0)
             return -1;
     }
     return errno == 0 ? 0 : -1;
@@ -194,23 +194,9 @@ UniqueFd openDirectory(int base, const char* path) noexcept {
     return openTrusted(base, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-UniqueDir openEntries(int base, const char* path, LastLink last) noexcept {
-    UniqueFd directory =
-        last == LastLink::follow ? openDirectory(base, path) : openUnlinkedDirectory(base, path);
-    UniqueDir entries(directory ? ::fdopendir(directory.get()) : nullptr);
-    if (entries)
-        (void)directory.release();
-    return entries;
-}
-
-const dirent* nextEntry(DIR* directory) noexcept {
-    const dirent* entry = nullptr;
-    do {
-        errno = 0;
-        entry = ::readdir(directory);
-    } while (entry != nullptr &&
-             (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0));
-    return entry;
+DirEntries openEntries(int base, const char* path, LastLink last) noexcept {
+    return DirEntries(last == LastLink::follow ? openDirectory(base, path)
+                                               : openUnlinkedDirectory(base, path));
 }
 
 UniqueFd openFile(int base, const char* path, int flags, mode_t mode) noexcept {

@@ -16,13 +16,13 @@
 
 #pragma once
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
 #include <climits>
 #include <string_view>
 
+#include "utils/dir_entries.h"
 #include "utils/guards.h"
 
 namespace corvo::safe_path {
@@ -52,13 +52,9 @@ enum class LastLink { follow, keep };
 /// Opens a directory for reading and for use as a base.
 [[nodiscard]] UniqueFd openDirectory(int base, const char* path) noexcept;
 
-/// Opens a directory for nextEntry. With LastLink::keep a link as last component is ENOTDIR.
-[[nodiscard]] UniqueDir openEntries(int base, const char* path,
-                                    LastLink last = LastLink::follow) noexcept;
-
-/// The next entry other than "." and "..", valid until the next call on the same directory. Null at
-/// the end, with errno 0, and on failure, with the errno of that.
-[[nodiscard]] const dirent* nextEntry(DIR* directory) noexcept;
+/// Opens a directory to read its entries. With LastLink::keep a link as last component is ENOTDIR.
+[[nodiscard]] DirEntries openEntries(int base, const char* path,
+                                     LastLink last = LastLink::follow) noexcept;
 
 /// Opens a regular file: never blocks, follows trusted links only, and takes O_TRUNC to effect only
 /// after the file proved sound. EINVAL for anything that is not a regular file (EISDIR for a

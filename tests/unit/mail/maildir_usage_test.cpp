@@ -21,15 +21,30 @@
 
 namespace {
 
-/// Sees each entry that is read from a directory; what it returns is what the reader gets.
-std::function<dirent*(dirent*)> onEntry;
+/// Sees each entry that is read from a directory; an errno other than 0 fails the whole read.
+std::function<int(dirent64*)> onEntry;
+
+int lookAtEntries(char* buffer, ssize_t length) {
+    for (ssize_t position = 0; onEntry && position < length;) {
+        auto* const entry = reinterpret_cast<dirent64*>(buffer + position);
+        position += entry->d_reclen;
+        if (const int error = onEntry(entry))
+            return error;
+    }
+    return 0;
+}
 
 }  // namespace
 
-extern "C" dirent* readdir(DIR* directory) {
-    static const auto real = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
-    dirent* entry = real(directory);
-    return entry != nullptr && onEntry ? onEntry(entry) : entry;
+extern "C" ssize_t getdents64(int directory, void* buffer, std::size_t size) {
+    static const auto real =
+        reinterpret_cast<ssize_t (*)(int, void*, std::size_t)>(dlsym(RTLD_NEXT, "getdents64"));
+    const ssize_t length = real(directory, buffer, size);
+    const int error = lookAtEntries(static_cast<char*>(buffer), length);
+    if (error == 0)
+        return length;
+    errno = error;
+    return -1;
 }
 
 namespace {
@@ -179,9 +194,9 @@ TEST_F(MaildirUsageTest, MessagesThatVanishMeanwhileAreLeftOut) {
     writeFile("cur/1", "12345");
     writeFile("cur/2,S=7", "");
     writeFile("new/3", "12345");
-    onEntry = [](dirent* entry) {
+    onEntry = [](dirent64* entry) {
         (void)unlink((std::string("cur/") + entry->d_name).c_str());
-        return entry;
+        return 0;
     };
     expectUsage(7 + 5, 2);
 }
@@ -190,9 +205,9 @@ TEST_F(MaildirUsageTest, EntriesOfUnknownTypeAreLookedAt) {
     writeFile(".Sent/cur/1,S=5", "");
     writeFile("./.file", "");
     makeLink(".Sent", "./.Link");
-    onEntry = [](dirent* entry) {
+    onEntry = [](dirent64* entry) {
         entry->d_type = DT_UNKNOWN;
-        return entry;
+        return 0;
     };
     expectUsage(5, 1);
 }
@@ -200,11 +215,11 @@ TEST_F(MaildirUsageTest, EntriesOfUnknownTypeAreLookedAt) {
 TEST_F(MaildirUsageTest, EntryOfUnknownTypeThatVanishesIsNamedAndSkipped) {
     writeFile(".gone/cur/1,S=5", "");
     writeFile(".stays/cur/1,S=6", "");
-    onEntry = [](dirent* entry) {
+    onEntry = [](dirent64* entry) {
         entry->d_type = DT_UNKNOWN;
         if (std::string(entry->d_name) == ".gone")
             (void)std::rename(".gone", "gone");
-        return entry;
+        return 0;
     };
     StreamCapture streams;
     expectUsage(6, 1);
@@ -218,11 +233,7 @@ TEST_F(MaildirUsageTest, ReadErrorAnywhereEndsTheCount) {
         writeFile("new/in-new", "");
         writeFile("cur/in-cur", "");
         writeFile(".folder/cur/in-folder", "");
-        onEntry = [last](dirent* entry) {
-            const bool failed = std::string(entry->d_name) == last;
-            errno = failed ? EIO : errno;
-            return failed ? nullptr : entry;
-        };
+        onEntry = [last](dirent64* entry) { return std::string(entry->d_name) == last ? EIO : 0; };
         EXPECT_EQ(count(), 0);
         EXPECT_EQ(errno, EIO);
     }
@@ -378,10 +389,10 @@ TEST_F(MaildirUsageTest, EntryNamedAsAFolderThatIsNoneIsLogged) {
 
 TEST_F(MaildirUsageTest, EntryNamedAsAFolderThatVanishesIsLogged) {
     makeDirectory("./.gone");
-    onEntry = [](dirent* entry) {
+    onEntry = [](dirent64* entry) {
         entry->d_type = DT_UNKNOWN;
         (void)rmdir(".gone");
-        return entry;
+        return 0;
     };
     StreamCapture streams;
     EXPECT_EQ(get_maildirpp_mtime(&newest), 1);
@@ -393,9 +404,9 @@ TEST_F(MaildirUsageTest, FolderTimesAreFoundWithUnknownTypesToo) {
     setMtime(".Sent/cur", PAST);
     setMtime("new", 0);
     setMtime("cur", 0);
-    onEntry = [](dirent* entry) {
+    onEntry = [](dirent64* entry) {
         entry->d_type = DT_UNKNOWN;
-        return entry;
+        return 0;
     };
     EXPECT_EQ(get_maildirpp_mtime(&newest), 1);
     EXPECT_EQ(newest, PAST);

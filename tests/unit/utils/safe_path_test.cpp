@@ -30,7 +30,7 @@
 
 namespace safe_path = corvo::safe_path;
 using namespace corvo::test;
-using corvo::UniqueDir;
+using corvo::DirEntries;
 using corvo::UniqueFd;
 using safe_path::LastLink;
 using safe_path::PermissionStep;
@@ -624,10 +624,10 @@ TEST_F(SafePathTest, RemoveTreeStopsAtTheDepthLimit) {
 
 TEST_F(SafePathTest, EntriesComeWithoutDots) {
     writeFile(HOME + "/..odd", "");
-    const UniqueDir entries = safe_path::openEntries(AT_FDCWD, HOME.c_str());
+    DirEntries entries = safe_path::openEntries(AT_FDCWD, HOME.c_str());
     ASSERT_TRUE(entries);
     std::vector<std::string> names;
-    while (const dirent* const entry = safe_path::nextEntry(entries.get()))
+    while (const auto* const entry = entries.next())
         names.emplace_back(entry->d_name);
     EXPECT_EQ(errno, 0);
     std::sort(names.begin(), names.end());

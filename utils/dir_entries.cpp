@@ -1,0 +1,56 @@
+#include "utils/dir_entries.h"
+
+#include <cerrno>
+#include <string_view>
+
+namespace corvo {
+
+namespace {
+
+// As much as the library's directory streams read at once.
+constexpr std::size_t BUFFER_SIZE = 32768;
+
+bool isDirectoryItselfOrParent(const dirent64& entry) noexcept {
+    const std::string_view name(entry.d_name);
+    return name == "." || name == "..";
+}
+
+}  // namespace
+
+DirEntries::DirEntries(UniqueFd directory) noexcept {
+    if (!directory)
+        return;
+    buffer_.reset(static_cast<char*>(std::malloc(BUFFER_SIZE)));
+    if (buffer_)
+        directory_ = std::move(directory);
+}
+
+const dirent64* DirEntries::next() noexcept {
+    const dirent64* entry = read();
+    while (entry != nullptr && isDirectoryItselfOrParent(*entry))
+        entry = read();
+    return entry;
+}
+
+const dirent64* DirEntries::read() noexcept {
+    errno = 0;
+    if (position_ == filled_ && !refill())
+        return nullptr;
+    // malloc aligned the buffer, the kernel the entries in it.
+    const auto* const entry =
+        static_cast<const dirent64*>(static_cast<const void*>(buffer_.get() + position_));
+    position_ += entry->d_reclen;
+    return entry;
+}
+
+/// False at the end and on failure.
+bool DirEntries::refill() noexcept {
+    const ssize_t length = ::getdents64(directory_.get(), buffer_.get(), BUFFER_SIZE);
+    if (length < 0 && errno == ENOENT)
+        errno = 0;
+    position_ = 0;
+    filled_ = length > 0 ? static_cast<std::size_t>(length) : 0;
+    return filled_ > 0;
+}
+
+}  // namespace corvo
