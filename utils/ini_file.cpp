@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string_view>
 
 #include "utils/guards.h"
@@ -23,55 +24,83 @@ bool isHeader(std::string_view line) {
     return line.size() > 2 && line.front() == '[' && line.back() == ']';
 }
 
-/// The trimmed value within `line` when that assigns to `key`, else null.
-char* valueOf(char* line, const char* key) {
-    char* equals = std::strchr(line, '=');
-    if (equals == nullptr)
-        return nullptr;
-    *equals = '\0';
-    return std::strcmp(corvo_rtrim(line), key) == 0 ? corvo_trim(equals + 1) : nullptr;
-}
-
-/// Looks at one line after another of a file.
+/// Looks for the values of several keys in one line after another of a file.
 class Search {
 public:
-    Search(const char* section, const char* key) : section_(section), key_(key) {}
+    Search(const char* section, std::span<const ini_value> wanted)
+        : section_(section), wanted_(wanted), missing_(wanted.size()) {}
 
-    /// The value within `line`, or null to go on.
-    char* look(char* line) {
+    bool isOver() const { return missing_ == 0; }
+
+    /// Takes the value that `line` assigns. False when there is no memory for it.
+    bool look(char* line) {
         const std::string_view trimmed(line, strip_line(line));
         if (!isHeader(trimmed))
-            return inSection_ ? valueOf(line, key_) : nullptr;
+            return !inSection_ || takeValue(line);
         inSection_ = trimmed.substr(1, trimmed.size() - 2) == section_;
-        return nullptr;
+        return true;
     }
 
 private:
+    bool takeValue(char* line) {
+        char* equals = std::strchr(line, '=');
+        if (equals == nullptr)
+            return true;
+        *equals = '\0';
+        const char* const name = corvo_rtrim(line);
+        for (const auto& [key, value] : wanted_) {
+            if (value != nullptr || std::strcmp(name, key) != 0)
+                continue;
+            value.reset(strdup(corvo_trim(equals + 1)));
+            --missing_;
+            return value != nullptr;
+        }
+        return true;
+    }
+
     std::string_view section_;
-    const char* key_;
+    std::span<const ini_value> wanted_;
+    std::size_t missing_;
     bool inSection_ = false;
 };
 
+/// Reports each value that cannot be read; the first one is the last that is tried without memory.
+void reportFailedOpen(const char* path, std::size_t values) noexcept {
+    const corvo::ErrnoGuard keepErrno;
+    const std::size_t reports = errno == ENOMEM ? 1 : values;
+    for (std::size_t i = 0; i < reports; ++i)
+        (void)std::fprintf(stderr, "Failed to open %s: %s", path, std::strerror(errno));
+}
+
 }  // namespace
 
-char* get_ini_conf_var(const char* path, const char* section, const char* key) noexcept {
+int get_ini_conf_vars(const char* path, const char* section,
+                      std::span<const ini_value> wanted) noexcept {
+    for (const ini_value& one : wanted)
+        one.value.reset();
     errno = 0;
     if (!isRegularFile(path))
-        return nullptr;
+        return -1;
     const corvo::UniqueFile file(std::fopen(path, "re"));  // root-owned path
     if (file == nullptr) {
-        const corvo::ErrnoGuard keepErrno;
-        (void)std::fprintf(stderr, "Failed to open %s: %s", path, std::strerror(errno));
-        return nullptr;
+        reportFailedOpen(path, wanted.size());
+        return -1;
     }
-    Search search(section, key);
+    Search search(section, wanted);
     char* line = nullptr;
     std::size_t size = 0;
-    const char* value = nullptr;
-    while (value == nullptr && getline(&line, &size, file.get()) != -1)
-        value = search.look(line);
+    bool hasMemory = true;
+    while (hasMemory && !search.isOver() && getline(&line, &size, file.get()) != -1)
+        hasMemory = search.look(line);
     const corvo::UniqueCString freeLine(line);
-    return value != nullptr ? strdup(value) : nullptr;
+    return hasMemory && search.isOver() ? 0 : -1;
+}
+
+char* get_ini_conf_var(const char* path, const char* section, const char* key) noexcept {
+    corvo::UniqueCString value;
+    const ini_value wanted[] = {{key, value}};
+    (void)get_ini_conf_vars(path, section, wanted);
+    return value.release();
 }
 
 int get_ini_conf_var_bool(const char* path, const char* section, const char* key,

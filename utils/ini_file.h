@@ -8,12 +8,28 @@
 
 #pragma once
 
+#include <span>
+
+#include "utils/guards.h"
+
 /// The value of `key` in `section`, newly allocated (free with free()): the first match, trimmed,
 /// possibly empty. Null when there is none, when `path` is no regular file (silently), or when it
 /// cannot be opened ("Failed to open %s: %s" on standard error, without a newline). ';' starts a
 /// comment, in values too. Clears errno first; null with ENOMEM says that memory ran out before the
 /// key was found.
 char* get_ini_conf_var(const char* path, const char* section, const char* key) noexcept;
+
+/// A key that is looked for, and where its value goes.
+struct ini_value {
+    const char* key;
+    corvo::UniqueCString& value;
+};
+
+/// get_ini_conf_var for several keys, which differ from each other, in one pass over the file. One
+/// that cannot be opened is reported once for each, or once when memory ran out. Returns 0 when
+/// every key was found, else -1; a key that was not found has a null value then.
+int get_ini_conf_vars(const char* path, const char* section,
+                      std::span<const ini_value> wanted) noexcept;
 
 /// 1 for "on", "true", "yes" in any case and for "1"; `fallback` when the key is missing or empty;
 /// else 0. Reads as get_ini_conf_var does.

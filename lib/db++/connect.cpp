@@ -57,20 +57,12 @@ __attribute__((format(printf, 3, 4))) void explain(char* errbuf, std::size_t siz
 
 // Fills in what the DSN file says. False with ENOMEM when there was no memory to find that out.
 bool readDsn(Credentials& credentials) noexcept {
-    const struct {
-        const char* key;
-        UniqueCString& value;
-    } values[] = {{"host", credentials.host},
-                  {"port", credentials.port},
-                  {"username", credentials.username},
-                  {"password", credentials.password},
-                  {"dbname", credentials.dbname}};
-    for (const auto& [key, value] : values) {
-        value.reset(get_ini_conf_var(DSN_FILE, "corvo", key));
-        if (!value && errno == ENOMEM)
-            return false;
-    }
-    return true;
+    const ini_value wanted[] = {{"host", credentials.host},
+                                {"port", credentials.port},
+                                {"username", credentials.username},
+                                {"password", credentials.password},
+                                {"dbname", credentials.dbname}};
+    return get_ini_conf_vars(DSN_FILE, "corvo", wanted) == 0 || errno != ENOMEM;
 }
 
 void explainNoMemory(char* errbuf, std::size_t size) noexcept {

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <string>
 
@@ -146,6 +147,42 @@ TEST_F(IniFile, GivesSwitches) {
         writeFile(PATH, std::string("[s]\nkey = ") + text + "\n");
         EXPECT_EQ(get_ini_conf_var_bool(PATH, "s", "key", 7), result) << text;
     }
+}
+
+TEST_F(IniFile, GivesSeveralValuesInOnePass) {
+    writeFile(PATH,
+              "[other]\na = x\n[panel]\nb = 2\n[other]\nb = x\n[panel]\na = 1\nb = 3\nc = 4\n");
+    UniqueCString a;
+    UniqueCString b;
+    const ini_value wanted[] = {{"a", a}, {"b", b}};
+    EXPECT_EQ(get_ini_conf_vars(PATH, "panel", wanted), 0);
+    EXPECT_STREQ(a.get(), "1");
+    EXPECT_STREQ(b.get(), "2");
+}
+
+TEST_F(IniFile, GivesTheValuesThatAreThereWhenOthersAreNot) {
+    writeFile(PATH, "[panel]\nb =\n");
+    UniqueCString a(::strdup("from an earlier pass"));
+    UniqueCString b;
+    const ini_value wanted[] = {{"a", a}, {"b", b}};
+    EXPECT_EQ(get_ini_conf_vars(PATH, "panel", wanted), -1);
+    EXPECT_EQ(a.get(), nullptr);
+    EXPECT_STREQ(b.get(), "");
+}
+
+TEST_F(IniFile, ReportsAFileThatCannotBeOpenedOncePerValue) {
+    writeFile(PATH, "[panel]\na = 1\n");
+    const ProcessResult result = runForked([] {
+        const rlimit noMore{3, 3};
+        (void)::setrlimit(RLIMIT_NOFILE, &noMore);
+        UniqueCString a;
+        UniqueCString b;
+        const ini_value wanted[] = {{"a", a}, {"b", b}};
+        ::_exit(get_ini_conf_vars(PATH, "panel", wanted) == -1 && errno == EMFILE ? 0 : 1);
+    });
+    EXPECT_EQ(result.status, 0);
+    const std::string once = std::string("Failed to open ") + PATH + ": Too many open files";
+    EXPECT_EQ(result.err, once + once);
 }
 
 TEST_F(IniFile, GivesTheFallbackForASwitchThatIsMissingOrEmpty) {
