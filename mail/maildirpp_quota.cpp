@@ -19,6 +19,7 @@
 #include "mail/maildirsize.h"
 #include "utils/accounts.h"
 #include "utils/directories.h"
+#include "utils/files.h"
 #include "utils/guards.h"
 #include "utils/idn.h"
 #include "utils/log.h"
@@ -138,22 +139,9 @@ UniqueFd create_temporary(const HostName& host, TemporaryName& name) noexcept {
     return UniqueFd();
 }
 
-int write_fully(int fd, const char* data, std::size_t size) noexcept {
-    while (size > 0) {
-        const ssize_t written = write(fd, data, size);
-        if (written < 0 && errno != EAGAIN && errno != EINTR)
-            return -1;
-        if (written > 0) {
-            data += written;
-            size -= static_cast<std::size_t>(written);
-        }
-    }
-    return 0;
-}
-
 /// Writes the content and closes the file; what fails is logged.
 int commit(UniqueFd& file, const char* content, std::size_t length) noexcept {
-    if (write_fully(file.get(), content, length) != 0) {
+    if (write_fully(file.get(), {content, length}) != 0) {
         messlog2(0, 0, "unable to write data to file");
         return -1;
     }

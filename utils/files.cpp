@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -116,6 +117,17 @@ int create_file(const char* path) noexcept {
         return 0;
     messlog2(0, 0, "Unable to create file %s: %s", path, std::strerror(errno));
     return -1;
+}
+
+int write_fully(int fd, std::string_view data) noexcept {
+    while (!data.empty()) {
+        const ssize_t written = write(fd, data.data(), data.size());
+        if (written < 0 && errno != EAGAIN && errno != EINTR)
+            return -1;
+        if (written > 0)
+            data.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
 }
 
 int p_fclose(std::FILE* stream) noexcept {

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string_view>
 
 /// chown, then chmod, of a regular file or directory; stops at the first failure, which is logged
 /// through corvo_log at priority 3. A path that is refused counts as a failed chown.
@@ -27,6 +28,10 @@ int create_empty_file(const char* path) noexcept;
 
 /// Creates the file (0644) or leaves it as it is.
 int create_file(const char* path) noexcept;
+
+/// Writes all of `data` to an open file; what is interrupted or would block is repeated. Logs
+/// nothing.
+int write_fully(int fd, std::string_view data) noexcept;
 
 /// Closes the stream; it is gone in any case.
 int p_fclose(std::FILE* stream) noexcept;

@@ -19,6 +19,7 @@
 #include "utils/guards.h"
 
 using namespace corvo::test;
+using corvo::UniqueFd;
 
 namespace {
 
@@ -265,6 +266,23 @@ TEST_F(FilesTest, FormattingThatFailsEndsTheProcess) {
               "Cannot allocate memory: Invalid or incomplete multibyte or wide character\n"
               "System error 84: Invalid or incomplete multibyte or wide character\n");
     EXPECT_EQ(result.out, result.err);
+}
+
+TEST_F(FilesTest, WritesInAsManyPiecesAsAPipeTakes) {
+    const std::string text(300000, 'x');
+    const ProcessResult result = runForked([&] {
+        (void)::fcntl(STDOUT_FILENO, F_SETFL, O_WRONLY | O_NONBLOCK);
+        ::_exit(write_fully(STDOUT_FILENO, text) == 0 ? 0 : 1);
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, text);
+}
+
+TEST_F(FilesTest, WriteThatFailsIsNotRepeated) {
+    const UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(write_fully(full.get(), ""), 0);
+    EXPECT_EQ(write_fully(full.get(), "text"), -1);
+    EXPECT_EQ(errno, ENOSPC);
 }
 
 TEST_F(FilesTest, NoDescriptorStaysBehind) {
