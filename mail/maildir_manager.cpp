@@ -151,7 +151,7 @@ void MaildirManager::createMailnameHome(const std::string& domain, const std::st
     opened[0] = makeTop(home, HOME_MODE);
     for (const std::string_view entry : SKELETON) {
         const std::size_t depth = depthOf(entry);
-        opened.at(depth + 1) = makeEntry(opened.at(depth).get(), lastName(entry), home / entry);
+        opened.at(depth + 1) = makeEntry(opened.at(depth).get(), home, entry);
     }
 }
 
@@ -162,28 +162,33 @@ UniqueFd MaildirManager::makeTop(const fs::path& path, mode_t mode) const {
         const int error = errno;
         throw fs::filesystem_error("cannot create directories", path, codeOf(error));
     }
-    takeOver(directory.get(), path, mode);
+    takeOver(directory.get(), mode, path);
     return directory;
 }
 
-// Makes `name` in an open directory and opens it. The path is for messages.
-UniqueFd MaildirManager::makeEntry(int parent, const char* name, const fs::path& path) const {
+// Makes an entry of the skeleton in its open parent and opens it.
+UniqueFd MaildirManager::makeEntry(int parent, const fs::path& home, std::string_view entry) const {
+    const char* const name = lastName(entry);
     UniqueFd directory;
     if (safe_path::makeDirectory(parent, name, CREATION_MODE) >= 0)
         directory = safe_path::openDirectory(parent, name);
     if (!directory) {
         const int error = errno;
-        throw fs::filesystem_error("cannot create directory", path, codeOf(error));
+        throw fs::filesystem_error("cannot create directory", home / entry, codeOf(error));
     }
-    takeOver(directory.get(), path, HOME_MODE);
+    takeOver(directory.get(), HOME_MODE, home, entry);
     return directory;
 }
 
-void MaildirManager::takeOver(int directory, const fs::path& path, mode_t mode) const {
+// `top` and the entry below it, if any, are put together for a message only: there are many
+// entries.
+void MaildirManager::takeOver(int directory, mode_t mode, const fs::path& top,
+                              std::string_view entry) const {
     safe_path::PermissionStep failed{};
     if (safe_path::setOwnerAndMode(directory, ownerUid, ownerGid, mode, &failed) != 0) {
         const int error = errno;
-        throw FSError(failed == safe_path::PermissionStep::chmod ? "chmod" : "chown", path, error);
+        throw FSError(failed == safe_path::PermissionStep::chmod ? "chmod" : "chown",
+                      entry.empty() ? top : top / entry, error);
     }
 }
 

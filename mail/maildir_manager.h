@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 #include "utils/guards.h"
 
@@ -66,8 +67,9 @@ protected:
 
 private:
     UniqueFd makeTop(const std::filesystem::path& path, mode_t mode) const;
-    UniqueFd makeEntry(int parent, const char* name, const std::filesystem::path& path) const;
-    void takeOver(int directory, const std::filesystem::path& path, mode_t mode) const;
+    UniqueFd makeEntry(int parent, const std::filesystem::path& home, std::string_view entry) const;
+    void takeOver(int directory, mode_t mode, const std::filesystem::path& top,
+                  std::string_view entry = {}) const;
 
     uid_t ownerUid = 0;
     gid_t ownerGid = 0;
