@@ -9,10 +9,11 @@ namespace corvo::mysql {
 
 namespace {
 
-Field makeField(const char* bytes, unsigned long length) {
-    if (bytes == nullptr)
-        return {.value = {}, .null = true};
-    return {.value = std::string(bytes, length), .null = false};
+/// Fills an empty field.
+void fill(Field& field, const char* bytes, unsigned long length) {
+    field.null = bytes == nullptr;
+    if (!field.null)
+        field.value.assign(bytes, length);
 }
 
 // Serves both forms of operator[]; the constness of a row is that of its fields.
@@ -49,9 +50,11 @@ bool Result::fetch(row_t* row) {
     row->fields.clear();
     const unsigned int count = mysql_num_fields(stored.get());
     for (unsigned int i = 0; i < count; ++i) {
-        const std::string name(columns[i].name, columns[i].name_length);
-        if (!row->fields.emplace(name, makeField(values[i], lengths[i])).second)
-            throw mError("duplicated field " + name + " in query");
+        const auto [column, isNew] =
+            row->fields.try_emplace(std::string(columns[i].name, columns[i].name_length));
+        if (!isNew)
+            throw mError("duplicated field " + column->first + " in query");
+        fill(column->second, values[i], lengths[i]);
     }
     return true;
 }
