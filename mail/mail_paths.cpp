@@ -17,13 +17,11 @@ constexpr std::size_t MAX_MAILNAME = 245;  // bytes
 constexpr std::size_t MAX_DOMAIN = 255;    // bytes
 constexpr std::size_t MAX_LABEL = 63;      // bytes
 
-// Of ASCII, whatever the locale says.
-constexpr std::string_view LETTERS_AND_DIGITS =
-    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
 constexpr std::string_view MAILNAME_MARKS = ".-_&+'";
 
+/// Of ASCII, whatever the locale says.
 bool isLetterOrDigit(char c) noexcept {
-    return LETTERS_AND_DIGITS.find(c) != std::string_view::npos;
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
 bool isMailnameCharacter(char c) noexcept {
