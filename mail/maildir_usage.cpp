@@ -167,12 +167,15 @@ int get_maildirpp_messages_usage(long long* bytes, long long* messages,
 }
 
 int get_maildirpp_folder_mtime(const char* folder, std::time_t* newest) noexcept {
+    char path[PATH_MAX];
+    safe_path::Location location;
+    if (!join_path(path, folder, "new"))  // the parts have names of one length
+        return 0;
+    if (safe_path::locate(AT_FDCWD, path, safe_path::LastLink::keep, location) != 0)
+        return errno == ENOENT || errno == ENOTDIR ? 1 : 0;
     for (const char* part : {"cur", "new"}) {
-        char path[PATH_MAX];
-        if (!join_path(path, folder, part))
-            return 0;
         struct stat status {};
-        if (safe_path::status(AT_FDCWD, path, status) == 0)
+        if (safe_path::status(location.parent.get(), part, status) == 0)
             *newest = std::max(*newest, status.st_mtime);
         else if (errno != ENOENT && errno != ENOTDIR)
             return 0;
