@@ -1,11 +1,34 @@
 #include "utils/line_rewrite.h"
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
+#include "utils/files.h"
+
 namespace corvo::line_rewrite {
+
+namespace {
+
+/// A stream on functions of our own, which nobody else knows: it needs no lock, and it makes none
+/// of the calls with which the library's streams get to know a file.
+UniqueFile openOwnStream(void* cookie, const char* mode, cookie_io_functions_t calls) noexcept {
+    UniqueFile stream(::fopencookie(cookie, mode, calls));
+    if (stream)
+        ::__fsetlocking(stream.get(), FSETLOCKING_BYCALLER);
+    return stream;
+}
+
+/// Writes a stream's block; 0 says that it failed.
+ssize_t writeBlock(void* cookie, const char* block, std::size_t size) noexcept {
+    const auto file = static_cast<int>(reinterpret_cast<std::intptr_t>(cookie));
+    return write_fully(file, {block, size}) == 0 ? static_cast<ssize_t>(size) : 0;
+}
+
+}  // namespace
 
 Target::Target(const char* path) noexcept : path_(path) {
     (void)!safe_path::locate(AT_FDCWD, path, safe_path::LastLink::keep, place_);
@@ -36,7 +59,7 @@ bool LineReader::open(const Target& target) noexcept {
         errno = EFBIG;
         return false;
     }
-    stream_.reset(::fopencookie(this, "r", {&LineReader::read, nullptr, nullptr, nullptr}));
+    stream_ = openOwnStream(this, "r", {&LineReader::read, nullptr, nullptr, nullptr});
     return stream_ != nullptr;
 }
 
@@ -65,6 +88,11 @@ std::string_view LineReader::next() noexcept {
     return {line, static_cast<std::size_t>(length)};
 }
 
+UniqueFile openWriter(int file) noexcept {
+    void* const cookie = reinterpret_cast<void*>(static_cast<std::intptr_t>(file));
+    return openOwnStream(cookie, "w", {nullptr, writeBlock, nullptr, nullptr});
+}
+
 Replacement::Replacement(const Target& target) noexcept : target_(target) {
     (void)std::snprintf(path_, sizeof path_, "%s.tmp", target.path());
 }
@@ -80,12 +108,17 @@ UniqueFd Replacement::createFile() const noexcept {
 }
 
 bool Replacement::create() noexcept {
-    UniqueFd file = createFile();
-    if (!file && errno == EEXIST && safe_path::unlinkEntry(target_.base(), name()) == 0)
-        file = createFile();
-    exists_ = static_cast<bool>(file);
-    stream_ = openStream(std::move(file), "w");
+    file_ = createFile();
+    if (!file_ && errno == EEXIST && safe_path::unlinkEntry(target_.base(), name()) == 0)
+        file_ = createFile();
+    exists_ = static_cast<bool>(file_);
+    stream_ = exists_ ? openWriter(file_.get()) : nullptr;
     return stream_ != nullptr;
+}
+
+int Replacement::close() noexcept {
+    const bool isWritten = std::fclose(stream_.release()) == 0;
+    return isWritten ? file_.close() : -1;
 }
 
 int Replacement::moveIntoPlace() noexcept {
@@ -98,6 +131,7 @@ int Replacement::moveIntoPlace() noexcept {
 void Replacement::discard() noexcept {
     const ErrnoGuard keepErrno;
     stream_.reset();
+    file_.reset();
     if (exists_)
         (void)!safe_path::unlinkEntry(target_.base(), name());
     exists_ = false;

@@ -77,6 +77,10 @@ private:
     struct stat seen_ = {};
 };
 
+/// A stream that writes to an open file, which stays open when the stream is closed and must
+/// outlive it. Null with errno when there is no memory.
+UniqueFile openWriter(int file) noexcept;
+
 /// The new contents of a file, in "<path>.tmp" until they are whole; removed unless they were moved
 /// into place.
 class Replacement {
@@ -93,11 +97,14 @@ public:
     /// Where to write; null before create() and after close().
     std::FILE* stream() const noexcept { return stream_.get(); }
 
+    /// The temporary file while it is written.
+    int file() const noexcept { return file_.get(); }
+
     /// The temporary file's path.
     const char* path() const noexcept { return path_; }
 
     /// Writes what is buffered and closes: 0, or -1 with errno.
-    int close() noexcept { return std::fclose(stream_.release()); }
+    int close() noexcept;
 
     /// Renames over the target: 0, or -1 with errno.
     int moveIntoPlace() noexcept;
@@ -111,7 +118,8 @@ private:
 
     const Target& target_;
     char path_[PATH_MAX + sizeof ".tmp"];
-    UniqueFile stream_;
+    UniqueFd file_;
+    UniqueFile stream_;  // writes to file_
     bool exists_ = false;
 };
 

@@ -579,10 +579,10 @@ TEST_F(LineFileTest, NewFileBehindRootsLinkIsEmptiedAndTheLinkStays) {
 
 TEST_F(LineFileTest, RewriteThatDoesNotReachTheDiskLeavesTheOldFile) {
     const SmallDisk disk;
-    const std::string contents = "a\n" + std::string(6000, 'b') + "\n" + std::string(500, 'c');
+    const std::string contents = "a\n" + std::string(10000, 'b') + "\n" + std::string(500, 'c');
     haveFile(contents);
-    const std::string longLine(6000, 'd');
-    const std::string middleLine(6000, 'b');
+    const std::string longLine(10000, 'd');
+    const std::string middleLine(10000, 'b');
     const Case cases[] = {
         {"", {longLine.c_str()}, FILE_STRINGS_ADD, 0, "Unable to write data into file "},
         {"", {"d"}, FILE_STRINGS_ADD, 0, "Unable to fputs to file "},
@@ -590,7 +590,7 @@ TEST_F(LineFileTest, RewriteThatDoesNotReachTheDiskLeavesTheOldFile) {
         {"", {"b"}, FILE_STRINGS_REMOVE_PATTERN, 0, "Unable to close file "},
         {"", {middleLine.c_str()}, FILE_STRINGS_REMOVE, 0, "Unable to close file "},
     };
-    SmallDisk::fill(2);
+    SmallDisk::fill(3);
     for (const Case& c : cases) {
         EXPECT_EQ(change(c.lines, c.action, c.where), 1) << c.after;
         EXPECT_EQ(errno, ENOSPC) << c.after;
@@ -603,9 +603,9 @@ TEST_F(LineFileTest, RewriteThatDoesNotReachTheDiskLeavesTheOldFile) {
 
 TEST_F(LineFileTest, LineThatCannotBeWrittenEndsTheProcess) {
     const SmallDisk disk;
-    const std::string contents = "a\n" + std::string(6000, 'b') + "\n";
+    const std::string contents = "a\n" + std::string(10000, 'b') + "\n";
     haveFile(contents);
-    SmallDisk::fill(2);
+    SmallDisk::fill(3);
     const ProcessResult result = runForked([] { change({"a"}, FILE_STRINGS_REMOVE, 1); });
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "cannot write a line to " + TEMPORARY +
