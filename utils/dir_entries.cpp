@@ -1,7 +1,6 @@
 #include "utils/dir_entries.h"
 
 #include <cerrno>
-#include <string_view>
 
 namespace corvo {
 
@@ -11,8 +10,8 @@ namespace {
 constexpr std::size_t BUFFER_SIZE = 32768;
 
 bool isDirectoryItselfOrParent(const dirent64& entry) noexcept {
-    const std::string_view name(entry.d_name);
-    return name == "." || name == "..";
+    const char* const name = entry.d_name;
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
 }  // namespace
