@@ -1,11 +1,11 @@
-// What a walk asks the server, read from the server's own log.
+// What a walk asks the server.
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <map>
-#include <sstream>
+#include <string>
+#include <vector>
 
+#include "tests/support/general_log.h"
 #include "tests/unit/restore/walk_fixture.h"
 
 namespace {
@@ -13,47 +13,6 @@ namespace {
 using namespace corvo::test;
 
 using WalkerStatementsTest = FullWalkTest;
-
-/// What a login asks the server: "<n>. <statement>" for the login's nth connection.
-class GeneralLog {
-public:
-    explicit GeneralLog(PanelDatabase& panel) : user(panel.user()) {
-        panel.execute("SET GLOBAL general_log=1");
-        log.open(panel.query("SELECT @@general_log_file").at(0));
-        log.seekg(0, std::ios::end);
-    }
-
-    std::vector<std::string> statements() {
-        std::vector<std::string> found;
-        for (std::string line; std::getline(log, line);)
-            take(line, found);
-        return found;
-    }
-
-    std::size_t connections() const { return connectionOf.size(); }
-
-private:
-    // "[time]\t<thread> <command>\t<argument>"
-    void take(const std::string& line, std::vector<std::string>& found) {
-        const auto start = line.find('\t');
-        const auto end = line.find('\t', line.find_first_not_of("\t ", start));
-        if (start == std::string::npos || end == std::string::npos)
-            return;
-        std::istringstream words(line.substr(start, end - start));
-        int thread = 0;
-        std::string command;
-        words >> thread >> command;
-        const std::string argument = line.substr(end + 1);
-        if (command == "Connect" && argument.starts_with(user + "@"))
-            connectionOf.emplace(thread, connectionOf.size() + 1);
-        else if (command == "Query" && connectionOf.contains(thread))
-            found.push_back(std::to_string(connectionOf[thread]) + ". " + argument);
-    }
-
-    std::string user;
-    std::ifstream log;
-    std::map<int, std::size_t> connectionOf;
-};
 
 TEST_F(WalkerStatementsTest, WalkRunsTheseStatementsOnTheseConnectionsAndNoMore) {
     fill();
