@@ -6,7 +6,6 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
-#include <cstdio>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -129,17 +128,3 @@ BENCHMARK(walk)->Apply(sizes);
 BENCHMARK(mailnamesResult)->Apply(sizes);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 2;
-    const std::string obstacle = enterSandbox();
-    if (!obstacle.empty()) {
-        (void)std::fprintf(stderr, "%s\n", obstacle.c_str());
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

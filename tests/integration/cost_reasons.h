@@ -1,0 +1,104 @@
+// Why the program makes system calls that the floor under it does without.
+
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace corvo::test {
+
+/// How much there is to restore, or how many calls are made for each of it.
+struct Size {
+    long runs = 0;
+    long domains = 0;
+    long names = 0;
+    long deliveries = 0;  // mail names with a mailbox that delivers
+    long forwards = 0;
+};
+
+/// The calls for everything that there is.
+inline long total(const Size& calls, const Size& size) {
+    return calls.runs * size.runs + calls.domains * size.domains + calls.names * size.names +
+           calls.deliveries * size.deliveries + calls.forwards * size.forwards;
+}
+
+enum class Tree { fresh, existing, either };
+
+struct Reason {
+    std::vector<std::string> kinds;  // of calls, which come in equal numbers
+    Tree tree;                       // where they are made
+    Size calls;
+    std::string why;
+};
+
+inline const std::vector<Reason> REASONS = {
+    {{"open", "close"},
+     Tree::either,
+     {.domains = 1, .names = 21},
+     "Directories get owner and mode once they are open: by its name, root could give away what "
+     "popuser has put in its place."},
+    {{"open", "close", "stat"},
+     Tree::either,
+     {.names = 1, .deliveries = 1, .forwards = 1},
+     "So does .qmail, which is looked at, too: it must be no other file's second name."},
+    {{"stat"},
+     Tree::either,
+     {.names = 1, .deliveries = 5, .forwards = 4},
+     "Lock files, .qmail and the default delivery are looked at when they are open: a pipe or a "
+     "device may lie there."},
+    {{"ftruncate"},
+     Tree::existing,
+     {.names = 1},
+     "Only then is .qmail emptied; O_TRUNC would empty whatever it opens."},
+    {{"open", "close"},
+     Tree::either,
+     {.deliveries = 2, .forwards = 2},
+     "A locked step reads, writes and renames in one home, which it opens once."},
+    {{"open", "close"}, Tree::either, {.names = 1}, "So does the rename of maildirsize."},
+    {{"open", "close"},
+     Tree::either,
+     {.names = 5},
+     "The times of \"cur\" and \"new\" are asked for in a Maildir or folder that is open."},
+    {{"open", "close"},
+     Tree::either,
+     {.names = 4},
+     "The home, its Maildir, and where to come back to from either, are held open: by then, paths "
+     "could lead elsewhere."},
+    {{"open", "close"},
+     Tree::fresh,
+     {.domains = 1, .names = 1},
+     "What is missing is made in its parent, which is opened for that"},
+    {{"open"}, Tree::fresh, {.domains = 1, .names = 1}, "after it could not be opened itself."},
+    {{"stat"},
+     Tree::either,
+     {.runs = 4, .domains = 4, .names = 4},
+     "Each connection's two credential files are looked at by path, and by the streams that read "
+     "them."},
+    {{"read"},
+     Tree::either,
+     {.runs = 1, .domains = 1, .names = 1},
+     "The stream reads dsn.ini until nothing more comes,"},
+    {{"read"},
+     Tree::either,
+     {.deliveries = 1, .forwards = 1},
+     "as does the one that copies a .qmail: it may grow meanwhile."},
+    {{"open", "close", "stat", "read", "mmap", "mprotect", "brk", "futex"},
+     Tree::either,
+     {.runs = 12},
+     "The C++ runtime is loaded and made ready, and the standard descriptors are seen to."},
+    {{"rt_sigaction"}, Tree::either, {.runs = 2}, "Two signals are ignored."},
+};
+
+/// How many calls of a kind the reasons account for.
+inline long accountedFor(const std::string& kind, Tree tree, const Size& size) {
+    long calls = 0;
+    for (const Reason& reason : REASONS) {
+        const bool isMade = reason.tree == Tree::either || reason.tree == tree;
+        if (isMade && std::ranges::count(reason.kinds, kind) > 0)
+            calls += total(reason.calls, size);
+    }
+    return calls;
+}
+
+}  // namespace corvo::test
