@@ -1,0 +1,51 @@
+"""Tables of medians, and how they compare."""
+
+from measuring import median
+
+
+def _spread(samples):
+    """How far apart the slowest and the fastest round were, in percent of the median."""
+    walls = [sample.wall for sample in samples]
+    return 100 * (max(walls) - min(walls)) / median(samples, "wall")
+
+
+def _ratio(samples, base, what):
+    # The kernel samples the division into user and system time; a short run may have none of one.
+    reference = median(base, what)
+    return f"{median(samples, what) / reference:7.2f}" if reference > 0 else f"{'-':>7}"
+
+
+def size(names, domains):
+    """The size of a panel database in words."""
+    return f"{names:,} mail names in {domains:,} domain{'' if domains == 1 else 's'}"
+
+
+def table(title, results, units, noun):
+    """Prints the results {name: samples} of one experiment in which each run did `units` times a
+    thing that `noun` names. Ratios are to `floor`, or else to the first name."""
+    base_name = "floor" if "floor" in results else next(iter(results))
+    compared = ("wall", "cpu", "user")
+    print(f"\n{title}")
+    print(f"{'':12}   wall s  spread   user s    sys s  peak MiB  {noun + '/s':>12}    "
+          + "".join(f"{what:>7}" for what in compared) + f"  times {base_name}")
+    for name, samples in results.items():
+        wall, user, system, peak = (median(samples, what) for what in ("wall", "user", "system", "peak"))
+        print(f"{name:12}{wall:9.3f}{_spread(samples):7.0f}%{user:9.3f}{system:9.3f}{peak:10.1f}"
+              f"{units / wall:14,.0f}    "
+              + "".join(_ratio(samples, results[base_name], what) for what in compared), flush=True)
+
+
+def growth(title, costs):
+    """Prints the wall time per mail name of {program: [(size, seconds)]} and its ratio to the first."""
+    print(f"\n{title}")
+    for name, sizes in costs.items():
+        for words, seconds in sizes:
+            print(f"{name:12}{words:>44}{1e6 * seconds:10.0f} us  {seconds / sizes[0][1]:6.2f}")
+
+
+def shares(title, spent, total, names):
+    """Prints the seconds that each step has spent, of a total, per mail name and as shares."""
+    print(f"\n{title}")
+    spent = {**spent, "all else": total - sum(spent.values())}
+    for step, seconds in spent.items():
+        print(f"{step:28}{1e6 * seconds / names:10.1f} us per name{100 * seconds / total:7.1f} %")
