@@ -94,7 +94,7 @@ TEST_F(Resources, ValgrindFindsNoErrorLeakOrOpenDescriptor) {
     loadSample(panel);
     // A home that is blocked takes the paths where something is left open.
     writeFile(MAILNAMES + "/example.com/team", "in the way");
-    for (const std::string mode : {"--all", "--fast", "--unknown"}) {
+    for (const std::string mode : {"--all", "--fast", "--handlers-only", "--unknown"}) {
         SCOPED_TRACE(mode);
         const ProcessResult result =
             run({"valgrind", "--quiet", "--track-fds=yes", "--leak-check=full",
