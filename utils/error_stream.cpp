@@ -1,6 +1,7 @@
 #include "utils/error_stream.h"
 
 #include <iostream>
+#include <new>
 
 namespace corvo {
 
@@ -17,8 +18,18 @@ UtilityErrorStreamBuf::int_type UtilityErrorStreamBuf::overflow(int_type c) {
         return c;
     const char character = traits_type::to_char_type(c);
     std::cerr.put(character);
-    pending.push_back(character);
+    keep(character);
     return c;
+}
+
+void UtilityErrorStreamBuf::keep(char character) {
+    try {
+        pending.push_back(character);
+    } catch (const std::bad_alloc&) {
+        // The message is worth more than its wholeness: it goes out in pieces.
+        std::cout << pending << character;
+        pending.clear();
+    }
 }
 
 int UtilityErrorStreamBuf::sync() {

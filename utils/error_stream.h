@@ -9,7 +9,8 @@
 namespace corvo {
 
 /// Puts every character on std::cerr at once and keeps it; a flush copies what was kept to
-/// std::cout. What was never flushed is copied by the destructor.
+/// std::cout. What was never flushed is copied by the destructor, and what no memory is left for
+/// at once.
 class UtilityErrorStreamBuf : public std::streambuf {
 public:
     UtilityErrorStreamBuf() = default;
@@ -23,6 +24,8 @@ protected:
     int sync() override;
 
 private:
+    void keep(char character);
+
     std::string pending;  // not yet on standard output
 };
 

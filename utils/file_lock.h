@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include "utils/guards.h"
+
 /// A lock, held or not. Made by the mk_ functions only, and given back to rm_lock, free_lock or
 /// keep_lock.
 struct lock_handle {
@@ -27,6 +29,11 @@ lock_handle* mk_lock(const char* path, int by_name) noexcept;
 
 /// As mk_lock, but a busy lock gives fd 0 at once.
 lock_handle* mk_nonblock_lock(const char* path, int by_name) noexcept;
+
+/// An exclusive lock on the lock folder itself, for who wants to be the only one of his kind; it is
+/// held until the descriptor is closed. Waits for it without limit. None, silently, when the folder
+/// cannot be opened or locked.
+corvo::UniqueFd lock_folder() noexcept;
 
 bool is_locked(const lock_handle* lock) noexcept;
 

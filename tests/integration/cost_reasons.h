@@ -88,6 +88,7 @@ inline const std::vector<Reason> REASONS = {
      {.runs = 12},
      "The C++ runtime is loaded and made ready, and the standard descriptors are seen to."},
     {{"rt_sigaction"}, Tree::either, {.runs = 2}, "Two signals are ignored."},
+    {{"open", "close", "flock"}, Tree::either, {.runs = 1}, "A full run waits for another's end."},
 };
 
 /// How many calls of a kind the reasons account for.

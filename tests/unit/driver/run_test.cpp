@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -12,7 +13,9 @@
 #include "tests/support/files.h"
 #include "tests/support/installation.h"
 #include "tests/support/panel.h"
+#include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "utils/file_lock.h"
 
 namespace corvo {
 namespace {
@@ -74,6 +77,23 @@ TEST_F(Run, StepsThatFailDoNotChangeTheStatus) {
                                  " restoring mail rejection when mailbox is over quota failed"
                                  " (Restore check-quota mail handler), ignored\n");
     EXPECT_EQ(streams.out(), warnings);
+}
+
+TEST_F(Run, AFullRunWaitsForAnotherAndAFastOneDoesNot) {
+    const PanelDatabase panel;
+    UniqueFd other = lock_folder();
+    ASSERT_TRUE(other);
+    constexpr int KILLED = 128 + 9;
+    EXPECT_EQ(runForked([] { std::exit(doMain({"mail_rebuild", "--all"})); }, 1).status, KILLED);
+    EXPECT_EQ(runForked([] { std::exit(doMain({"mail_rebuild", "--fast"})); }).status, 0);
+    other.reset();
+    EXPECT_EQ(doMain({"mail_rebuild", "--all"}), 0);
+}
+
+TEST_F(Run, AFullRunDoesWithoutTheLockFolder) {
+    const PanelDatabase panel;
+    std::filesystem::remove("/run/lock/files");
+    EXPECT_EQ(doMain({"mail_rebuild", "--all"}), 0);
 }
 
 TEST_F(Run, AConnectionThatCannotBeOpenedIsThrown) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tests/support/capture.h"
+#include "tests/support/memory.h"
 #include "tests/support/process.h"
 
 namespace corvo::test {
@@ -63,6 +64,19 @@ TEST_F(ErrorStream, PassesOnATextThatWasNeverFlushedAtExit) {
     const ProcessResult result = runForked([] { uerr << "never flushed"; });
     EXPECT_EQ(result.out, "never flushed");
     EXPECT_EQ(result.err, "never flushed");
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST(ErrorStreamWithoutMemory, PassesOnALongText) {
+    if (!canExhaustMemory())
+        GTEST_SKIP() << "the sanitizer's allocator never returns null";
+    static const std::string text(5000, 'x');
+    const ProcessResult result = runForked([] {
+        exhaustMemory();
+        uerr << text << "end" << std::endl;
+    });
+    EXPECT_EQ(result.err, text + "end\n");
+    EXPECT_EQ(result.out, text + "end\n");
     EXPECT_EQ(result.status, 0);
 }
 
