@@ -65,6 +65,7 @@ void collect(pid_t child, Pipe& out, Pipe& err, ProcessResult& result, int timeo
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         if (left <= 0 || ::poll(ends.data(), ends.size(), static_cast<int>(left)) == 0) {
             ::kill(child, SIGKILL);
+            result.timedOut = true;
             return;
         }
         for (std::size_t i = 0; i < ends.size(); ++i)

@@ -13,6 +13,7 @@ struct ProcessResult {
     int status = -1;  // exit status, or 128 + the signal that ended it
     std::string out;
     std::string err;
+    bool timedOut = false;
 };
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
