@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "utils/guards.h"
+#include "utils/safe_path.h"
 
 namespace corvo::mail {
 
@@ -18,10 +19,18 @@ constexpr const char* VFS_NAME = "hardened";
 constexpr mode_t WRITABLE_BY_OTHERS = S_IWGRP | S_IWOTH;
 constexpr int LONGEST_VALUE = 1 << 20;
 
-bool isOursAlone(int file) noexcept {
+bool isOursAlone(const struct stat& file) noexcept {
+    return file.st_uid == ::geteuid() && (file.st_mode & WRITABLE_BY_OTHERS) == 0;
+}
+
+// The errno for a file that SQLite must not work on, or 0.
+int objectionTo(int file, std::string_view path) noexcept {
     struct stat seen {};
-    return ::fstat(file, &seen) == 0 && seen.st_uid == ::geteuid() &&
-           (seen.st_mode & WRITABLE_BY_OTHERS) == 0;
+    if (::fstat(file, &seen) != 0)
+        return errno;
+    if (safe_path::isForeignHardLink(seen))
+        return EPERM;
+    return path.ends_with("-shm") && !isOursAlone(seen) ? EACCES : 0;
 }
 
 // In place of the system calls that SQLite makes. The modes and owners it asks for are the
@@ -31,12 +40,17 @@ int openFile(const char* path, int flags, int mode) noexcept {
     const auto ownMode = static_cast<mode_t>(mode) & ~WRITABLE_BY_OTHERS;
     // A pipe in place of a journal must not block.
     const int safeFlags = flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    UniqueFd file(::open(path, safeFlags, ownMode));  // root-owned path
-    if (file && std::string_view(path).ends_with("-shm") && !isOursAlone(file.get())) {
-        errno = EACCES;
-        return -1;
-    }
-    return file.release();
+    UniqueFd file(::open(path, safeFlags, ownMode));  // root-owned path, or O_NOFOLLOW in it
+    const int objection = file ? objectionTo(file.get(), path) : 0;
+    if (objection == 0)
+        return file.release();
+    errno = objection;
+    return -1;
+}
+
+// SQLite resolves all links of a path itself before it opens what they lead to.
+ssize_t readLink(const char* path, char* target, std::size_t size) noexcept {
+    return safe_path::readTrustedLink(AT_FDCWD, path, target, size);
 }
 
 int changeMode(int file, mode_t mode) noexcept {
@@ -48,8 +62,8 @@ int keepOwner(int /*file*/, uid_t /*uid*/, gid_t /*gid*/) noexcept {
 }
 
 template <typename Call>
-void replaceSystemCall(sqlite3_vfs* vfs, const char* name, Call call) noexcept {
-    (void)vfs->xSetSystemCall(vfs, name, reinterpret_cast<sqlite3_syscall_ptr>(call));
+bool replaceSystemCall(sqlite3_vfs* vfs, const char* name, Call call) noexcept {
+    return vfs->xSetSystemCall(vfs, name, reinterpret_cast<sqlite3_syscall_ptr>(call)) == SQLITE_OK;
 }
 
 // SQLite's own; null until it has been replaced.
@@ -69,11 +83,11 @@ bool hardenSqlite() noexcept {
     if (systemOpen != nullptr)
         return true;
     sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
-    if (vfs == nullptr)
+    if (vfs == nullptr || !replaceSystemCall(vfs, "open", openFile) ||
+        !replaceSystemCall(vfs, "readlink", readLink) ||
+        !replaceSystemCall(vfs, "fchmod", changeMode) ||
+        !replaceSystemCall(vfs, "fchown", keepOwner))
         return false;
-    replaceSystemCall(vfs, "open", openFile);
-    replaceSystemCall(vfs, "fchmod", changeMode);
-    replaceSystemCall(vfs, "fchown", keepOwner);
     systemOpen = vfs->xOpen;
     static sqlite3_vfs hardened = *vfs;
     hardened.zName = VFS_NAME;

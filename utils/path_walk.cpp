@@ -93,13 +93,9 @@ bool Walk::look() noexcept {
     return entry_ && ::fstat(entry_.get(), &seen_) == 0;
 }
 
-bool Walk::isTrusted() const noexcept {
-    return seen_.st_nlink == 1 && (seen_.st_uid == 0 || seen_.st_uid == ::geteuid());
-}
-
 /// Puts the target of the link in entry_ before the rest of the path.
 bool Walk::follow() noexcept {
-    if (!isTrusted() || ++links_ > MAX_LINKS) {
+    if (!isTrustedLink(seen_) || ++links_ > MAX_LINKS) {
         errno = ELOOP;
         return false;
     }

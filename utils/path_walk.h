@@ -43,8 +43,6 @@ private:
     bool takeName() noexcept;
     bool look() noexcept;
     bool follow() noexcept;
-    /// Whether the link in entry_ is root's or the running user's and has a single name.
-    bool isTrusted() const noexcept;
 
     int base_ = AT_FDCWD;
     UniqueFd held_;

@@ -70,6 +70,15 @@ enum class LastLink { follow, keep };
 /// linked into the mail tree, and nothing may be written to it or handed out from it.
 [[nodiscard]] bool isForeignHardLink(const struct stat& file) noexcept;
 
+/// Whether a link, of which lstat says this, is followed: root's or the running user's, under a
+/// single name.
+[[nodiscard]] bool isTrustedLink(const struct stat& link) noexcept;
+
+/// readlink, for a link that is followed: its target's length; ELOOP for any other. The target is
+/// not ended by a zero byte.
+[[nodiscard]] ssize_t readTrustedLink(int base, const char* path, char* target,
+                                      std::size_t size) noexcept;
+
 /// stat, with trusted links followed.
 [[nodiscard]] int status(int base, const char* path, struct stat& result) noexcept;
 

@@ -47,6 +47,12 @@ inline const std::vector<Reason> REASONS = {
      {.names = 1, .deliveries = 5, .forwards = 4},
      "Lock files, .qmail and the default delivery are looked at when they are open: a pipe or a "
      "device may lie there."},
+    {{"stat"},
+     Tree::either,
+     {.runs = 12, .names = 3},
+     "The user database, its journal and their folder are looked at when they are open: popuser "
+     "can "
+     "put links to other files there."},
     {{"ftruncate"},
      Tree::existing,
      {.names = 1},

@@ -85,6 +85,61 @@ protected:
     MailUserDbHelper helper;
 };
 
+// What stands in place of a file.
+
+TEST_F(SqliteHardeningTest, LinkOfPopuserIsRefused) {
+    const std::string victim = "/var/lib/corvo/victim.db";
+    std::filesystem::copy_file(FILE_PATH, victim);
+    for (const std::string& target : {victim, std::string("/var/lib/corvo/none.db")}) {
+        std::filesystem::remove(FILE_PATH);
+        makeLink(target, FILE_PATH, POPUSER_UID);
+        EXPECT_FALSE(store());
+        expectLogged({"Unable to open database " + FILE_PATH + ": unable to open database file"});
+    }
+    EXPECT_EQ(sqliteRows(victim, "SELECT * FROM mailbox_quota"), Rows{});
+    EXPECT_FALSE(exists("/var/lib/corvo/none.db"));
+}
+
+TEST_F(SqliteHardeningTest, LinkOfRootIsFollowed) {
+    std::filesystem::rename(FILE_PATH, "/var/lib/corvo/moved.db");
+    makeLink("../../moved.db", FILE_PATH);
+    EXPECT_TRUE(store());
+    EXPECT_EQ(rows(), Rows{"a.com|x|5B"});
+    EXPECT_TRUE(std::filesystem::is_symlink(FILE_PATH));
+}
+
+TEST_F(SqliteHardeningTest, LinkOfRootWithASecondNameIsRefused) {
+    const std::string elsewhere = "/var/lib/corvo/moved.db";
+    std::filesystem::rename(FILE_PATH, elsewhere);
+    makeLink(elsewhere, FILE_PATH);
+    std::filesystem::create_hard_link(FILE_PATH, FOLDER + "/second");
+    EXPECT_FALSE(store());
+    expectLogged({"Unable to open database " + FILE_PATH + ": unable to open database file"});
+}
+
+TEST_F(SqliteHardeningTest, FileOfRootUnderASecondNameIsRefused) {
+    const std::string victim = "/var/lib/corvo/mail/victim";
+    const auto expectRefusal = [&](const std::string& name, const std::string& contents) {
+        SCOPED_TRACE(name);
+        writeFile(victim, contents, 0, 0, 0600);
+        std::filesystem::remove(name);
+        std::filesystem::create_hard_link(victim, name);
+        EXPECT_FALSE(store());
+        EXPECT_EQ(contentsOf(victim), contents);
+        EXPECT_EQ(modeOf(victim), "0600");
+        std::filesystem::remove(name);
+    };
+    const std::string database = contentsOf(FILE_PATH);
+    expectRefusal(JOURNAL, "");
+    expectLogged({"Unable to set quota for 'x@a.com': unable to open database file"});
+    sqliteExecute(FILE_PATH, "PRAGMA journal_mode = WAL");
+    expectRefusal(WAL, "another's");
+    expectLogged({"Unable to prepare SQL statement for query '" + REPLACE +
+                  "': unable to open database file"});
+    expectRefusal(FILE_PATH, database);
+    expectLogged({"Unable to open database " + FILE_PATH + ": unable to open database file"});
+}
+
 // Journals.
 
 TEST_F(SqliteHardeningTest, JournalIsWritableByItsMakerAlone) {

@@ -644,6 +644,23 @@ TEST_F(SafePathTest, EntriesOfALastLinkAreReadOnlyWhenAsked) {
     EXPECT_EQ(errno, ENOENT);
 }
 
+TEST_F(SafePathTest, LinkIsReadWhenItIsFollowed) {
+    char target[PATH_MAX] = {};
+    makeLink("elsewhere", DOMAIN + "/ours");
+    makeLink("elsewhere", DOMAIN + "/his", POPUSER_UID);
+    const auto read = [&](const char* name) {
+        return safe_path::readTrustedLink(AT_FDCWD, (DOMAIN + name).c_str(), target, sizeof target);
+    };
+    EXPECT_EQ(read("/ours"), 9);
+    EXPECT_STREQ(target, "elsewhere");
+    EXPECT_EQ(read("/his"), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(read("/missing"), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(read("/missing/x"), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
 TEST_F(SafePathTest, ChangeDirectoryEntersWhatMayBeSearchedOnly) {
     ASSERT_EQ(::chmod(HOME.c_str(), 0711), 0);
     const ProcessResult result = runForked([] {
