@@ -229,7 +229,8 @@ void checkOwnersAndModes(const Golden& golden, const Snapshot& before, const Sna
                          const Outcome& outcome, Violations& found) {
     for (const auto& [path, now] : after.storage) {
         const Entry* former = entryAt(before.storage, path);
-        const bool isNewTemporary = former == nullptr && isTemporary(path);
+        const bool isNewTemporary =
+            isTemporary(path) && (former == nullptr || former->inode != now.inode);
         const std::string known = isNewTemporary ? finalPath(path) : path;
         const Entry* wanted = entryAt(golden.after.storage, known);
         if (isNewTemporary)

@@ -127,6 +127,16 @@ TEST_F(InvariantsTest, AKilledRunMayHaveDoneNothing) {
     EXPECT_THAT(judged(golden.before, killed()), IsEmpty());
 }
 
+TEST_F(InvariantsTest, ATemporaryFileMayTakeThePlaceOfALeftOne) {
+    const std::string left = "example.com/crowded/.qmail.tmp";
+    Snapshot after = golden.before;
+    after.storage.at(left).uid = 0;
+    after.storage.at(left).gid = 0;
+    EXPECT_EQ(invariantsOf(judged(after, killed())), std::set<std::string>{"I6"});
+    ++after.storage.at(left).inode;
+    EXPECT_THAT(judged(after, killed()), IsEmpty());
+}
+
 TEST_F(InvariantsTest, WrongEndsAreFound) {
     const std::vector<Outcome> ends = {
         {139, "", "", false},
