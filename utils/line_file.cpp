@@ -76,7 +76,7 @@ bool write(std::FILE* stream, std::string_view text) noexcept {
 }
 
 /// Writes the lines at the end of an open file; 0, or 1 after a report.
-int writeAtEnd(int file, const char* const* list, const char* path) noexcept {
+int writeAtEnd(corvo::UniqueFd& file, const char* const* list, const char* path) noexcept {
     corvo::UniqueFile stream = corvo::line_rewrite::openWriter(file);
     if (!stream)
         return unableToOpen(path);
@@ -95,11 +95,11 @@ void takeBack(const Target& target, int file, const struct stat& former, bool is
 
 int append(const Target& target, const char* const* list, bool isNew) noexcept {
     struct stat former = {};
-    const corvo::UniqueFd file = safe_path::openFile(
+    corvo::UniqueFd file = safe_path::openFile(
         target.base(), target.name(), O_WRONLY | O_CREAT | O_APPEND, NEW_FILE_MODE, former);
     if (!file)
         return unableToOpen(target.path());
-    if (writeAtEnd(file.get(), list, target.path()) != 0) {
+    if (writeAtEnd(file, list, target.path()) != 0) {
         takeBack(target, file.get(), former, isNew);
         return 1;
     }

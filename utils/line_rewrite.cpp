@@ -4,7 +4,6 @@
 #include <stdio_ext.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 
 #include "utils/files.h"
@@ -24,8 +23,8 @@ UniqueFile openOwnStream(void* cookie, const char* mode, cookie_io_functions_t c
 
 /// Writes a stream's block; 0 says that it failed.
 ssize_t writeBlock(void* cookie, const char* block, std::size_t size) noexcept {
-    const auto file = static_cast<int>(reinterpret_cast<std::intptr_t>(cookie));
-    return write_fully(file, {block, size}) == 0 ? static_cast<ssize_t>(size) : 0;
+    const auto& file = *static_cast<const UniqueFd*>(cookie);
+    return write_fully(file.get(), {block, size}) == 0 ? static_cast<ssize_t>(size) : 0;
 }
 
 }  // namespace
@@ -88,9 +87,8 @@ std::string_view LineReader::next() noexcept {
     return {line, static_cast<std::size_t>(length)};
 }
 
-UniqueFile openWriter(int file) noexcept {
-    void* const cookie = reinterpret_cast<void*>(static_cast<std::intptr_t>(file));
-    return openOwnStream(cookie, "w", {nullptr, writeBlock, nullptr, nullptr});
+UniqueFile openWriter(UniqueFd& file) noexcept {
+    return openOwnStream(&file, "w", {nullptr, writeBlock, nullptr, nullptr});
 }
 
 Replacement::Replacement(const Target& target) noexcept : target_(target) {
@@ -112,7 +110,7 @@ bool Replacement::create() noexcept {
     if (!file_ && errno == EEXIST && safe_path::unlinkEntry(target_.base(), name()) == 0)
         file_ = createFile();
     exists_ = static_cast<bool>(file_);
-    stream_ = exists_ ? openWriter(file_.get()) : nullptr;
+    stream_ = exists_ ? openWriter(file_) : nullptr;
     return stream_ != nullptr;
 }
 

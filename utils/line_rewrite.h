@@ -79,7 +79,7 @@ private:
 
 /// A stream that writes to an open file, which stays open when the stream is closed and must
 /// outlive it. Null with errno when there is no memory.
-UniqueFile openWriter(int file) noexcept;
+UniqueFile openWriter(UniqueFd& file) noexcept;
 
 /// The new contents of a file, in "<path>.tmp" until they are whole; removed unless they were moved
 /// into place.
