@@ -9,6 +9,29 @@ namespace corvo::test {
 
 namespace {
 
+bool hasMemory = true;
+sqlite3_mem_methods memory;  // SQLite's own
+
+void* allocate(int size) {
+    return hasMemory ? memory.xMalloc(size) : nullptr;
+}
+
+void* reallocate(void* block, int size) {
+    return hasMemory ? memory.xRealloc(block, size) : nullptr;
+}
+
+/// Puts the two functions above before SQLite's own. SQLite takes that only before its first use.
+bool interceptMemory() {
+    if (sqlite3_config(SQLITE_CONFIG_GETMALLOC, &memory) != SQLITE_OK)
+        return false;
+    sqlite3_mem_methods intercepting = memory;
+    intercepting.xMalloc = allocate;
+    intercepting.xRealloc = reallocate;
+    return sqlite3_config(SQLITE_CONFIG_MALLOC, &intercepting) == SQLITE_OK;
+}
+
+const bool isMemoryIntercepted = interceptMemory();
+
 struct Closer {
     void operator()(sqlite3* database) const { sqlite3_close(database); }
 };
@@ -44,6 +67,16 @@ int joinColumns(void* rows, int columns, char** values, char** /*names*/) {
 }
 
 }  // namespace
+
+NoSqliteMemory::NoSqliteMemory() {
+    if (!isMemoryIntercepted)
+        throw std::runtime_error("SQLite was in use before its memory could be intercepted");
+    hasMemory = false;
+}
+
+NoSqliteMemory::~NoSqliteMemory() {
+    hasMemory = true;
+}
 
 void sqliteExecute(const std::string& path, const std::string& script) {
     const Database database = open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);

@@ -14,4 +14,13 @@ void sqliteExecute(const std::string& path, const std::string& script);
 /// The rows of a query: columns joined by "|", NULL as "NULL".
 std::vector<std::string> sqliteRows(const std::string& path, const std::string& query);
 
+/// SQLite finds no memory in this process while this lives.
+class NoSqliteMemory {
+public:
+    NoSqliteMemory();
+    ~NoSqliteMemory();
+    NoSqliteMemory(const NoSqliteMemory&) = delete;
+    NoSqliteMemory& operator=(const NoSqliteMemory&) = delete;
+};
+
 }  // namespace corvo::test

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <optional>
 #include <string>
 
 #include "mail/mail_handlers_db.h"
@@ -74,9 +75,10 @@ TEST_F(MailHandlersCreationTest, DirectoryInPlaceOfFileIsReportedAndKept) {
 }
 
 TEST_F(MailHandlersCreationTest, ReportsScriptThatFailsWithoutText) {
-    const ConnectionHook hook([](sqlite3*) { sqlite3_hard_heap_limit64(1); });
+    std::optional<NoSqliteMemory> none;
+    const ConnectionHook hook([&](sqlite3*) { none.emplace(); });
     EXPECT_EQ(sqlite_db_create("/var/lib/corvo/x.db", "SELECT 1", "any"), -1);
-    sqlite3_hard_heap_limit64(0);
+    none.reset();
     expectLogged({"Unable to re-create any database"});
 }
 

@@ -2,6 +2,7 @@
 
 #include <sys/syscall.h>
 
+#include <optional>
 #include <ostream>
 
 #include "tests/unit/mail/sqlite_fixture.h"
@@ -566,9 +567,9 @@ TEST_F(MailUserDbTest, CreationReportsFailingScript) {
 
 TEST_F(MailUserDbTest, CreationReportsFailingScriptWithoutText) {
     {
-        const ConnectionHook hook([](sqlite3*) { sqlite3_hard_heap_limit64(1); });
+        std::optional<NoSqliteMemory> none;
+        const ConnectionHook hook([&](sqlite3*) { none.emplace(); });
         EXPECT_FALSE(helper.initMailUserdb(false));
-        sqlite3_hard_heap_limit64(0);
     }
     expectLogged({"Unable to re-create email user database"});
 }

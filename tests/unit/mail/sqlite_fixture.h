@@ -170,15 +170,6 @@ private:
     }
 };
 
-/// SQLite finds no memory while this lives.
-class NoSqliteMemory {
-public:
-    NoSqliteMemory() { sqlite3_hard_heap_limit64(1); }
-    ~NoSqliteMemory() { sqlite3_hard_heap_limit64(0); }
-    NoSqliteMemory(const NoSqliteMemory&) = delete;
-    NoSqliteMemory& operator=(const NoSqliteMemory&) = delete;
-};
-
 /// A hook: texts bound to statements on tables may have at most so many bytes.
 template <int bytes>
 void limitBoundTexts(sqlite3* database) {
