@@ -118,9 +118,7 @@ int dotqmail_remove_delivery(const char* path) noexcept {
 }
 
 int dotqmail_reset(const char* path) noexcept {
-    if (write_text_file(path, "| true\n") != 0)
-        return -1;
-    return giveToPopuser(path);
+    return write_text_file_for(path, "| true\n", POPUSER);
 }
 
 int dotqmail_add_forward(const char* path, const char* address) noexcept {

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
 
 #include "utils/guards.h"
 #include "utils/idn.h"
@@ -148,7 +147,10 @@ int get_dotqmail_path(char* dst, std::size_t size, const char* mailname,
 namespace corvo::mail {
 
 std::string mailnamesPrefix() {
-    return (std::filesystem::path(vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D)) / "").native();
+    std::string prefix = vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D);
+    if (!prefix.empty() && !prefix.ends_with('/'))
+        prefix += '/';
+    return prefix;
 }
 
 bool isPathComponent(std::string_view name) noexcept {

@@ -110,6 +110,18 @@ int visit_folders(DirEntries& maildir, Visit visit) noexcept {
     return errno == 0 ? 1 : 0;
 }
 
+/// Raises `newest` to the times of "cur" and "new" in an open folder.
+int newest_of_parts(int folder, std::time_t* newest) noexcept {
+    for (const char* part : {"cur", "new"}) {
+        struct stat status {};
+        if (safe_path::status(folder, part, status) == 0)
+            *newest = std::max(*newest, status.st_mtime);
+        else if (errno != ENOENT && errno != ENOTDIR)
+            return 0;
+    }
+    return 1;
+}
+
 void log_bad_entry(const char* name) noexcept {
     char directory[PATH_MAX];
     const char* current = getcwd(directory, sizeof directory);
@@ -173,14 +185,7 @@ int get_maildirpp_folder_mtime(const char* folder, std::time_t* newest) noexcept
         return 0;
     if (safe_path::locate(AT_FDCWD, path, safe_path::LastLink::keep, location) != 0)
         return errno == ENOENT || errno == ENOTDIR ? 1 : 0;
-    for (const char* part : {"cur", "new"}) {
-        struct stat status {};
-        if (safe_path::status(location.parent.get(), part, status) == 0)
-            *newest = std::max(*newest, status.st_mtime);
-        else if (errno != ENOENT && errno != ENOTDIR)
-            return 0;
-    }
-    return 1;
+    return newest_of_parts(location.parent.get(), newest);
 }
 
 int get_maildirpp_mtime(std::time_t* newest) noexcept {
@@ -189,7 +194,7 @@ int get_maildirpp_mtime(std::time_t* newest) noexcept {
         messlog2(0, 0, "Unable to open Maildir folder. Has it just been removed?");
         return 0;
     }
-    if (!get_maildirpp_folder_mtime(".", newest))
+    if (!newest_of_parts(maildir.descriptor(), newest))
         return 0;
     return visit_folders(maildir, [=](const char* name, EntryType type) noexcept {
         if (type == EntryType::directory)

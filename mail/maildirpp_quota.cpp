@@ -33,7 +33,6 @@ namespace {
 
 using corvo::addSaturated;
 using corvo::ErrnoGuard;
-using corvo::retryOnEintr;
 using corvo::UniqueCString;
 using corvo::UniqueFd;
 using corvo::WorkingDirectoryGuard;
@@ -76,42 +75,6 @@ int change_to_home(const char* home, bool soundNames) noexcept {
     }
     messlog2(0, 0, "unable to change to mbox folder %s: %s", home, std::strerror(errno));
     return -1;
-}
-
-/// Takes the size of the attachments, which lie outside the Maildir, off the quota: 0, or -1 when
-/// they cannot be counted, which is logged.
-int subtract_attachments(long long& quota) noexcept {
-    static constexpr char ATTACHMENTS[] = "@attachments";
-    struct stat status {};
-    if (safe_path::status(AT_FDCWD, ATTACHMENTS, status) != 0 || !S_ISDIR(status.st_mode))
-        return 0;
-    const long long size = get_dir_size(ATTACHMENTS);
-    if (size < 0) {
-        messlog2(0, 0, "unable to count attachments folder size");
-        return -1;
-    }
-    quota -= size;
-    if (quota < 0) {
-        quota = 0;
-        errno = 0;
-        messlog2(0, 0, "WARNING: @attachments directory is big enough to disable delivery!");
-    }
-    return 0;
-}
-
-int store_home_quota(const char* home, bool soundNames, long long quota) noexcept {
-    WorkingDirectoryGuard back;
-    if (!back.remembered()) {
-        messlog2(0, 0, "unable to get current working directory");
-        return 0;
-    }
-    if (change_to_home(home, soundNames) != 0)
-        return 0;
-    if (quota >= 0 && subtract_attachments(quota) != 0) {
-        back.release();  // intended: after this failure the process stays in the home
-        return 0;
-    }
-    return store_maildirpp_quota_raw("./Maildir", quota);
 }
 
 int get_host_name(HostName& host) noexcept {
@@ -182,18 +145,74 @@ void mark_if_outdated(std::time_t counted) noexcept {
         (void)futimens(file.get(), times);
 }
 
-/// Reads at most `size` bytes; the number read, or -1 with errno.
-ssize_t read_fully(int fd, char* buffer, std::size_t size) noexcept {
-    std::size_t filled = 0;
-    while (filled < size) {
-        const ssize_t got = retryOnEintr([&] { return read(fd, buffer + filled, size - filled); });
-        if (got < 0)
-            return -1;
-        if (got == 0)
-            break;
-        filled += static_cast<std::size_t>(got);
+/// Writes `maildirsize` of a Maildir, into which the process changes.
+int write_within(const char* maildir, uid_t uid, gid_t gid, const Limits& limits) noexcept {
+    if (safe_path::changeDirectory(maildir) != 0)
+        return 0;
+    HostName host;
+    if (get_host_name(host) != 0) {
+        messlog2(0, 0, "Unable to receive hostname");
+        return 0;
     }
-    return static_cast<ssize_t>(filled);
+    TemporaryName name;
+    UniqueFd file = create_temporary(host, name);
+    if (!file)
+        return 0;
+    std::time_t counted = 0;
+    if (write_counted(file, uid, gid, limits, &counted) != 0 ||
+        safe_path::renameEntry(AT_FDCWD, name, MAILDIRSIZE) != 0) {
+        const ErrnoGuard keepErrno;
+        file.reset();
+        (void)safe_path::unlinkEntry(AT_FDCWD, name);
+        return 0;
+    }
+    mark_if_outdated(counted);
+    return 1;
+}
+
+/// Writes `maildirsize` for popuser, with a quota for the bytes. Changes into the Maildir.
+int write_for_popuser(const char* maildir, long long quota) noexcept {
+    // A byte limit of 0 means none, so that a quota of 0 needs the next best.
+    const long long byteLimit = quota < 0 ? 0 : std::max(quota, 1LL);
+    const uid_t uid = corvo_ugid(POPUSER, 0);
+    const gid_t gid = corvo_ugid(POPUSER, 1);
+    return write_within(maildir, uid, gid, {byteLimit, 0});
+}
+
+/// Takes the size of the attachments, which lie outside the Maildir, off the quota: 0, or -1 when
+/// they cannot be counted, which is logged.
+int subtract_attachments(long long& quota) noexcept {
+    static constexpr char ATTACHMENTS[] = "@attachments";
+    struct stat status {};
+    if (safe_path::status(AT_FDCWD, ATTACHMENTS, status) != 0 || !S_ISDIR(status.st_mode))
+        return 0;
+    const long long size = get_dir_size(ATTACHMENTS);
+    if (size < 0) {
+        messlog2(0, 0, "unable to count attachments folder size");
+        return -1;
+    }
+    quota -= size;
+    if (quota < 0) {
+        quota = 0;
+        errno = 0;
+        messlog2(0, 0, "WARNING: @attachments directory is big enough to disable delivery!");
+    }
+    return 0;
+}
+
+int store_home_quota(const char* home, bool soundNames, long long quota) noexcept {
+    WorkingDirectoryGuard back;
+    if (!back.remembered()) {
+        messlog2(0, 0, "unable to get current working directory");
+        return 0;
+    }
+    if (change_to_home(home, soundNames) != 0)
+        return 0;
+    if (quota >= 0 && subtract_attachments(quota) != 0) {
+        back.release();  // intended: after this failure the process stays in the home
+        return 0;
+    }
+    return write_for_popuser("./Maildir", quota);  // `back` leads out of it, too
 }
 
 /// Reads `maildirsize` of the current directory: its length, or -1 with errno; EFBIG when it is
@@ -245,36 +264,14 @@ int store_mbox_quota(const char* domain, const char* mailname, long long quota) 
 }
 
 int store_maildirpp_quota_raw(const char* maildir, long long quota) noexcept {
-    // A byte limit of 0 means none, so that a quota of 0 needs the next best.
-    const long long byteLimit = quota < 0 ? 0 : std::max(quota, 1LL);
-    return write_maildirpp_maildirsize(maildir, corvo_ugid(POPUSER, 0), corvo_ugid(POPUSER, 1),
-                                       byteLimit, 0);
+    const WorkingDirectoryGuard back;
+    return back.remembered() ? write_for_popuser(maildir, quota) : 0;
 }
 
 int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid, long long byteLimit,
                                 long long countLimit) noexcept {
     const WorkingDirectoryGuard back;
-    if (!back.remembered() || safe_path::changeDirectory(maildir) != 0)
-        return 0;
-    HostName host;
-    if (get_host_name(host) != 0) {
-        messlog2(0, 0, "Unable to receive hostname");
-        return 0;
-    }
-    TemporaryName name;
-    UniqueFd file = create_temporary(host, name);
-    if (!file)
-        return 0;
-    std::time_t counted = 0;
-    if (write_counted(file, uid, gid, {byteLimit, countLimit}, &counted) != 0 ||
-        safe_path::renameEntry(AT_FDCWD, name, MAILDIRSIZE) != 0) {
-        const ErrnoGuard keepErrno;
-        file.reset();
-        (void)safe_path::unlinkEntry(AT_FDCWD, name);
-        return 0;
-    }
-    mark_if_outdated(counted);
-    return 1;
+    return back.remembered() ? write_within(maildir, uid, gid, {byteLimit, countLimit}) : 0;
 }
 
 int get_maildirpp_usage_and_limits(const char* maildir, int strict, long long* bytes,

@@ -30,6 +30,18 @@ void logPermissionFailure(const char* path, PermissionStep failed) noexcept {
         corvo_log(LOG_ERR, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
 }
 
+/// Null after a report, with errno: ENOENT for an unknown user.
+const struct passwd* lookUpUser(const char* name) noexcept {
+    errno = 0;
+    const struct passwd* const entry = getpwnam(name);
+    if (entry != nullptr)
+        return entry;
+    messlog2(0, 0, "user %s not found", name);
+    if (errno == 0)
+        errno = ENOENT;
+    return nullptr;
+}
+
 /// True when there is nothing at a path that could not be opened. Keeps errno.
 bool isOutOfReach(const char* path) noexcept {
     const corvo::ErrnoGuard keepErrno;
@@ -93,15 +105,19 @@ int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept
 }
 
 int file_set_user_mode(const char* path, const char* user, mode_t mode) noexcept {
-    errno = 0;
-    const struct passwd* const entry = getpwnam(user);
-    if (entry == nullptr) {
-        messlog2(0, 0, "user %s not found", user);
-        if (errno == 0)
-            errno = ENOENT;
+    const struct passwd* const entry = lookUpUser(user);
+    return entry != nullptr ? file_set_perms(path, entry->pw_uid, entry->pw_gid, mode) : -1;
+}
+
+int fd_set_user_mode(int fd, const char* path, const char* user, mode_t mode) noexcept {
+    const struct passwd* const entry = lookUpUser(user);
+    if (entry == nullptr)
         return -1;
-    }
-    return file_set_perms(path, entry->pw_uid, entry->pw_gid, mode);
+    PermissionStep failed{};
+    if (safe_path::setOwnerAndMode(fd, entry->pw_uid, entry->pw_gid, mode, &failed) == 0)
+        return 0;
+    logPermissionFailure(path, failed);
+    return -1;
 }
 
 int create_empty_file(const char* path) noexcept {
@@ -128,6 +144,20 @@ int write_fully(int fd, std::string_view data) noexcept {
             data.remove_prefix(static_cast<std::size_t>(written));
     }
     return 0;
+}
+
+ssize_t read_fully(int fd, char* buffer, std::size_t size) noexcept {
+    std::size_t filled = 0;
+    while (filled < size) {
+        const ssize_t got =
+            corvo::retryOnEintr([&] { return read(fd, buffer + filled, size - filled); });
+        if (got < 0)
+            return -1;
+        if (got == 0)
+            break;
+        filled += static_cast<std::size_t>(got);
+    }
+    return static_cast<ssize_t>(filled);
 }
 
 int p_fclose(std::FILE* stream) noexcept {

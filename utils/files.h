@@ -23,6 +23,9 @@ int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept
 /// file_set_perms with the uid and primary gid of `user`. An unknown user is ENOENT.
 int file_set_user_mode(const char* path, const char* user, mode_t mode) noexcept;
 
+/// The same for an open file; `path` is for the log.
+int fd_set_user_mode(int fd, const char* path, const char* user, mode_t mode) noexcept;
+
 /// Creates the file (0644) or empties it. Logs through corvo_log at priority 3.
 int create_empty_file(const char* path) noexcept;
 
@@ -32,6 +35,10 @@ int create_file(const char* path) noexcept;
 /// Writes all of `data` to an open file; what is interrupted or would block is repeated. Logs
 /// nothing.
 int write_fully(int fd, std::string_view data) noexcept;
+
+/// Reads up to `size` bytes of an open file into `buffer`, fewer only where it ends; what is
+/// interrupted is repeated. Returns the number of bytes. Logs nothing.
+ssize_t read_fully(int fd, char* buffer, std::size_t size) noexcept;
 
 /// Closes the stream; it is gone in any case.
 int p_fclose(std::FILE* stream) noexcept;

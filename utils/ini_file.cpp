@@ -1,8 +1,10 @@
 #include "utils/ini_file.h"
 
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -10,13 +12,13 @@
 #include <span>
 #include <string_view>
 
+#include "utils/files.h"
 #include "utils/guards.h"
 #include "utils/strings.h"
 
 namespace {
 
-bool isRegularFile(const char* path) {
-    struct stat status {};
+bool isRegularFile(const char* path, struct stat& status) {
     return stat(path, &status) == 0 && S_ISREG(status.st_mode);  // root-owned path
 }
 
@@ -64,6 +66,20 @@ private:
     bool inSection_ = false;
 };
 
+/// Looks at the lines of a text, which has room for one character more; true when every value was
+/// found.
+bool searchLines(char* text, std::size_t length, Search search) {
+    char* const end = text + length;
+    for (char* line = text; line < end && !search.isOver();) {
+        char* const lineEnd = std::find(line, end, '\n');
+        *lineEnd = '\0';
+        if (!search.look(line))
+            return false;
+        line = lineEnd + 1;
+    }
+    return search.isOver();
+}
+
 /// Reports each value that cannot be read; the first one is the last that is tried without memory.
 void reportFailedOpen(const char* path, std::size_t values) noexcept {
     const corvo::ErrnoGuard keepErrno;
@@ -79,21 +95,22 @@ int get_ini_conf_vars(const char* path, const char* section,
     for (const ini_value& one : wanted)
         one.value.reset();
     errno = 0;
-    if (!isRegularFile(path))
+    struct stat status {};
+    if (!isRegularFile(path, status))
         return -1;
-    const corvo::UniqueFile file(std::fopen(path, "re"));  // root-owned path
-    if (file == nullptr) {
+    const corvo::UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));  // root-owned path
+    const auto size = static_cast<std::size_t>(status.st_size);
+    const corvo::UniqueCString text(file ? static_cast<char*>(std::malloc(size + 1)) : nullptr);
+    if (!text) {
         reportFailedOpen(path, wanted.size());
         return -1;
     }
-    Search search(section, wanted);
-    char* line = nullptr;
-    std::size_t size = 0;
-    bool hasMemory = true;
-    while (hasMemory && !search.isOver() && getline(&line, &size, file.get()) != -1)
-        hasMemory = search.look(line);
-    const corvo::UniqueCString freeLine(line);
-    return hasMemory && search.isOver() ? 0 : -1;
+    // What comes beyond that size was not there yet when the file was looked at.
+    const ssize_t length = read_fully(file.get(), text.get(), size);
+    return length >= 0 && searchLines(text.get(), static_cast<std::size_t>(length),
+                                      Search(section, wanted))
+               ? 0
+               : -1;
 }
 
 char* get_ini_conf_var(const char* path, const char* section, const char* key) noexcept {

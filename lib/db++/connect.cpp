@@ -1,17 +1,17 @@
 #include "lib/db++/connect.h"
 
+#include <fcntl.h>
 #include <mysql.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "utils/files.h"
 #include "utils/guards.h"
 #include "utils/ini_file.h"
 #include "utils/messlog.h"
@@ -21,7 +21,7 @@ namespace {
 
 using corvo::ErrnoGuard;
 using corvo::UniqueCString;
-using corvo::UniqueFile;
+using corvo::UniqueFd;
 
 constexpr const char* DSN_FILE = "/etc/vhc/private/dsn.ini";
 constexpr const char* ADMIN_PASSWORD_FILE = "/etc/vhc/.vhc.shadow";
@@ -75,7 +75,7 @@ const char* valueOr(const UniqueCString& value, const char* fallback) noexcept {
 
 // The first line of the admin password file. Null on failure, explained and with errno.
 UniqueCString readAdminPassword(char* errbuf, std::size_t size) noexcept {
-    const UniqueFile file(std::fopen(ADMIN_PASSWORD_FILE, "re"));
+    const UniqueFd file(::open(ADMIN_PASSWORD_FILE, O_RDONLY | O_CLOEXEC));  // root-owned path
     if (!file) {
         explain(errbuf, size, "Unable to open admin password file: %s", std::strerror(errno));
         return nullptr;
@@ -85,14 +85,13 @@ UniqueCString readAdminPassword(char* errbuf, std::size_t size) noexcept {
         explain(errbuf, size, "Unable to get admin password file stat: %s", std::strerror(errno));
         return nullptr;
     }
-    const std::size_t capacity = static_cast<std::size_t>(status.st_size) + 1;
-    UniqueCString password(static_cast<char*>(std::calloc(capacity, 1)));
+    const auto length = static_cast<std::size_t>(status.st_size);
+    UniqueCString password(static_cast<char*>(std::calloc(length + 1, 1)));
     if (!password) {
         explainNoMemory(errbuf, size);
         return nullptr;
     }
-    const auto limit = static_cast<int>(std::min<std::size_t>(capacity, INT_MAX));
-    if (std::fgets(password.get(), limit, file.get()) == nullptr) {
+    if (read_fully(file.get(), password.get(), length) < 0) {
         explain(errbuf, size, "Unable to read admin password file: %s", std::strerror(errno));
         return nullptr;
     }

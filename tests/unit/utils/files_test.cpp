@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "tests/support/capabilities.h"
 #include "tests/support/capture.h"
@@ -117,6 +118,24 @@ TEST_F(FilesTest, UserModeOfNobodyFails) {
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(message(), "user nobodyatall not found\n");
     EXPECT_EQ(modeOf(PATH), "0644");
+}
+
+TEST_F(FilesTest, OpenFileIsGivenToAUser) {
+    writeFile(PATH, "");
+    const UniqueFd file(::open(PATH.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(fd_set_user_mode(file.get(), PATH.c_str(), "popuser", 0600), 0);
+    EXPECT_EQ(ownerOf(PATH), popuser());
+    EXPECT_EQ(modeOf(PATH), "0600");
+}
+
+TEST_F(FilesTest, OpenFileThatCannotBeGivenToAUserIsReported) {
+    const UniqueFd unusable(::open("/", O_PATH | O_CLOEXEC));
+    EXPECT_EQ(fd_set_user_mode(unusable.get(), "/the/path", "popuser", 0600), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(message(), "ERROR: unable to chown /the/path: Bad file descriptor\n\n");
+    EXPECT_EQ(fd_set_user_mode(unusable.get(), "/the/path", "nobodyatall", 0600), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(message(), "user nobodyatall not found\n");
 }
 
 TEST_F(FilesTest, EmptyFileIsCreatedOrTruncated) {
@@ -283,6 +302,34 @@ TEST_F(FilesTest, WriteThatFailsIsNotRepeated) {
     EXPECT_EQ(write_fully(full.get(), ""), 0);
     EXPECT_EQ(write_fully(full.get(), "text"), -1);
     EXPECT_EQ(errno, ENOSPC);
+}
+
+TEST_F(FilesTest, ReadsAllPiecesUpToTheEndOrTheSize) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const UniqueFd reader(ends[0]);
+    UniqueFd writer(ends[1]);
+    std::thread pieces([&] {
+        for (const char* piece : {"one ", "two ", "three"}) {
+            (void)write_fully(writer.get(), piece);
+            ::usleep(20000);
+        }
+        writer.reset();
+    });
+    char buffer[64];
+    EXPECT_EQ(read_fully(reader.get(), buffer, 6), 6);
+    EXPECT_EQ(std::string(buffer, 6), "one tw");
+    EXPECT_EQ(read_fully(reader.get(), buffer, sizeof buffer), 7);
+    EXPECT_EQ(std::string(buffer, 7), "o three");
+    EXPECT_EQ(read_fully(reader.get(), buffer, sizeof buffer), 0);
+    pieces.join();
+}
+
+TEST_F(FilesTest, ReadThatFailsIsNotRepeated) {
+    const UniqueFd folder(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    char byte = 0;
+    EXPECT_EQ(read_fully(folder.get(), &byte, 1), -1);
+    EXPECT_EQ(errno, EISDIR);
 }
 
 TEST_F(FilesTest, NoDescriptorStaysBehind) {

@@ -97,6 +97,13 @@ TEST_F(IniFile, ReadsLinesOfAnyLength) {
     EXPECT_EQ(value("s", "key"), "value");
 }
 
+TEST_F(IniFile, ReadsNoFurtherThanAZeroByteInALine) {
+    using namespace std::string_literals;
+    writeFile(PATH, "[s]\na = x\0y\nkey = value"s);
+    EXPECT_EQ(value("s", "a"), "x");
+    EXPECT_EQ(value("s", "key"), "value");
+}
+
 TEST_F(IniFile, IsSilentAboutAMissingFile) {
     errno = EACCES;
     EXPECT_EQ(value("s", "key"), std::nullopt);
