@@ -1,5 +1,7 @@
 """Tables of medians, and how they compare."""
 
+import statistics
+
 from measuring import median
 
 
@@ -10,9 +12,13 @@ def _spread(samples):
 
 
 def _ratio(samples, base, what):
+    """The median of the rounds' own ratios: what slows the machine down for a while slows both."""
+    pairs = [(getattr(sample, what), getattr(reference, what))
+             for sample, reference in zip(samples, base, strict=True)]
     # The kernel samples the division into user and system time; a short run may have none of one.
-    reference = median(base, what)
-    return f"{median(samples, what) / reference:7.2f}" if reference > 0 else f"{'-':>7}"
+    if any(reference == 0 for _, reference in pairs):
+        return f"{'-':>7}"
+    return f"{statistics.median(cost / reference for cost, reference in pairs):7.2f}"
 
 
 def size(names, domains):
@@ -22,7 +28,7 @@ def size(names, domains):
 
 def table(title, results, units, noun):
     """Prints the results {name: samples} of one experiment in which each run did `units` times a
-    thing that `noun` names. Ratios are to `floor`, or else to the first name."""
+    thing that `noun` names. Ratios are to `floor`, or else to the first name, round by round."""
     base_name = "floor" if "floor" in results else next(iter(results))
     compared = ("wall", "cpu", "user")
     print(f"\n{title}")
