@@ -30,7 +30,8 @@ def _parser():
         prog="script/bench",
         epilog="script/bench --inner [OPTION ...] runs the Google Benchmark cases with their options.")
     parser.add_argument("size", nargs="*", type=_positive, metavar="DOMAINS NAMES",
-                        help="size of the generated panel database: domains, and mail names in all")
+                        help="size of the generated panel database: domains, and mail names in all; "
+                             "restores take several sizes, which have their turns in each round")
     mode = parser.add_mutually_exclusive_group()
     mode.add_argument("--scale", action="store_true",
                       help="measure at 1,000, 10,000 and 100,000 mail names, and at 100,000 in one "
@@ -57,10 +58,14 @@ def parse(words=None):
     """The arguments, complete with the defaults of their mode; ends the program when they are wrong."""
     parser = _parser()
     arguments = parser.parse_args(words)
+    sizes = list(zip(arguments.size[::2], arguments.size[1::2]))
     sized = not arguments.scale and arguments.count is None
-    if len(arguments.size) != (2 if sized else 0):
-        parser.error("DOMAINS and NAMES are wanted" if sized else "this mode has its own sizes")
-    arguments.sizes = SCALE if arguments.scale else [tuple(arguments.size)]
+    single = arguments.instructions or arguments.steps
+    if not sized and arguments.size:
+        parser.error("this mode has its own sizes")
+    if sized and (len(arguments.size) % 2 or not sizes or (single and len(sizes) > 1)):
+        parser.error("DOMAINS and NAMES are wanted" + (", once" if single else ""))
+    arguments.sizes = SCALE if arguments.scale else sizes
     beside_floor = arguments.scale or arguments.instructions
     arguments.program = arguments.program or (PROGRAMS[:2] if beside_floor else PROGRAMS)
     arguments.rounds = arguments.rounds or (1 if beside_floor else 5)

@@ -1,6 +1,8 @@
 """Tables of medians, and how they compare."""
 
+import operator
 import statistics
+import sys
 
 from measuring import median
 
@@ -26,6 +28,11 @@ def size(names, domains):
     return f"{names:,} mail names in {domains:,} domain{'' if domains == 1 else 's'}"
 
 
+def progress(number, rounds):
+    """Says on standard error how far a measurement has come."""
+    print(f"Round {number} of {rounds}", file=sys.stderr, flush=True)
+
+
 def table(title, results, units, noun):
     """Prints the results {name: samples} of one experiment in which each run did `units` times a
     thing that `noun` names. Ratios are to `floor`, or else to the first name, round by round."""
@@ -42,11 +49,13 @@ def table(title, results, units, noun):
 
 
 def growth(title, costs):
-    """Prints the wall time per mail name of {program: [(size, seconds)]} and its ratio to the first."""
+    """Prints the wall time per mail name of {program: [(size, seconds of each round)]} and its ratio
+    to that of the first size, round by round."""
     print(f"\n{title}")
     for name, sizes in costs.items():
         for words, seconds in sizes:
-            print(f"{name:12}{words:>44}{1e6 * seconds:10.0f} us  {seconds / sizes[0][1]:6.2f}")
+            ratio = statistics.median(map(operator.truediv, seconds, sizes[0][1]))
+            print(f"{name:12}{words:>44}{1e6 * statistics.median(seconds):10.0f} us  {ratio:6.2f}")
 
 
 def shares(title, spent, total, names):

@@ -5,7 +5,7 @@ import subprocess
 
 import report
 import storage
-from measuring import FOLDER, PROJECT, Failure, last_words, measure, median, rotated
+from measuring import FOLDER, PROJECT, Failure, last_words, measure, rotated
 
 _COMMANDS = {
     "product": [f"{PROJECT}/build/bench/driver/mail_rebuild", "--all"],
@@ -63,35 +63,52 @@ def run(name, command):
     return sample
 
 
-def _measure_size(arguments, kinds, names):
-    """{(file system, which run): {program: samples}}"""
+def _measure_round(number, size, chosen, runs, kinds, judge):
+    """Yields ((file system, which run), program, sample) for one size."""
+    for kind in kinds:
+        for name in rotated(list(chosen), number):
+            with storage.Storage(kind, size[1]):
+                for which in runs:
+                    yield (kind, which), name, run(name, chosen[name])
+                    if number == 0:
+                        judge.examine(name)
+
+
+def _measure(arguments, kinds):
+    """{size: {(file system, which run): {program: samples}}}, where a size is (domains, names)."""
     chosen = commands(arguments)
     runs = ["fresh restore", "second run"] if arguments.again else ["fresh restore"]
-    results = {(kind, which): {name: [] for name in chosen} for kind in kinds for which in runs}
-    judge = _Judge()
+    results = {size: {(kind, which): {name: [] for name in chosen} for kind in kinds for which in runs}
+               for size in arguments.sizes}
+    judges = {size: _Judge() for size in arguments.sizes}
     for number in range(arguments.rounds):
-        for kind in kinds:
-            for name in rotated(list(chosen), number):
-                with storage.Storage(kind, names):
-                    for which in runs:
-                        results[kind, which][name].append(run(name, chosen[name]))
-                        if number == 0:
-                            judge.examine(name)
+        for size in arguments.sizes:
+            if number == 0 or len(arguments.sizes) > 1:
+                generate(*size, arguments.seed)
+            for where, name, sample in _measure_round(number, size, chosen, runs, kinds, judges[size]):
+                results[size][where][name].append(sample)
+        report.progress(number + 1, arguments.rounds)
     return results
+
+
+def _growth(results):
+    """{(file system, which run): {program: [(size in words, samples of seconds per name)]}}"""
+    costs = {}
+    for (domains, names), experiments in results.items():
+        for where, programs in experiments.items():
+            for name, samples in programs.items():
+                costs.setdefault(where, {}).setdefault(name, []).append(
+                    (report.size(names, domains), [sample.wall / names for sample in samples]))
+    return costs
 
 
 def restore(arguments):
     """Measures and prints a table for each size, file system, and first or second run."""
-    kinds = storage.usable(arguments.fs)
-    costs = {}
-    for domains, names in arguments.sizes:
-        generate(domains, names, arguments.seed)
-        for (kind, which), results in _measure_size(arguments, kinds, names).items():
+    results = _measure(arguments, storage.usable(arguments.fs))
+    for (domains, names), experiments in results.items():
+        for (kind, which), programs in experiments.items():
             report.table(f"{report.size(names, domains)}, {kind}, {which}, "
-                         f"rounds: {arguments.rounds}, equal results", results, names, "names")
-            for name, samples in results.items():
-                costs.setdefault((kind, which), {}).setdefault(name, []).append(
-                    (report.size(names, domains), median(samples, "wall") / names))
-    if len(arguments.sizes) > 1:
-        for (kind, which), programs in costs.items():
+                         f"rounds: {arguments.rounds}, equal results", programs, names, "names")
+    if len(results) > 1:
+        for (kind, which), programs in _growth(results).items():
             report.growth(f"Wall time per mail name, {kind}, {which}; times the first", programs)
