@@ -63,11 +63,11 @@ def run(name, command):
     return sample
 
 
-def _measure_round(number, size, chosen, runs, kinds, judge):
-    """Yields ((file system, which run), program, sample) for one size."""
-    for kind in kinds:
+def _measure_round(number, chosen, runs, storages, judge):
+    """Yields ((file system, which run), program, sample) for the panel database at hand."""
+    for kind, fresh_storage in storages.items():
         for name in rotated(list(chosen), number):
-            with storage.Storage(kind, size[1]):
+            with fresh_storage:
                 for which in runs:
                     yield (kind, which), name, run(name, chosen[name])
                     if number == 0:
@@ -81,11 +81,14 @@ def _measure(arguments, kinds):
     results = {size: {(kind, which): {name: [] for name in chosen} for kind in kinds for which in runs}
                for size in arguments.sizes}
     judges = {size: _Judge() for size in arguments.sizes}
+    # One geometry for all sizes, as on one server: a larger ext4 spreads directories out more.
+    room = max(names for _, names in arguments.sizes)
+    storages = {kind: storage.Storage(kind, room) for kind in kinds}
     for number in range(arguments.rounds):
         for size in arguments.sizes:
             if number == 0 or len(arguments.sizes) > 1:
                 generate(*size, arguments.seed)
-            for where, name, sample in _measure_round(number, size, chosen, runs, kinds, judges[size]):
+            for where, name, sample in _measure_round(number, chosen, runs, storages, judges[size]):
                 results[size][where][name].append(sample)
         report.progress(number + 1, arguments.rounds)
     return results

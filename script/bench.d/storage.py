@@ -58,7 +58,7 @@ class Storage:
         with open(_IMAGE, "wb") as image:
             image.truncate(_SMALLEST_IMAGE + self._names * _BYTES_PER_NAME)
         # No tables are left for the kernel to initialise while a program is measured.
-        _do("mkfs.ext4", "-q", "-F", "-i", "4096", "-J", "size=64", "-E",
+        _do("mkfs.ext4", "-q", "-F", "-i", "4096", "-E",
             "lazy_itable_init=0,lazy_journal_init=0", _IMAGE)
         _do("mount", "-o", "loop", _IMAGE, _MOUNTED)
 
