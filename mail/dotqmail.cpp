@@ -118,7 +118,9 @@ int dotqmail_remove_delivery(const char* path) noexcept {
 }
 
 int dotqmail_reset(const char* path) noexcept {
-    return write_text_file_for(path, "| true\n", POPUSER);
+    if (write_text_file(path, "| true\n") != 0)
+        return -1;
+    return giveToPopuser(path);
 }
 
 int dotqmail_add_forward(const char* path, const char* address) noexcept {

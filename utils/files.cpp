@@ -30,18 +30,6 @@ void logPermissionFailure(const char* path, PermissionStep failed) noexcept {
         corvo_log(LOG_ERR, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
 }
 
-/// Null after a report, with errno: ENOENT for an unknown user.
-const struct passwd* lookUpUser(const char* name) noexcept {
-    errno = 0;
-    const struct passwd* const entry = getpwnam(name);
-    if (entry != nullptr)
-        return entry;
-    messlog2(0, 0, "user %s not found", name);
-    if (errno == 0)
-        errno = ENOENT;
-    return nullptr;
-}
-
 /// True when there is nothing at a path that could not be opened. Keeps errno.
 bool isOutOfReach(const char* path) noexcept {
     const corvo::ErrnoGuard keepErrno;
@@ -105,19 +93,15 @@ int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept
 }
 
 int file_set_user_mode(const char* path, const char* user, mode_t mode) noexcept {
-    const struct passwd* const entry = lookUpUser(user);
-    return entry != nullptr ? file_set_perms(path, entry->pw_uid, entry->pw_gid, mode) : -1;
-}
-
-int fd_set_user_mode(int fd, const char* path, const char* user, mode_t mode) noexcept {
-    const struct passwd* const entry = lookUpUser(user);
-    if (entry == nullptr)
+    errno = 0;
+    const struct passwd* const entry = getpwnam(user);
+    if (entry == nullptr) {
+        messlog2(0, 0, "user %s not found", user);
+        if (errno == 0)
+            errno = ENOENT;
         return -1;
-    PermissionStep failed{};
-    if (safe_path::setOwnerAndMode(fd, entry->pw_uid, entry->pw_gid, mode, &failed) == 0)
-        return 0;
-    logPermissionFailure(path, failed);
-    return -1;
+    }
+    return file_set_perms(path, entry->pw_uid, entry->pw_gid, mode);
 }
 
 int create_empty_file(const char* path) noexcept {

@@ -23,9 +23,6 @@ int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept
 /// file_set_perms with the uid and primary gid of `user`. An unknown user is ENOENT.
 int file_set_user_mode(const char* path, const char* user, mode_t mode) noexcept;
 
-/// The same for an open file; `path` is for the log.
-int fd_set_user_mode(int fd, const char* path, const char* user, mode_t mode) noexcept;
-
 /// Creates the file (0644) or empties it. Logs through corvo_log at priority 3.
 int create_empty_file(const char* path) noexcept;
 

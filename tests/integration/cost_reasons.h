@@ -40,9 +40,8 @@ inline const std::vector<Reason> REASONS = {
      "popuser has put in its place."},
     {{"open", "close", "stat"},
      Tree::either,
-     {.deliveries = 1, .forwards = 1},
-     "So does .qmail after a locked step, and is looked at, too: it must be no other file's second "
-     "name."},
+     {.names = 1, .deliveries = 1, .forwards = 1},
+     "So does .qmail, which is looked at, too: it must be no other file's second name."},
     {{"stat"},
      Tree::either,
      {.names = 1, .deliveries = 5, .forwards = 4},

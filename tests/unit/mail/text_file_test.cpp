@@ -70,21 +70,6 @@ TEST_F(TextFileTest, FileThatCannotBeWrittenIsRemoved) {
     }
 }
 
-TEST_F(TextFileTest, FileForAUserIsHisAlone) {
-    writeFile(FILE_PATH, "a longer text than before\n", STRANGER_UID, STRANGER_GID, 0666);
-    EXPECT_EQ(write_text_file_for(FILE_PATH.c_str(), "line\n", "popuser"), 0);
-    EXPECT_EQ(contentsOf(FILE_PATH), "line\n");
-    EXPECT_EQ(modeOf(FILE_PATH) + " " + ownerOf(FILE_PATH), "0600 " + popuser());
-}
-
-TEST_F(TextFileTest, FileForAnUnknownUserStaysWithItsOwner) {
-    EXPECT_EQ(write_text_file_for(FILE_PATH.c_str(), "line\n", "nobodyatall"), -1);
-    EXPECT_EQ(errno, ENOENT);
-    expectLogged("user nobodyatall not found\n");
-    EXPECT_EQ(contentsOf(FILE_PATH), "line\n");
-    EXPECT_EQ(modeOf(FILE_PATH) + " " + ownerOf(FILE_PATH), "0600 0:0");
-}
-
 TEST_F(TextFileTest, LinkOfPopuserIsRefused) {
     const std::string outside = "/var/lib/corvo/outside";
     writeFile(outside, "kept\n");

@@ -120,24 +120,6 @@ TEST_F(FilesTest, UserModeOfNobodyFails) {
     EXPECT_EQ(modeOf(PATH), "0644");
 }
 
-TEST_F(FilesTest, OpenFileIsGivenToAUser) {
-    writeFile(PATH, "");
-    const UniqueFd file(::open(PATH.c_str(), O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(fd_set_user_mode(file.get(), PATH.c_str(), "popuser", 0600), 0);
-    EXPECT_EQ(ownerOf(PATH), popuser());
-    EXPECT_EQ(modeOf(PATH), "0600");
-}
-
-TEST_F(FilesTest, OpenFileThatCannotBeGivenToAUserIsReported) {
-    const UniqueFd unusable(::open("/", O_PATH | O_CLOEXEC));
-    EXPECT_EQ(fd_set_user_mode(unusable.get(), "/the/path", "popuser", 0600), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(message(), "ERROR: unable to chown /the/path: Bad file descriptor\n\n");
-    EXPECT_EQ(fd_set_user_mode(unusable.get(), "/the/path", "nobodyatall", 0600), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(message(), "user nobodyatall not found\n");
-}
-
 TEST_F(FilesTest, EmptyFileIsCreatedOrTruncated) {
     ::umask(0);
     EXPECT_EQ(create_empty_file(PATH.c_str()), 0);
