@@ -91,7 +91,10 @@ UniqueCString readAdminPassword(char* errbuf, std::size_t size) noexcept {
         explainNoMemory(errbuf, size);
         return nullptr;
     }
-    if (read_fully(file.get(), password.get(), length) < 0) {
+    const ssize_t got = read_fully(file.get(), password.get(), length);
+    if (got < 0 || (got == 0 && length > 0)) {  // not to be read, or emptied just now
+        if (got == 0)
+            errno = ENODATA;
         explain(errbuf, size, "Unable to read admin password file: %s", std::strerror(errno));
         return nullptr;
     }

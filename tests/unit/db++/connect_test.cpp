@@ -39,6 +39,7 @@ struct Client {
     bool queryFailsSilently = false;
     unsigned int errorNumber = 0;  // instead of the handle's own
     int statError = 0;             // errno for the admin password file
+    off_t formerSize = 0;          // of that file, in bytes, where it is not the present one
     int closed = 0;
     ConnectCall call;
 };
@@ -90,7 +91,10 @@ int stat(const char* path, struct stat* status) noexcept {
         errno = client.statError;
         return -1;
     }
-    return ::fstatat(AT_FDCWD, path, status, 0);
+    const int result = ::fstatat(AT_FDCWD, path, status, 0);
+    if (result == 0 && client.formerSize != 0 && std::string(path) == "/etc/vhc/.vhc.shadow")
+        status->st_size = client.formerSize;
+    return result;
 }
 
 // An allocation that is too large fails under AddressSanitizer too, instead of ending the process.
@@ -310,6 +314,13 @@ TEST_F(ConnectTest, NeedsThePasswordFilesSize) {
     client.statError = EIO;
     expectRefusal("Unable to get admin password file stat: Input/output error");
     EXPECT_EQ(errno, EIO);
+}
+
+TEST_F(ConnectTest, TakesNoEmptyPasswordFromAFileThatWasEmptiedMeanwhile) {
+    writeFile(SHADOW, "");
+    client.formerSize = 7;
+    expectRefusal("Unable to read admin password file: No data available");
+    EXPECT_EQ(errno, ENODATA);
 }
 
 TEST_F(ConnectTest, RefusesAPasswordFileThatNoMemoryHolds) {
