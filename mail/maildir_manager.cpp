@@ -55,6 +55,10 @@ std::error_code codeOf(int error) {
     return {error, std::generic_category()};
 }
 
+std::string relativeHome(const std::string& domain, const std::string& mailname) {
+    return to_lower(domain) + "/" + to_lower(mailname);
+}
+
 // Names come from a database: one that is no single component would lead to another place.
 void requireComponents(std::initializer_list<std::string_view> names, const char* failure,
                        const fs::path& path) {
@@ -122,17 +126,17 @@ fs::path MaildirManager::getDomainRelativeRoot(const std::string& domain) const 
 
 fs::path MaildirManager::getMailnameRelativeHome(const std::string& domain,
                                                  const std::string& mailname) const {
-    return to_lower(domain) + "/" + to_lower(mailname);
+    return relativeHome(domain, mailname);
 }
 
 // Joined as texts: a name that begins with "/" must not take the place of the root.
 fs::path MaildirManager::getDomainRoot(const std::string& domain) const {
-    return mailnamesPrefix() + getDomainRelativeRoot(domain).native();
+    return mailnamesPrefix() + to_lower(domain);
 }
 
 fs::path MaildirManager::getMailnameHome(const std::string& domain,
                                          const std::string& mailname) const {
-    return mailnamesPrefix() + getMailnameRelativeHome(domain, mailname).native();
+    return mailnamesPrefix() + relativeHome(domain, mailname);
 }
 
 void MaildirManager::createDomainRoot(const std::string& domain) {
