@@ -3,6 +3,7 @@
 import filecmp
 import subprocess
 
+import memory
 import report
 import storage
 from measuring import FOLDER, PROJECT, Failure, last_words, measure, rotated
@@ -84,13 +85,14 @@ def _measure(arguments, kinds):
     # One geometry for all sizes, as on one server: a larger ext4 spreads directories out more.
     room = max(names for _, names in arguments.sizes)
     storages = {kind: storage.Storage(kind, room) for kind in kinds}
-    for number in range(arguments.rounds):
-        for size in arguments.sizes:
-            if number == 0 or len(arguments.sizes) > 1:
-                generate(*size, arguments.seed)
-            for where, name, sample in _measure_round(number, chosen, runs, storages, judges[size]):
-                results[size][where][name].append(sample)
-        report.progress(number + 1, arguments.rounds)
+    with memory.warm(*storage.needed_memory(kinds, room)):
+        for number in range(arguments.rounds):
+            for size in arguments.sizes:
+                if number == 0 or len(arguments.sizes) > 1:
+                    generate(*size, arguments.seed)
+                for where, name, sample in _measure_round(number, chosen, runs, storages, judges[size]):
+                    results[size][where][name].append(sample)
+            report.progress(number + 1, arguments.rounds)
     return results
 
 

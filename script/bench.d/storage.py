@@ -17,9 +17,13 @@ _ROWS = {
     "/var/lib/corvo/mail/handlers/handlers.db": "SELECT * FROM handlers ORDER BY 1, 2, 5, 6",
 }
 
-# A home is 22 directories and two files: as many inodes, and as many blocks of 4 KiB.
-_BYTES_PER_NAME = 160 * 1024
+_INODES_PER_NAME = 24  # 22 directories and two files, of a block of 4 KiB each on a disk
+_BYTES_PER_NAME = 160 << 10
 _SMALLEST_IMAGE = 256 << 20
+
+# Of contents. An image's are there twice, as the mounted files' and as the image's.
+_MEMORY_PER_NAME = {"tmpfs": 16 << 10, "ext4": 256 << 10}
+_SMALLEST_MEMORY = 512 << 20
 
 
 def _do(*command):
@@ -61,6 +65,12 @@ class Storage:
         _do("mkfs.ext4", "-q", "-F", "-i", "4096", "-E",
             "lazy_itable_init=0,lazy_journal_init=0", _IMAGE)
         _do("mount", "-o", "loop", _IMAGE, _MOUNTED)
+
+
+def needed_memory(kinds, names):
+    """What a restore of that many mail names makes the kernel use: (bytes of contents, inodes)."""
+    contents = names * max(_MEMORY_PER_NAME[kind] for kind in kinds)
+    return _SMALLEST_MEMORY + contents, names * _INODES_PER_NAME
 
 
 def usable(kinds):
