@@ -31,6 +31,14 @@ class Failure(Exception):
     """A measured program did not do its work, or the machine cannot measure it."""
 
 
+def output(*command):
+    """What a command that is not measured says; raises Failure when it fails."""
+    done = subprocess.run(command, capture_output=True, text=True)
+    if done.returncode != 0:
+        raise Failure(f"{' '.join(command)}: {done.stderr.strip()}")
+    return done.stdout
+
+
 def measure(name, command, stdin=None):
     """Runs a command that prepared disks do not disturb; its streams are in FOLDER/out and err."""
     os.sync()

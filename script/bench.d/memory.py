@@ -8,9 +8,8 @@ a small one that follows another for next to none.
 import contextlib
 import mmap
 import os
-import subprocess
 
-from measuring import FOLDER
+from measuring import FOLDER, output
 
 # Of each block some is kept in use. What is free between is too small to be taken back.
 _BLOCK = 16 * mmap.PAGESIZE
@@ -41,7 +40,7 @@ def _inodes(count):
     made = count * _DIRECTORIES // (_DIRECTORIES - _HELD_DIRECTORIES)
     folder = f"{FOLDER}/inodes"
     os.mkdir(folder)
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "nr_inodes=0", "tmpfs", folder], check=True)
+    output("mount", "-t", "tmpfs", "-o", "nr_inodes=0", "tmpfs", folder)
     try:
         for number in range(made):
             os.mkdir(f"{folder}/{number}")
@@ -50,7 +49,7 @@ def _inodes(count):
                 os.rmdir(f"{folder}/{number}")
         yield
     finally:
-        subprocess.run(["umount", folder], check=True)
+        output("umount", folder)
 
 
 @contextlib.contextmanager

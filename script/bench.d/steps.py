@@ -8,7 +8,7 @@ import subprocess
 import report
 import restoring
 import storage
-from measuring import FOLDER, Failure, measure
+from measuring import FOLDER, Failure, measure, output
 
 # A part of the mangled names of functions that do not call each other, and what they do.
 _STEPS = {
@@ -26,19 +26,12 @@ _STEPS = {
 _GROUP = "corvo_bench"
 
 
-def _output(*command):
-    done = subprocess.run(command, capture_output=True, text=True)
-    if done.returncode != 0:
-        raise Failure(f"{' '.join(command[:2])}: {done.stderr.strip()}")
-    return done.stdout
-
-
 def _forget_probes():
     subprocess.run(["perf", "probe", "--del", f"{_GROUP}:*"], capture_output=True)
 
 
 def _set_probes(binary):
-    symbols = re.findall(r" [Tt] (\S+)", _output("nm", binary))
+    symbols = re.findall(r" [Tt] (\S+)", output("nm", binary))
     probes = []
     for number, part in enumerate(_STEPS):
         symbol = next((name for name in symbols if part in name and ".cold" not in name), None)
@@ -46,13 +39,13 @@ def _set_probes(binary):
             raise Failure(f"{binary} has no function {part}")
         for suffix in ("", "%return"):
             probes += ["--add", f"{_GROUP}:step{number}={symbol}{suffix}"]
-    _output("perf", "probe", "--no-demangle", "-x", binary, *probes)
+    output("perf", "probe", "--no-demangle", "-x", binary, *probes)
 
 
 def _seconds_of_steps():
     """{step: seconds}, and the seconds from the first event to the last."""
     events = re.findall(rf"([\d.]+): +{_GROUP}:step(\d+)(__return)?:",
-                        _output("perf", "script", "-i", f"{FOLDER}/perf.data", "-F", "time,event", "--ns"))
+                        output("perf", "script", "-i", f"{FOLDER}/perf.data", "-F", "time,event", "--ns"))
     spent = dict.fromkeys(_STEPS.values(), 0.0)
     names = list(_STEPS.values())
     entered = 0.0

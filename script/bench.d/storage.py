@@ -2,9 +2,8 @@
 
 import os
 import sqlite3
-import subprocess
 
-from measuring import FOLDER, PROJECT, Failure
+from measuring import FOLDER, PROJECT, Failure, output
 
 SOCKET = os.environ["CORVO_BENCH_SOCKET"]
 MAILNAMES = "/var/qmail/mailnames"
@@ -26,12 +25,6 @@ _MEMORY_PER_NAME = {"tmpfs": 16 << 10, "ext4": 256 << 10}
 _SMALLEST_MEMORY = 512 << 20
 
 
-def _do(*command):
-    done = subprocess.run(command, capture_output=True, text=True)
-    if done.returncode != 0:
-        raise Failure(f"{' '.join(command)}: {done.stderr.strip()}")
-
-
 class Storage:
     """A new file system of a kind, with room for that many mail names, that holds the mail tree and
     both SQLite databases of a server on which no mail is yet."""
@@ -45,16 +38,16 @@ class Storage:
         if self._kind == "ext4":
             self._mount_image()
         else:
-            _do("mount", "-t", "tmpfs", "-o", "nr_inodes=0,size=90%", "tmpfs", _MOUNTED)
+            output("mount", "-t", "tmpfs", "-o", "nr_inodes=0,size=90%", "tmpfs", _MOUNTED)
         for source, place in _PLACES.items():
             os.makedirs(source)
-            _do("mount", "--bind", source, place)
-        _do(_MAIL_SERVER, "install", SOCKET)
+            output("mount", "--bind", source, place)
+        output(_MAIL_SERVER, "install", SOCKET)
         return self
 
     def __exit__(self, *_):
         for place in (*_PLACES.values(), _MOUNTED):
-            _do("umount", place)
+            output("umount", place)
         if self._kind == "ext4":
             os.remove(_IMAGE)
 
@@ -62,9 +55,9 @@ class Storage:
         with open(_IMAGE, "wb") as image:
             image.truncate(_SMALLEST_IMAGE + self._names * _BYTES_PER_NAME)
         # No tables are left for the kernel to initialise while a program is measured.
-        _do("mkfs.ext4", "-q", "-F", "-i", "4096", "-E",
+        output("mkfs.ext4", "-q", "-F", "-i", "4096", "-E",
             "lazy_itable_init=0,lazy_journal_init=0", _IMAGE)
-        _do("mount", "-o", "loop", _IMAGE, _MOUNTED)
+        output("mount", "-o", "loop", _IMAGE, _MOUNTED)
 
 
 def needed_memory(kinds, names):
@@ -87,7 +80,7 @@ def usable(kinds):
 
 def load_panel(script):
     """Makes the panel database anew from a file of statements."""
-    _do(_MAIL_SERVER, "load", SOCKET, script)
+    output(_MAIL_SERVER, "load", SOCKET, script)
 
 
 def _tree(folder):
