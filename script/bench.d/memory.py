@@ -11,11 +11,12 @@ import os
 
 from measuring import FOLDER, output
 
-# Of each block some is kept in use. What is free between is too small to be taken back.
+# Of each block a part is kept in use. What is free between is less than hosts take back, which is pieces
+# of 128 KiB at the least; the kernel keeps about 160 directories in one.
 _BLOCK = 16 * mmap.PAGESIZE
-_HELD = mmap.PAGESIZE
+_HELD_OF_BLOCK = mmap.PAGESIZE
 _DIRECTORIES = 160
-_HELD_DIRECTORIES = 40
+_HELD_OF_DIRECTORIES = 40
 
 
 def _available():
@@ -30,22 +31,22 @@ def _pages(size):
     flags = mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS | mmap.MAP_POPULATE
     with mmap.mmap(-1, size, flags=flags) as pages:
         for block in range(0, size, _BLOCK):
-            pages.madvise(mmap.MADV_DONTNEED, block + _HELD, _BLOCK - _HELD)
+            pages.madvise(mmap.MADV_DONTNEED, block + _HELD_OF_BLOCK, _BLOCK - _HELD_OF_BLOCK)
         yield
 
 
 @contextlib.contextmanager
 def _inodes(count):
     """Warms what holds that many directories and files themselves; the kernel keeps it apart."""
-    made = count * _DIRECTORIES // (_DIRECTORIES - _HELD_DIRECTORIES)
+    made = count * _DIRECTORIES // (_DIRECTORIES - _HELD_OF_DIRECTORIES)
     folder = f"{FOLDER}/inodes"
-    os.mkdir(folder)
+    os.makedirs(folder, exist_ok=True)
     output("mount", "-t", "tmpfs", "-o", "nr_inodes=0", "tmpfs", folder)
     try:
         for number in range(made):
             os.mkdir(f"{folder}/{number}")
         for number in range(made):
-            if number % _DIRECTORIES >= _HELD_DIRECTORIES:
+            if number % _DIRECTORIES >= _HELD_OF_DIRECTORIES:
                 os.rmdir(f"{folder}/{number}")
         yield
     finally:

@@ -56,7 +56,7 @@ class Storage:
             image.truncate(_SMALLEST_IMAGE + self._names * _BYTES_PER_NAME)
         # No tables are left for the kernel to initialise while a program is measured.
         output("mkfs.ext4", "-q", "-F", "-i", "4096", "-E",
-            "lazy_itable_init=0,lazy_journal_init=0", _IMAGE)
+               "lazy_itable_init=0,lazy_journal_init=0", _IMAGE)
         output("mount", "-o", "loop", _IMAGE, _MOUNTED)
 
 
