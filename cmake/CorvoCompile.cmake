@@ -21,6 +21,8 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)
 target_compile_options(corvo_compile INTERFACE -fstack-protector-strong)
+# With -z now every function is found at the start, and a stub before each call only costs.
+target_compile_options(corvo_compile INTERFACE -fno-plt)
 target_link_options(corvo_compile INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,--as-needed)
 if(NOT CORVO_SANITIZE)
   target_compile_options(corvo_compile INTERFACE

@@ -8,7 +8,7 @@ import subprocess
 import report
 import restoring
 import storage
-from measuring import FOLDER, Failure, measure, output
+from measuring import FOLDER, PROJECT, Failure, measure, output
 
 # A part of the mangled names of functions that do not call each other, and what they do.
 _STEPS = {
@@ -24,6 +24,7 @@ _STEPS = {
     "restore_check_quota_handler": "handlers",
 }
 _GROUP = "corvo_bench"
+_BINARY = f"{PROJECT}/build/steps/driver/mail_rebuild"
 
 
 def _forget_probes():
@@ -63,10 +64,10 @@ def steps(arguments):
         raise Failure("the steps are timed by perf (package linux-perf)")
     (domains, names), = arguments.sizes
     restoring.generate(domains, names, arguments.seed)
-    command = restoring.commands(arguments)["product"]
-    record = ["perf", "record", "-q", "-o", f"{FOLDER}/perf.data", "-e", f"{_GROUP}:*", *command]
+    record = ["perf", "record", "-q", "-o", f"{FOLDER}/perf.data", "-e", f"{_GROUP}:*",
+              _BINARY, "--all"]
     try:
-        _set_probes(command[0])
+        _set_probes(_BINARY)
         for kind in storage.usable(arguments.fs):
             with storage.Storage(kind, names):
                 measure("product", record)
