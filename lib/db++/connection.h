@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -65,13 +66,14 @@ public:
     static void test();
 
 private:
+    std::ostringstream& statement();
     void append(const char* text, std::size_t length);
     std::string takeStatement();
     void run(const std::string& statement);
 
     st_mysql* handle = nullptr;
     bool owns = true;
-    std::ostringstream query;
+    std::optional<std::ostringstream> query;
     int mode = MODE_RAW;
 };
 
