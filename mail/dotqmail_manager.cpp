@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <string_view>
+#include <utility>
 
 #include "mail/dotqmail.h"
 #include "mail/mail_paths.h"
@@ -28,8 +29,10 @@ bool isHome(std::string_view path) {
 
 }  // namespace
 
-DotQMailManager::DotQMailManager(const std::filesystem::path& home)
-    : path(home / ".qmail"), belongsToMailname(isHome(home.native())) {}
+DotQMailManager::DotQMailManager(std::filesystem::path home)
+    : path(std::move(home)), belongsToMailname(isHome(path.native())) {
+    path /= ".qmail";
+}
 
 void DotQMailManager::addRedirect(const std::string& address, Position /*position*/) {
     check(dotqmail_add_forward(file(), wholeText(address)));

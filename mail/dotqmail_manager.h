@@ -18,7 +18,7 @@ public:
     /// `home` is the mail name's home; the file is ".qmail" in it. Below the mail names root a home
     /// lies exactly a domain's and a mail name's directory deep: with any other path there, as odd
     /// names make them, every method fails with EINVAL and touches nothing.
-    explicit DotQMailManager(const std::filesystem::path& home);
+    explicit DotQMailManager(std::filesystem::path home);
 
     /// An address that holds a zero byte fails with EINVAL.
     void addRedirect(const std::string& address, Position position);

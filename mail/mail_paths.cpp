@@ -16,6 +16,8 @@ constexpr std::size_t MAX_MAILNAME = 245;  // bytes
 constexpr std::size_t MAX_DOMAIN = 255;    // bytes
 constexpr std::size_t MAX_LABEL = 63;      // bytes
 
+constexpr std::size_t USUAL_HOME = 127;  // bytes
+
 constexpr std::string_view MAILNAME_MARKS = ".-_&+'";
 
 /// Of ASCII, whatever the locale says.
@@ -147,10 +149,11 @@ int get_dotqmail_path(char* dst, std::size_t size, const char* mailname,
 namespace corvo::mail {
 
 std::string mailnamesPrefix() {
-    std::string prefix = vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D);
-    if (!prefix.empty() && !prefix.ends_with('/'))
-        prefix += '/';
-    return prefix;
+    const std::string_view root = vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D);
+    const bool needsSlash = !root.empty() && !root.ends_with('/');
+    std::string prefix;
+    prefix.reserve(USUAL_HOME);  // a home's path is completed in place
+    return prefix.append(root).append(needsSlash ? "/" : "");
 }
 
 bool isPathComponent(std::string_view name) noexcept {

@@ -19,9 +19,15 @@
 
 namespace corvo::mail {
 
-namespace {
-
 namespace fs = std::filesystem;
+
+struct SkeletonEntry {
+    std::string_view path;  // below the home
+    const char* name;
+    std::size_t depth;  // how many directories of the skeleton it lies in
+};
+
+namespace {
 
 constexpr mode_t DOMAIN_ROOT_MODE = 0750;
 constexpr mode_t HOME_MODE = 0700;
@@ -31,7 +37,7 @@ constexpr mode_t CREATION_MODE = 0777;
 constexpr mode_t CREATION_UMASK = 077;
 
 // What a home holds, in the order of creation: a directory comes before what is in it.
-constexpr std::array<std::string_view, 21> SKELETON = {
+constexpr std::array<std::string_view, 21> SKELETON_PATHS = {
     "Maildir",         "Maildir/tmp",         "Maildir/new",         "Maildir/cur",
     "Maildir/.Spam",   "Maildir/.Spam/tmp",   "Maildir/.Spam/new",   "Maildir/.Spam/cur",
     "Maildir/.Sent",   "Maildir/.Sent/tmp",   "Maildir/.Sent/new",   "Maildir/.Sent/cur",
@@ -40,23 +46,26 @@ constexpr std::array<std::string_view, 21> SKELETON = {
     "@attachments",
 };
 
-// How many directories of the skeleton an entry lies in.
-std::size_t depthOf(std::string_view entry) {
-    return static_cast<std::size_t>(std::count(entry.begin(), entry.end(), '/'));
+constexpr SkeletonEntry entryOf(std::string_view path) {
+    return {.path = path,
+            .name = path.substr(path.rfind('/') + 1).data(),  // the end of a literal
+            .depth = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'))};
 }
+
+constexpr auto SKELETON = [] {
+    std::array<SkeletonEntry, SKELETON_PATHS.size()> entries{};
+    std::transform(SKELETON_PATHS.begin(), SKELETON_PATHS.end(), entries.begin(), entryOf);
+    return entries;
+}();
 
 constexpr std::size_t SKELETON_LEVELS = 3;
-
-const char* lastName(std::string_view entry) {
-    return entry.substr(entry.rfind('/') + 1).data();  // the end of a literal
-}
 
 std::error_code codeOf(int error) {
     return {error, std::generic_category()};
 }
 
 std::string relativeHome(const std::string& domain, const std::string& mailname) {
-    return to_lower(domain) + "/" + to_lower(mailname);
+    return to_lower(domain).append("/").append(to_lower(mailname));
 }
 
 // Names come from a database: one that is no single component would lead to another place.
@@ -136,7 +145,7 @@ fs::path MaildirManager::getDomainRoot(const std::string& domain) const {
 
 fs::path MaildirManager::getMailnameHome(const std::string& domain,
                                          const std::string& mailname) const {
-    return mailnamesPrefix() + relativeHome(domain, mailname);
+    return mailnamesPrefix().append(relativeHome(domain, mailname));
 }
 
 void MaildirManager::createDomainRoot(const std::string& domain) {
@@ -153,10 +162,8 @@ void MaildirManager::createMailnameHome(const std::string& domain, const std::st
     // The home, then the directory made last at each level below it: the next one's parent.
     std::array<UniqueFd, SKELETON_LEVELS + 1> opened;
     opened[0] = makeTop(home, HOME_MODE);
-    for (const std::string_view entry : SKELETON) {
-        const std::size_t depth = depthOf(entry);
-        opened.at(depth + 1) = makeEntry(opened.at(depth).get(), home, entry);
-    }
+    for (const SkeletonEntry& entry : SKELETON)
+        opened.at(entry.depth + 1) = makeEntry(opened.at(entry.depth).get(), home, entry);
 }
 
 // Makes a domain root or a home with its missing parents and opens it.
@@ -171,16 +178,16 @@ UniqueFd MaildirManager::makeTop(const fs::path& path, mode_t mode) const {
 }
 
 // Makes an entry of the skeleton in its open parent and opens it.
-UniqueFd MaildirManager::makeEntry(int parent, const fs::path& home, std::string_view entry) const {
-    const char* const name = lastName(entry);
+UniqueFd MaildirManager::makeEntry(int parent, const fs::path& home,
+                                   const SkeletonEntry& entry) const {
     UniqueFd directory;
-    if (safe_path::makeDirectory(parent, name, CREATION_MODE) >= 0)
-        directory = safe_path::openDirectory(parent, name);
+    if (safe_path::makeDirectory(parent, entry.name, CREATION_MODE) >= 0)
+        directory = safe_path::openDirectory(parent, entry.name);
     if (!directory) {
         const int error = errno;
-        throw fs::filesystem_error("cannot create directory", home / entry, codeOf(error));
+        throw fs::filesystem_error("cannot create directory", home / entry.path, codeOf(error));
     }
-    takeOver(directory.get(), HOME_MODE, home, entry);
+    takeOver(directory.get(), HOME_MODE, home, entry.path);
     return directory;
 }
 

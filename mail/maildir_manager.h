@@ -21,6 +21,8 @@
 
 namespace corvo::mail {
 
+struct SkeletonEntry;  // a directory of every home
+
 class MaildirManager {
 public:
     MaildirManager(const MaildirManager&) = delete;
@@ -67,7 +69,8 @@ protected:
 
 private:
     UniqueFd makeTop(const std::filesystem::path& path, mode_t mode) const;
-    UniqueFd makeEntry(int parent, const std::filesystem::path& home, std::string_view entry) const;
+    UniqueFd makeEntry(int parent, const std::filesystem::path& home,
+                       const SkeletonEntry& entry) const;
     void takeOver(int directory, mode_t mode, const std::filesystem::path& top,
                   std::string_view entry = {}) const;
 
