@@ -27,9 +27,9 @@ bool attemptStep(const std::string& label, const Work& work) {
 
 }  // namespace
 
-void progress(std::string_view text) {
+void progress(std::string_view text, std::string_view end) {
     if (isDebug)
-        std::clog << text;
+        std::clog << text << end;
 }
 
 bool attempt(const std::string& label, const Work& work) {
@@ -45,28 +45,28 @@ bool attempt(const std::string& label, const Work& work) {
 }
 
 void runStage(const std::string& label, const Work& work) {
-    progress(label + "...");
+    progress(label, "...");
     // In debug mode the label stands on the line already.
     if (attempt(isDebug ? std::string() : label, work))
         progress(" done\n");
 }
 
 void runCycleStage(const std::string& label, const Work& work) {
-    progress(label + ":\n");
+    progress(label, ":\n");
     if (attempt(label, work))
-        progress(label + " done\n");
+        progress(label, " done\n");
 }
 
 void runStep(const std::string& label, const Work& work) {
-    progress(label + "...");
+    progress(label, "...");
     if (attemptStep(label, work))
         progress(" done\n");
 }
 
 void runCycleStep(const std::string& label, const Work& work) {
-    progress(label + ":\n");
+    progress(label, ":\n");
     if (attemptStep(label, work))
-        progress(label + " done\n");
+        progress(label, " done\n");
 }
 
 }  // namespace corvo::mail::restore

@@ -17,8 +17,8 @@ namespace corvo::mail::restore {
 /// Whether this walk tells its progress; set at the start of every walk.
 extern bool isDebug;
 
-/// Writes `text` as it stands, in debug mode.
-void progress(std::string_view text);
+/// Writes `text` and `end` as they stand, in debug mode.
+void progress(std::string_view text, std::string_view end = {});
 
 using Work = std::function<void()>;
 
