@@ -4,6 +4,9 @@
 
 #include <dirent.h>
 
+#include <cstddef>
+#include <memory>
+
 #include "utils/guards.h"
 
 namespace corvo {
@@ -28,11 +31,16 @@ public:
     const dirent64* next() noexcept;
 
 private:
+    /// Keeps a buffer for the next reader.
+    struct BufferKeeper {
+        void operator()(char* buffer) const noexcept;
+    };
+
     const dirent64* read() noexcept;
     bool refill() noexcept;
 
     UniqueFd directory_;
-    UniqueMalloc<char> buffer_;
+    std::unique_ptr<char, BufferKeeper> buffer_;
     std::size_t position_ = 0;
     std::size_t filled_ = 0;
 };

@@ -167,9 +167,8 @@ UniqueFd openForPermissions(int base, const char* path) noexcept {
 }  // namespace
 
 bool isComponent(std::string_view name) noexcept {
-    using namespace std::string_view_literals;
     return !name.empty() && name != "." && name != ".." &&
-           name.find_first_of("/\0"sv) == std::string_view::npos;
+           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
 }
 
 int locate(int base, const char* path, LastLink last, Location& location) noexcept {

@@ -28,8 +28,8 @@ class DirEntriesTest : public SandboxTest {
 protected:
     DirEntriesTest() { makeDirectory(FOLDER); }
 
-    static UniqueFd open() {
-        return UniqueFd(::open(FOLDER.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    static UniqueFd open(const std::string& path = FOLDER) {
+        return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     }
 
     static std::vector<std::string> sortedNames(DirEntries& entries) {
@@ -114,6 +114,22 @@ TEST_F(DirEntriesTest, GoesOnWhereItWasAfterAMove) {
     EXPECT_EQ(second.next(), nullptr);
 }
 
+TEST_F(DirEntriesTest, ReadersAtTheSameTimeDoNotDisturbEachOther) {
+    writeFile(FOLDER + "/a", "");
+    makeDirectory(FOLDER + "/sub");
+    writeFile(FOLDER + "/sub/b", "");
+    { const DirEntries gone(open()); }  // leaves its buffer to the next one
+    DirEntries outer(open());
+    const std::string first = outer.next()->d_name;
+    for (int i = 0; i < 2; ++i) {
+        DirEntries inner(open(FOLDER + "/sub"));
+        EXPECT_EQ(sortedNames(inner), std::vector<std::string>{"b"});
+    }
+    const std::string second = outer.next()->d_name;
+    EXPECT_EQ(first < second ? first + second : second + first, "asub");
+    EXPECT_EQ(outer.next(), nullptr);
+}
+
 TEST_F(DirEntriesTest, HoldsNoneForNoDirectory) {
     errno = ELOOP;
     const DirEntries entries{UniqueFd()};
@@ -125,6 +141,7 @@ TEST_F(DirEntriesTest, HoldsNoneWithoutMemory) {
     if (!canExhaustMemory())
         GTEST_SKIP() << "the sanitizer's allocator never returns null";
     const ProcessResult result = runForked([] {
+        const DirEntries other(open());  // so that no buffer is left from an earlier reader
         UniqueFd directory = open();
         exhaustMemory();
         const DirEntries entries(std::move(directory));
