@@ -19,10 +19,15 @@ using Pool = boost::pool<boost::default_user_allocator_malloc_free>;
 constexpr std::size_t SMALLEST = 32;  // bytes
 constexpr std::size_t ALIGNMENT = 8;  // what SQLite needs
 
-// Each with blocks of twice the size of those before.
-std::array<Pool, 6>& pools() {
-    static std::array<Pool, 6> all = {Pool(SMALLEST),     Pool(SMALLEST * 2),  Pool(SMALLEST * 4),
-                                      Pool(SMALLEST * 8), Pool(SMALLEST * 16), Pool(SMALLEST * 32)};
+using Pools = std::array<Pool, 6>;
+
+// Each with blocks of twice the size of those before. Never destroyed: a connection that is open
+// when the process ends still has its blocks.
+Pools& pools() noexcept {
+    alignas(Pools) static std::byte storage[sizeof(Pools)];
+    static auto& all =
+        *::new (storage) Pools{Pool(SMALLEST),     Pool(SMALLEST * 2),  Pool(SMALLEST * 4),
+                               Pool(SMALLEST * 8), Pool(SMALLEST * 16), Pool(SMALLEST * 32)};
     return all;
 }
 
