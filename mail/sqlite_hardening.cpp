@@ -79,7 +79,7 @@ int openNoSuperJournal(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, i
 }
 
 // There is one thread, and nobody asks how much memory SQLite has taken. With malloc's share these
-// are a fifth of a restore's instructions. When SQLite is in use already it keeps what it has,
+// are a sixth of a restore's instructions. When SQLite is in use already it keeps what it has,
 // which does no harm.
 void leaveOutWhatNobodyUses() noexcept {
     (void)sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
