@@ -16,7 +16,7 @@ constexpr std::size_t MAX_MAILNAME = 245;  // bytes
 constexpr std::size_t MAX_DOMAIN = 255;    // bytes
 constexpr std::size_t MAX_LABEL = 63;      // bytes
 
-constexpr std::size_t USUAL_HOME = 127;  // bytes
+constexpr std::size_t USUAL_HOME = 127;  // bytes; most homes' paths are shorter
 
 constexpr std::string_view MAILNAME_MARKS = ".-_&+'";
 

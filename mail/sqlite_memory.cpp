@@ -50,7 +50,7 @@ std::size_t lengthFor(int size) noexcept {
     return sizeof(Header) + static_cast<std::size_t>(size);
 }
 
-// The block in memory that was taken for it, if it was.
+// What SQLite gets of `memory`, which has that length; null for null.
 void* blockIn(void* memory, std::size_t length) noexcept {
     return memory != nullptr ? ::new (memory) Header{length} + 1 : nullptr;
 }

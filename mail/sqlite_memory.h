@@ -3,7 +3,8 @@
 // A connection makes some 250 small blocks, most of them to read the schema and to register
 // functions, and frees them when it is closed; a restore opens one per mail name. malloc keeps a
 // few blocks of a size at hand, merges all others and splits them again for the next connection.
-// Pools keep them as they are. In exchange a block that is misused is not noticed as malloc might.
+// Pools keep them as they are. In exchange nobody notices when a freed or overrun block is misused,
+// where malloc might have ended the process.
 
 #pragma once
 

@@ -143,10 +143,10 @@ Result Connection::operator<<(Query::fetch_t) {
 }
 
 std::string Connection::takeStatement() {
-    std::string statement = query ? query->str() : std::string();
+    std::string text = query ? query->str() : std::string();
     query.reset();
     mode = MODE_RAW;
-    return statement;
+    return text;
 }
 
 void Connection::run(const std::string& statement) {
