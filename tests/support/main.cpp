@@ -1,4 +1,5 @@
-// main() of every test binary: into the sandbox first, then the tests.
+// main() of every test binary: into the sandbox first, then the tests. Where there can be no
+// sandbox they are skipped, with the reason in one line.
 
 #include <gtest/gtest.h>
 
@@ -6,14 +7,15 @@
 #include <string>
 
 #include "tests/support/sandbox.h"
+#include "tests/support/skip.h"
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     if (!::testing::GTEST_FLAG(list_tests)) {
         const std::string obstacle = corvo::test::enterSandbox();
         if (!obstacle.empty()) {
-            (void)std::fprintf(stderr, "%s\n", obstacle.c_str());
-            return 1;
+            (void)std::fprintf(stderr, "skipped: %s\n", obstacle.c_str());
+            return corvo::test::SKIPPED;
         }
     }
     return RUN_ALL_TESTS();

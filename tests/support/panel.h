@@ -37,7 +37,7 @@ public:
     const std::string& user() const { return user_; }
 
     /// The socket of the test run's server; CORVO_PANEL_SOCKET in the environment names another.
-    /// Throws when there is no server.
+    /// Throws when there is no server, and skips the test when there can be none.
     static std::string socket();
 
     /// The socket as /etc/vhc/vhc.conf has it: a link to the server's. Without it, every further
