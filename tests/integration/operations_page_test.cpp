@@ -1,0 +1,319 @@
+// The commands of docs/OPERATIONS.md, run as they stand there.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "mail/mail_handlers_creation.h"
+#include "mail/mail_user_db.h"
+#include "tests/support/files.h"
+#include "tests/support/installation.h"
+#include "tests/support/panel.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/sqlite.h"
+
+namespace corvo::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::UnorderedElementsAre;
+
+// The first block of commands after these words of the page.
+std::string commandsAfter(const std::string& words) {
+    static const std::string fence = "```\n";
+    const std::string page = contentsOf(CORVO_OPERATIONS_PAGE);
+    const std::size_t at = page.find(words);
+    const std::size_t opening = page.find("\n" + fence, at);
+    const std::size_t closing = page.find("\n" + fence, opening + 1);
+    if (at == std::string::npos || closing == std::string::npos)
+        throw std::runtime_error("the page has no commands after \"" + words + "\"");
+    const std::size_t first = opening + 1 + fence.size();
+    return page.substr(first, closing + 1 - first);
+}
+
+class OperationsPage : public SandboxTest {
+protected:
+    OperationsPage() { installMailServer(); }
+
+    // As an administrator would, with the panel's own credentials.
+    ProcessResult runCommandsAfter(const std::string& words) const {
+        std::string password = contentsOf("/etc/vhc/.vhc.shadow");
+        password.pop_back();  // the line end
+        return run({"bash", "-c", commandsAfter(words)},
+                   {{"PANEL", "--no-defaults --user=" + panel.user() +
+                                  " --socket=" + PanelDatabase::SOCKET_LINK + " " + panel.name()},
+                    {"MYSQL_PWD", password}});
+    }
+
+    // A full run that has nothing to complain of.
+    static void restore() {
+        const ProcessResult result = run({mailRebuildBinary()});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.out, "");
+    }
+
+    PanelDatabase panel;
+};
+
+// --- the mailboxes that should deliver and do not
+
+class UndeliveredList : public OperationsPage {
+protected:
+    static std::string qmail(const std::string& mailname, const std::string& domain) {
+        return MAILNAMES + "/" + domain + "/" + mailname + "/.qmail";
+    }
+
+    static void setQmail(const std::string& mailname, const std::string& domain,
+                         const std::string& contents) {
+        writeFile(qmail(mailname, domain), contents, POPUSER_UID, POPUSER_GID, 0600);
+    }
+
+    // Standard output's lines; on standard error there must be none.
+    std::vector<std::string> list() const {
+        const ProcessResult result = runCommandsAfter("### Does every mailbox deliver?");
+        EXPECT_EQ(result.err, "");
+        return linesOf(result.out);
+    }
+
+    static std::vector<std::string> linesOf(const std::string& text) {
+        std::vector<std::string> lines;
+        for (std::size_t begin = 0; begin < text.size();) {
+            const std::size_t end = text.find('\n', begin);
+            lines.push_back(text.substr(begin, end - begin));
+            begin = end + 1;
+        }
+        return lines;
+    }
+};
+
+TEST_F(UndeliveredList, IsEmptyAfterACompleteRun) {
+    loadSample(panel);
+    restore();
+
+    EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 9"));
+}
+
+TEST_F(UndeliveredList, NamesEveryMailboxThatARunLeftDiscarding) {
+    loadSample(panel);
+    std::filesystem::remove_all("/run/lock/files");
+    EXPECT_EQ(run({mailRebuildBinary()}).status, 0);
+
+    EXPECT_THAT(list(), UnorderedElementsAre(
+                            "lines looked for: 9", "info@example.com lacks: " + DELIVERY_LINE,
+                            "kontakt@xn--bcher-kva.example lacks: " + DELIVERY_LINE,
+                            "office@example.com lacks: " + DELIVERY_LINE,
+                            "orders@shop.example.net lacks: " + DELIVERY_LINE,
+                            "partners@example.com lacks: &anna@xn--bcher-kva.example",
+                            "partners@example.com lacks: &orders@shop.example.net",
+                            "team@example.com lacks: " + DELIVERY_LINE,
+                            "team@example.com lacks: &info@example.com",
+                            "team@example.com lacks: &office@example.com"));
+}
+
+TEST_F(UndeliveredList, NamesAMailboxWhoseForwardsCameBackWithoutItsDeliveryLine) {
+    panel.domain("example.com").mailname("team").group().redirect("a@b");
+    restore();
+    setQmail("team", "example.com", "| true\n&a@b\n");
+
+    EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 2",
+                                             "team@example.com lacks: " + DELIVERY_LINE));
+}
+
+TEST_F(UndeliveredList, NamesAGroupWhoseForwardsDidNotComeBack) {
+    auto team = panel.domain("example.com").mailname("team");
+    team.postbox(false).group().redirect("a@b").redirect("c@d").redirect("ä@bücher.example");
+    restore();
+    setQmail("team", "example.com", "| true\n&c@d\n");
+
+    EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 3", "team@example.com lacks: &a@b",
+                                             "team@example.com lacks: &ä@xn--bcher-kva.example"));
+}
+
+TEST_F(UndeliveredList, NamesAMailboxWithoutDeliveryFile) {
+    panel.domain("example.com").mailname("info");
+    restore();
+    std::filesystem::remove(qmail("info", "example.com"));
+
+    EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 1",
+                                             "info@example.com lacks: " + DELIVERY_LINE));
+}
+
+TEST_F(UndeliveredList, NamesTheMailboxesOfADomainThatARunSkips) {
+    panel.domain("Example.com").mailname("Info");
+    panel.execute("DELETE FROM Parameters WHERE parameter='nonexist_mail'");
+    restore();
+
+    EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 1",
+                                             "info@example.com lacks: " + DELIVERY_LINE));
+}
+
+TEST_F(UndeliveredList, TakesNoLongerLineForTheOneThatIsMissing) {
+    panel.domain("example.com").mailname("team").group().redirect("a@example.com");
+    restore();
+    setQmail("team", "example.com", "# " + DELIVERY_LINE + "\n&a@example.com.au\n");
+
+    EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 2",
+                                             "team@example.com lacks: " + DELIVERY_LINE,
+                                             "team@example.com lacks: &a@example.com"));
+}
+
+TEST_F(UndeliveredList, DoesNotWaitForAPipeInPlaceOfADeliveryFile) {
+    panel.domain("example.com").mailname("info");
+    restore();
+    const std::string file = qmail("info", "example.com");
+    std::filesystem::remove(file);
+    run({"mkfifo", file});
+
+    EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 1",
+                                             "info@example.com lacks: " + DELIVERY_LINE));
+}
+
+TEST_F(UndeliveredList, LooksForTheLineThatIsTheDefaultNow) {
+    panel.domain("example.com").mailname("info");
+    restore();
+    writeFile(DEFAULT_DELIVERY, "./Maildir/\n");
+
+    EXPECT_THAT(list(),
+                UnorderedElementsAre("lines looked for: 1", "info@example.com lacks: ./Maildir/"));
+}
+
+TEST_F(UndeliveredList, CountsNothingWhereThePanelIsEmpty) {
+    EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 0"));
+}
+
+TEST_F(UndeliveredList, DoesNotPassForEmptyWithoutADefaultDeliveryLine) {
+    panel.domain("example.com").mailname("info");
+    restore();
+    std::filesystem::remove(DEFAULT_DELIVERY);
+
+    const ProcessResult result = runCommandsAfter("### Does every mailbox deliver?");
+
+    EXPECT_EQ(result.out, "");
+    EXPECT_THAT(result.err, HasSubstr("delivery: parameter null or not set"));
+}
+
+// --- what was not looked at
+
+TEST_F(OperationsPage, NamesTheMailNamesThatARunSkips) {
+    loadSample(panel);
+    panel.execute("INSERT INTO mail (mail_name, dom_id) VALUES ('lost', 4), ('orphan', 99)");
+
+    const ProcessResult result = runCommandsAfter("skipped silently");
+
+    EXPECT_EQ(result.out, "lost\tweb-only.example\norphan\tNULL\n");
+    EXPECT_EQ(result.err, "");
+}
+
+// --- a lost part, rebuilt by hand
+
+class RebuiltPart : public OperationsPage {
+protected:
+    // Without any complaint.
+    void rebuild(const std::string& words) const {
+        const ProcessResult result = runCommandsAfter(words);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.out + result.err, "");
+    }
+
+    // The statements that made a database, each without its spacing.
+    static std::vector<std::string> schema(const std::string& path) {
+        return sqliteRows(
+            path,
+            "SELECT type, name, tbl_name, REPLACE(REPLACE(sql, ' ', ''), char(10), '')"
+            " FROM sqlite_schema ORDER BY name");
+    }
+
+    static void expectDelivery(const std::string& line) {
+        EXPECT_EQ(contentsOf(DEFAULT_DELIVERY), line + "\n");
+        EXPECT_EQ(ownerOf(DEFAULT_DELIVERY), popuser());
+        EXPECT_EQ(modeOf(DEFAULT_DELIVERY), "0600");
+        restore();
+        EXPECT_EQ(contentsOf(MAILNAMES + "/example.com/info/.qmail"), "| true\n" + line + "\n");
+    }
+};
+
+TEST_F(RebuiltPart, TheLockFolderIsRootsAlone) {
+    panel.domain("example.com").mailname("info");
+    std::filesystem::remove_all("/run/lock");
+
+    rebuild("**The lock folder**");
+
+    EXPECT_EQ(ownerOf("/run/lock/files"), "0:0");
+    EXPECT_EQ(modeOf("/run/lock/files"), "0700");
+    restore();
+    EXPECT_EQ(contentsOf(MAILNAMES + "/example.com/info/.qmail"),
+              "| true\n" + DELIVERY_LINE + "\n");
+}
+
+TEST_F(RebuiltPart, TheDefaultDeliveryFileNamesDeliverquota) {
+    panel.domain("example.com").mailname("info");
+    std::filesystem::remove(DEFAULT_DELIVERY);
+
+    rebuild("**`.default_delivery`**");
+
+    expectDelivery(DELIVERY_LINE);
+}
+
+TEST_F(RebuiltPart, TheDefaultDeliveryFileNamesDovecotsAgent) {
+    panel.domain("example.com").mailname("info");
+    std::filesystem::remove(DEFAULT_DELIVERY);
+
+    rebuild("and where `dovecot-lda` does");
+
+    expectDelivery(
+        "| /usr/libexec/dovecot/dovecot-lda -d \"$DELIVERED_TO\" -a"
+        " \"${ORIGINAL_RECIPIENT:-$DELIVERED_TO}\"");
+}
+
+TEST_F(RebuiltPart, TheUserDatabaseIsAsTheProgramMakesIt) {
+    panel.domain("example.com").mailname("info").quota(10485760);
+    std::filesystem::remove_all("/var/lib/corvo/mail/userdb");
+
+    rebuild("The user database:");
+
+    const std::string made = "/run/made.db";
+    ASSERT_TRUE(mail::MailUserDbHelper(made).initMailUserdb(false));
+    EXPECT_EQ(schema(USERDB), schema(made));
+    EXPECT_EQ(ownerOf(USERDB), ownerOf(made));
+    EXPECT_EQ(modeOf(USERDB), modeOf(made));
+    restore();
+    EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|10485760B"));
+}
+
+TEST_F(RebuiltPart, TheUserDatabaseThatARunHasMadeEmptyIsCompleted) {
+    panel.domain("example.com").mailname("info").quota(10485760);
+    std::filesystem::remove(USERDB);
+    run({mailRebuildBinary()});
+
+    rebuild("The user database:");
+
+    EXPECT_EQ(ownerOf(USERDB), popuser());
+    restore();
+    EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|10485760B"));
+}
+
+TEST_F(RebuiltPart, TheHandlersDatabaseIsAsTheProgramMakesIt) {
+    std::filesystem::remove_all("/var/lib/corvo/mail/handlers");
+
+    rebuild("must be registered again");
+
+    const std::vector<std::string> rebuilt = schema(HANDLERS);
+    const std::string owner = ownerOf(HANDLERS);
+    const std::string mode = modeOf(HANDLERS);
+    restore();
+    EXPECT_EQ(handlerRows().size(), 2U);
+    std::filesystem::remove_all("/var/lib/corvo/mail/handlers");
+    ASSERT_EQ(mh_db_create(), 0);
+    EXPECT_EQ(rebuilt, schema(HANDLERS));
+    EXPECT_EQ(owner, ownerOf(HANDLERS));
+    EXPECT_EQ(mode, modeOf(HANDLERS));
+}
+
+}  // namespace
+}  // namespace corvo::test
