@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <optional>
 #include <system_error>
 
 namespace corvo::test {
@@ -25,6 +26,25 @@ void flushAll() {
     std::clog.flush();
     (void)std::fflush(nullptr);
 }
+
+// The framework tells its listeners of a failure in the order in which they were added.
+class BeforePrinter : public ::testing::EmptyTestEventListener {
+public:
+    explicit BeforePrinter(std::optional<CapturePause>& pause) : pause_(pause) {}
+    void OnTestPartResult(const ::testing::TestPartResult&) override { pause_.emplace(); }
+
+private:
+    std::optional<CapturePause>& pause_;
+};
+
+class AfterPrinter : public ::testing::EmptyTestEventListener {
+public:
+    explicit AfterPrinter(std::optional<CapturePause>& pause) : pause_(pause) {}
+    void OnTestPartResult(const ::testing::TestPartResult&) override { pause_.reset(); }
+
+private:
+    std::optional<CapturePause>& pause_;
+};
 
 }  // namespace
 
@@ -63,6 +83,7 @@ StreamCapture::StreamCapture() {
     flushAll();
     out_ = redirect(STDOUT_FILENO);
     err_ = redirect(STDERR_FILENO);
+    newest = this;
 }
 
 // A capture that cannot be read leaves nothing to go on with; the process then ends.
@@ -71,6 +92,7 @@ StreamCapture::~StreamCapture() {  // NOLINT(bugprone-exception-escape)
     const std::string restOfErr = take(err_);
     putBack(out_);
     putBack(err_);
+    newest = older_;
     EXPECT_EQ(restOfOut, "") << "undeclared on standard output";
     EXPECT_EQ(restOfErr, "") << "undeclared on standard error";
 }
@@ -81,6 +103,35 @@ std::string StreamCapture::out() {
 
 std::string StreamCapture::err() {
     return take(err_);
+}
+
+CapturePause::CapturePause() {
+    flushAll();
+    const StreamCapture* oldest = StreamCapture::newest;
+    while (oldest != nullptr && oldest->older_ != nullptr)
+        oldest = oldest->older_;
+    if (oldest == nullptr)
+        return;
+    ::dup2(oldest->out_.saved, STDOUT_FILENO);
+    ::dup2(oldest->err_.saved, STDERR_FILENO);
+}
+
+CapturePause::~CapturePause() {
+    flushAll();
+    if (StreamCapture::newest == nullptr)
+        return;
+    ::dup2(StreamCapture::newest->out_.file, STDOUT_FILENO);
+    ::dup2(StreamCapture::newest->err_.file, STDERR_FILENO);
+}
+
+void reportPastCaptures() {
+    static std::optional<CapturePause> pause;
+    ::testing::TestEventListeners& listeners = ::testing::UnitTest::GetInstance()->listeners();
+    ::testing::TestEventListener* const printer =
+        listeners.Release(listeners.default_result_printer());
+    listeners.Append(new BeforePrinter(pause));
+    listeners.Append(printer);
+    listeners.Append(new AfterPrinter(pause));
 }
 
 }  // namespace corvo::test

@@ -20,6 +20,8 @@ public:
     std::string err();
 
 private:
+    friend class CapturePause;
+
     struct Stream {
         int target = -1;  // 1 or 2
         int saved = -1;   // where the stream went before
@@ -30,8 +32,24 @@ private:
     static std::string take(const Stream& stream);
     static void putBack(Stream& stream);
 
+    static inline StreamCapture* newest = nullptr;
+
+    StreamCapture* older_ = newest;
     Stream out_;
     Stream err_;
 };
+
+/// Lets what is written past the captures while it lives: a test's failures are no output of what
+/// is tested. A failure that a capture took would be quoted by the next one, and that one in turn.
+class CapturePause {
+public:
+    CapturePause();
+    ~CapturePause();
+    CapturePause(const CapturePause&) = delete;
+    CapturePause& operator=(const CapturePause&) = delete;
+};
+
+/// From now on the framework's word on each failure and skip goes past the captures.
+void reportPastCaptures();
 
 }  // namespace corvo::test

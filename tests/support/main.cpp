@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "tests/support/capture.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/skip.h"
 
@@ -18,5 +19,6 @@ int main(int argc, char** argv) {
             return corvo::test::SKIPPED;
         }
     }
+    corvo::test::reportPastCaptures();
     return RUN_ALL_TESTS();
 }

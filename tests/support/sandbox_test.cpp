@@ -1,5 +1,6 @@
 #include "tests/support/sandbox.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest-spi.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -12,6 +13,9 @@
 
 namespace corvo::test {
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 class Sandbox : public SandboxTest {};
 
@@ -80,6 +84,19 @@ TEST(StreamCapture, FailsATestThatPrintsWhatItDidNotDeclare) {
             (void)std::fputs("a stray line\n", stderr);
         },
         "a stray line");
+}
+
+// The test fails on purpose, in a process of its own.
+TEST(StreamCapture, TakesNoFailureForOutput) {
+    const ProcessResult result = runForked([] {
+        StreamCapture streams;
+        (void)std::fputs("output", stdout);
+        ADD_FAILURE() << "a failure";
+        EXPECT_EQ(streams.out(), "output");
+        EXPECT_EQ(streams.err(), "");
+    });
+    EXPECT_THAT(result.out, HasSubstr("a failure"));
+    EXPECT_THAT(result.out, Not(HasSubstr("output")));
 }
 
 TEST(Run, GivesBothStreamsAndTheStatus) {

@@ -185,3 +185,11 @@ TEST_F(AccountsTest, UserNameIsTheNameOrTheNumber) {
     EXPECT_STREQ(get_user_name(4294967295U), "4294967295");
     EXPECT_EQ(get_user_name(0), get_user_name(1)) << "one static buffer";
 }
+
+TEST_F(AccountsTest, UserNameOf4095BytesIsWholeAndALongerOneIsCut) {
+    const std::string longest(4095, 'n');
+    writeFile("/etc/passwd",
+              longest + ":x:2001:2001::/:/bin/false\n" + longest + "n:x:2002:2002::/:/bin/false\n");
+    EXPECT_EQ(get_user_name(2001), longest);
+    EXPECT_EQ(get_user_name(2002), longest);
+}

@@ -729,6 +729,23 @@ TEST_F(LineFileTest, StringsAreWrittenAsLines) {
     EXPECT_EQ(contentsOf(HOME + "/out"), "a\nb\n\n\n");
 }
 
+/// Takes text, but no end of a line.
+ssize_t refuseNewlines(void* /*cookie*/, const char* block, std::size_t size) {
+    if (std::memchr(block, '\n', size) == nullptr)
+        return static_cast<ssize_t>(size);
+    errno = ENOSPC;
+    return 0;
+}
+
+TEST_F(LineFileTest, ShortWriteOfTheAddedNewlineIsAFailure) {
+    const char* const list[] = {"a", nullptr};
+    const corvo::UniqueFile stream(
+        ::fopencookie(nullptr, "w", {nullptr, refuseNewlines, nullptr, nullptr}));
+    (void)std::setvbuf(stream.get(), nullptr, _IONBF, 0);
+    EXPECT_EQ(write_strings(stream.get(), list), -1);
+    EXPECT_EQ(errno, ENOSPC);
+}
+
 TEST_F(LineFileTest, ShortWriteIsAFailure) {
     const char* const list[] = {"a", nullptr};
     const corvo::UniqueFile stream(std::fopen("/dev/full", "we"));

@@ -1,6 +1,8 @@
 #include "utils/messlog.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -101,6 +103,18 @@ TEST_F(MessageLog, KeepsErrno) {
     messlog2(0, 0, "x");
     EXPECT_EQ(errno, ENOENT);
     expectOnBoth("x\nx\nSystem error 2: No such file or directory\n");
+}
+
+TEST_F(MessageLog, KeepsErrnoWhenNothingCanBeWritten) {
+    const ProcessResult result = runForked([] {
+        const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+        ::dup2(full, STDOUT_FILENO);
+        ::dup2(full, STDERR_FILENO);
+        errno = ENOENT;
+        ex_messlog("x", 0, 0);
+        ::_exit(errno);
+    });
+    EXPECT_EQ(result.status, ENOENT);
 }
 
 TEST_F(MessageLog, PrintsMessagesOfAnyLength) {
