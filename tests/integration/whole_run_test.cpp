@@ -1,9 +1,12 @@
 // The production binary, from its command line to its exit status.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -58,6 +61,24 @@ protected:
         std::vector<std::string> command = {mailRebuildBinary()};
         command.insert(command.end(), arguments.begin(), arguments.end());
         return run(command, environment);
+    }
+
+    // Both streams lead into a pipe that nobody reads.
+    static ProcessResult mailRebuildWithoutReader(const std::vector<std::string>& arguments) {
+        return runForked([&] {
+            ::signal(SIGPIPE, SIG_DFL);
+            std::vector<char*> argv = {const_cast<char*>("mail_rebuild")};
+            for (const std::string& argument : arguments)
+                argv.push_back(const_cast<char*>(argument.c_str()));
+            argv.push_back(nullptr);
+            int ends[2] = {};
+            (void)!::pipe2(ends, O_CLOEXEC);
+            ::close(ends[0]);
+            ::dup2(ends[1], STDOUT_FILENO);
+            ::dup2(ends[1], STDERR_FILENO);
+            ::execv(mailRebuildBinary().c_str(), argv.data());
+            ::_exit(127);
+        });
     }
 
     static std::string home(const std::string& mailname, const std::string& domain) {
@@ -317,13 +338,41 @@ TEST_F(WholeRun, NeverPutsMessagesIntoAFileThatItOpened) {
               "| true\n" + DELIVERY_LINE + "\n");
 }
 
+// One of the first things that a run opens is the connection to which its last question goes.
+TEST_F(WholeRun, NeverSendsMessagesToTheDatabase) {
+    panel.domain("example.com").mailname("info").postbox().delivery();
+    panel.misc("reject_mail_when_overquota", "false");
+    std::filesystem::remove(DEFAULT_DELIVERY);
+
+    EXPECT_EQ(
+        run({"sh", "-c", "exec \"$1\" <&- >&- 2>&-", "sh", mailRebuildBinary()}, {}, 30).status, 0);
+
+    EXPECT_THAT(handlerRows(), ElementsAre(SPAM_ROW));
+}
+
 TEST_F(WholeRun, AReaderThatGoesAwayDoesNotEndTheRun) {
     loadSample(panel);
 
-    run({"sh", "-c", "{ \"$1\" 2>&1; echo $? >/run/status; } | true", "sh", mailRebuildBinary()});
+    EXPECT_EQ(mailRebuildWithoutReader({}).status, 0);
 
-    EXPECT_EQ(contentsOf("/run/status"), "0\n");
     EXPECT_EQ(quotaRows().size(), 7U);
+}
+
+TEST_F(WholeRun, AReaderThatGoesAwayChangesNoStatus) {
+    EXPECT_EQ(mailRebuildWithoutReader({"--help"}).status, 1);
+}
+
+TEST_F(WholeRun, AFileThatMeetsItsSizeLimitDoesNotEndTheRun) {
+    loadSample(panel);
+
+    const ProcessResult result =
+        run({"sh", "-c", "ulimit -f 0; exec \"$1\"", "sh", mailRebuildBinary()});
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.err,
+                HasSubstr("restoring mailbox quota settings for info@example.com failed"));
+    EXPECT_THAT(result.err,
+                HasSubstr("restoring mail rejection when mailbox is over quota failed"));
 }
 
 // --- what is reported and survived
