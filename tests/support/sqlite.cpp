@@ -5,14 +5,12 @@
 #include <memory>
 #include <stdexcept>
 
-#include "mail/sqlite_memory.h"
-
 namespace corvo::test {
 
 namespace {
 
 bool hasMemory = true;
-sqlite3_mem_methods memory;  // the program's
+sqlite3_mem_methods memory;  // SQLite's own
 
 void* allocate(int size) {
     return hasMemory ? memory.xMalloc(size) : nullptr;
@@ -22,9 +20,9 @@ void* reallocate(void* block, int size) {
     return hasMemory ? memory.xRealloc(block, size) : nullptr;
 }
 
-/// Puts the two functions above before the program's. SQLite takes that only before its first use.
+/// Puts the two functions above before SQLite's own. SQLite takes that only before its first use.
 bool interceptMemory() {
-    if (!mail::poolSqliteMemory() || sqlite3_config(SQLITE_CONFIG_GETMALLOC, &memory) != SQLITE_OK)
+    if (sqlite3_config(SQLITE_CONFIG_GETMALLOC, &memory) != SQLITE_OK)
         return false;
     sqlite3_mem_methods intercepting = memory;
     intercepting.xMalloc = allocate;
