@@ -247,7 +247,11 @@ long long MailUserDbHelper::userdbGetMboxQuota(const std::string& domain,
         session, "SELECT quota FROM mailbox_quota WHERE domain_name = ? AND mailbox_name = ?");
     if (!select || !bindAll(select, names))
         return -1;
-    if (select.step() != SqliteStep::row)
+    const SqliteStep step = select.step();
+    if (step == SqliteStep::failed)
+        corvo_log(3, "Unable to get quota for '%s@%s': %s", mailbox.c_str(), domain.c_str(),
+                  select.error());
+    if (step != SqliteStep::row)
         return -1;
     const char* const quota = select.text(0);
     return quota == nullptr ? -1 : decodeQuota(quota);

@@ -52,7 +52,8 @@ public:
     [[nodiscard]] bool userdbRenameDomain(const std::string& oldDomain,
                                           const std::string& newDomain) const;
 
-    /// A stored quota in bytes (0 for an unknown unit), or -1: no such row (silently) or a failure.
+    /// A stored quota in bytes (0 for an unknown unit), or -1: no such row or a NULL in it
+    /// (silently), or a failure.
     [[nodiscard]] long long userdbGetMboxQuota(const std::string& domain,
                                                const std::string& mailbox) const;
 

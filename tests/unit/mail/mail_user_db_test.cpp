@@ -26,6 +26,8 @@ std::vector<std::string> rows() {
 
 using Rows = std::vector<std::string>;
 
+constexpr std::size_t PAGE_SIZE = 4096;  // bytes, of a new file
+
 class MailUserDbTest : public SqliteTest {
 protected:
     MailUserDbTest() { makeDirectory(FOLDER); }
@@ -493,6 +495,15 @@ TEST_F(MailUserDbTest, ReadingReportsMissingTable) {
     expectLogged(
         {"Unable to prepare SQL statement for query 'SELECT quota FROM mailbox_quota WHERE "
          "domain_name = ? AND mailbox_name = ?': no such table: mailbox_quota"});
+}
+
+TEST_F(MailUserDbStoreTest, ReadingReportsFailedStepWithNamesAsGiven) {
+    store("a.com", "x", "5B");
+    std::string damaged = contentsOf(FILE_PATH);
+    damaged.replace(2 * PAGE_SIZE, PAGE_SIZE, PAGE_SIZE, '\xff');  // the index that is searched
+    writeFile(FILE_PATH, damaged);
+    EXPECT_EQ(helper.userdbGetMboxQuota("A.com", "X"), -1);
+    expectLogged({"Unable to get quota for 'X@A.com': database disk image is malformed"});
 }
 
 TEST_F(MailUserDbTest, ReadingReportsMissingMemory) {
