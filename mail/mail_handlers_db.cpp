@@ -242,10 +242,13 @@ int mh_db_do(mh_list* list, sqlite3* db, int (*callback)(sqlite3*, mh_data*)) no
     const SqliteSession session(db, mh_db_path, SqliteAccess::readWrite);
     if (!session.begin())
         return -1;
-    const mh_list_node* node = list->first;
-    for (; node != nullptr && session.inTransaction(); node = node->next)
+    for (const mh_list_node* node = list->first; node != nullptr; node = node->next) {
+        const bool hadTransaction = session.inTransaction();
         (void)callback(session.handle(), node->record);
-    return session.inTransaction() && session.end() ? 0 : -1;
+        if (hadTransaction && session.hasRolledBack())
+            return -1;
+    }
+    return session.end() ? 0 : -1;
 }
 
 int mh_db_remove_all(sqlite3* db, const char* domain) noexcept {

@@ -45,7 +45,9 @@ int mh_db_action(sqlite3* db, const char* parameter, const char* statement) noex
 /// Calls `callback` with the open database and each record, in the list's order, inside one
 /// transaction. What the callbacks return is ignored, and one that fails does not stop the others,
 /// unless SQLite takes the whole transaction back (no space, I/O error): nothing is then changed,
-/// and what is logged is that callback's failure.
+/// and what is logged is that callback's failure. One that ends the transaction itself does not
+/// stop the others either, but then there is nothing to end, which is logged and -1; unless it has
+/// begun another one, which is ended as the first.
 int mh_db_do(mh_list* list, sqlite3* db, int (*callback)(sqlite3*, mh_data*)) noexcept;
 
 // Selections. They add to the list, which the caller has initialised and frees, in front: it ends

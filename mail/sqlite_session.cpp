@@ -59,6 +59,21 @@ const char* errorOf(sqlite3* database) noexcept {
                                : sqlite3_errmsg(database);
 }
 
+// The errors for which SQLite says that it may take a transaction back unasked.
+bool mayRollBack(int result) noexcept {
+    constexpr int PRIMARY_CODE = 0xff;
+    switch (result & PRIMARY_CODE) {
+        case SQLITE_FULL:
+        case SQLITE_IOERR:
+        case SQLITE_NOMEM:
+        case SQLITE_BUSY:
+        case SQLITE_INTERRUPT:
+            return true;
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 void SqliteFree::operator()(char* text) const noexcept {
@@ -117,6 +132,10 @@ bool SqliteSession::end() const noexcept {
 
 bool SqliteSession::inTransaction() const noexcept {
     return sqlite3_get_autocommit(database_) == 0;
+}
+
+bool SqliteSession::hasRolledBack() const noexcept {
+    return !inTransaction() && mayRollBack(sqlite3_errcode(database_));
 }
 
 bool SqliteSession::execute(const char* script, SqliteText& error) const noexcept {

@@ -55,6 +55,11 @@ public:
     /// step for itself, and there is nothing to end. The session is open.
     [[nodiscard]] bool inTransaction() const noexcept;
 
+    /// Has SQLite taken back the transaction in which others, whose steps nobody here sees, worked
+    /// last? Else they have ended it themselves, or it goes on. Judged by the connection's last
+    /// error, so ask before the next call. The session is open.
+    [[nodiscard]] bool hasRolledBack() const noexcept;
+
     /// Runs several statements, from the start again after waiting for a lock. On failure `error`
     /// holds SQLite's text, or null when it has none. The session is open.
     [[nodiscard]] bool execute(const char* script, SqliteText& error) const noexcept;
