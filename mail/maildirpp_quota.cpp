@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "mail/mail_paths.h"
-#include "mail/maildir_usage.h"
+#include "mail/maildir_scan.h"
 #include "mail/maildirsize.h"
 #include "utils/accounts.h"
 #include "utils/directories.h"
@@ -36,7 +36,9 @@ using corvo::ErrnoGuard;
 using corvo::UniqueCString;
 using corvo::UniqueFd;
 using corvo::WorkingDirectoryGuard;
+using corvo::mail::countMaildir;
 using corvo::mail::isPathComponent;
+using corvo::mail::MaildirUsage;
 namespace safe_path = corvo::safe_path;
 
 constexpr const char* MAILDIRSIZE = "maildirsize";
@@ -122,25 +124,24 @@ struct Limits {
 
 /// Counts the current Maildir into a new file; `newest` is the time of what was counted.
 int write_counted(UniqueFd& file, uid_t uid, gid_t gid, const Limits& limits,
-                  std::time_t* newest) noexcept {
-    long long bytes = 0;
-    long long messages = 0;
-    if (fchown(file.get(), uid, gid) != 0 ||
-        !get_maildirpp_messages_usage(&bytes, &messages, newest))
+                  timespec* newest) noexcept {
+    MaildirUsage usage{};
+    if (fchown(file.get(), uid, gid) != 0 || !countMaildir(usage))
         return -1;
+    *newest = usage.newest;
     char content[MAILDIRSIZE_CONTENT_MAX];
     const std::size_t length =
-        format_maildirsize(content, limits.bytes, limits.messages, bytes, messages);
+        format_maildirsize(content, limits.bytes, limits.messages, usage.bytes, usage.messages);
     return commit(file, content, length);
 }
 
 /// Dates the file back when messages came or went since the count, or when that cannot be told.
-void mark_if_outdated(std::time_t counted) noexcept {
-    std::time_t newest = 0;
-    if (get_maildirpp_mtime(&newest) && newest <= counted)
+void mark_if_outdated(const timespec& counted) noexcept {
+    timespec newest{};
+    if (corvo::mail::raiseToMaildir(newest) && newest.tv_sec <= counted.tv_sec)
         return;
     const UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_WRONLY);
-    const timespec times[] = {{0, UTIME_NOW}, {counted - OUTDATED_SECONDS, 0}};
+    const timespec times[] = {{0, UTIME_NOW}, {counted.tv_sec - OUTDATED_SECONDS, 0}};
     if (file)
         (void)futimens(file.get(), times);
 }
@@ -158,7 +159,7 @@ int write_within(const char* maildir, uid_t uid, gid_t gid, const Limits& limits
     UniqueFd file = create_temporary(host, name);
     if (!file)
         return 0;
-    std::time_t counted = 0;
+    timespec counted{};
     if (write_counted(file, uid, gid, limits, &counted) != 0 ||
         safe_path::renameEntry(AT_FDCWD, name, MAILDIRSIZE) != 0) {
         const ErrnoGuard keepErrno;
@@ -286,8 +287,11 @@ int get_maildirpp_usage_and_limits(const char* maildir, int strict, long long* b
         return 1;
     if (strict)
         return 0;
-    std::time_t newest = 0;
-    return get_maildirpp_messages_usage(bytes, messages, &newest);
+    MaildirUsage usage{};
+    const int result = countMaildir(usage);
+    *bytes = usage.bytes;
+    *messages = usage.messages;
+    return result;
 }
 
 int get_maildirpp_usage(const char* maildir, long long* bytes, long long* messages) noexcept {
