@@ -106,14 +106,16 @@ EntryType type_of(const DirEntries& parent, const dirent64& entry) noexcept {
     return S_ISDIR(status.st_mode) ? EntryType::directory : EntryType::other;
 }
 
+enum class Scan { complete, stopped, unreadable };
+
 /// Calls `visit` with name and type of every entry that is named as a folder, until it returns 0.
 template <typename Visit>
-int visit_folders(DirEntries& maildir, Visit visit) noexcept {
+Scan visit_folders(DirEntries& maildir, Visit visit) noexcept {
     while (const auto* const entry = maildir.next()) {
         if (entry->d_name[0] == '.' && !visit(entry->d_name, type_of(maildir, *entry)))
-            return 0;
+            return Scan::stopped;
     }
-    return errno == 0 ? 1 : 0;
+    return errno == 0 ? Scan::complete : Scan::unreadable;
 }
 
 void raise_to(timespec& newest, const timespec& time) noexcept {
@@ -139,6 +141,10 @@ void log_bad_entry(const char* name) noexcept {
     errno = 0;
     messlog2(0, 0, "Bad/unrecognized entry %s within Maildir folder %s\n", name,
              current != nullptr ? current : ".");
+}
+
+void log_unreadable() noexcept {
+    messlog2(0, 0, "Unable to open Maildir folder. Has it just been removed?");
 }
 
 }  // namespace
@@ -181,11 +187,12 @@ int countMaildir(MaildirUsage& usage) noexcept {
     DirEntries maildir = safe_path::openEntries(AT_FDCWD, ".");
     if (!maildir)
         return 0;
-    return visit_folders(maildir, [&usage](const char* name, EntryType type) noexcept {
+    const Scan scan = visit_folders(maildir, [&usage](const char* name, EntryType type) noexcept {
         if (type == EntryType::unknown)
             (void)std::fprintf(stderr, "unable to stat('%s'). Continue.\n", name);
         return type == EntryType::directory ? countFolder(name, usage) : 1;
     });
+    return scan == Scan::complete ? 1 : 0;
 }
 
 int raiseToFolder(const char* folder, timespec& newest) noexcept {
@@ -201,17 +208,20 @@ int raiseToFolder(const char* folder, timespec& newest) noexcept {
 int raiseToMaildir(timespec& newest) noexcept {
     DirEntries maildir = safe_path::openEntries(AT_FDCWD, ".");
     if (!maildir) {
-        messlog2(0, 0, "Unable to open Maildir folder. Has it just been removed?");
+        log_unreadable();
         return 0;
     }
     if (!raise_to_parts(maildir.descriptor(), newest))
         return 0;
-    return visit_folders(maildir, [&newest](const char* name, EntryType type) noexcept {
+    const Scan scan = visit_folders(maildir, [&newest](const char* name, EntryType type) noexcept {
         if (type == EntryType::directory)
             return raiseToFolder(name, newest);
         log_bad_entry(name);
         return 1;
     });
+    if (scan == Scan::unreadable)
+        log_unreadable();
+    return scan == Scan::complete ? 1 : 0;
 }
 
 }  // namespace corvo::mail

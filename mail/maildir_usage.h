@@ -32,5 +32,5 @@ int get_maildirpp_messages_usage(long long* bytes, long long* messages,
 int get_maildirpp_folder_mtime(const char* folder, std::time_t* newest) noexcept;
 
 /// Looks at the Maildir that is the current directory, with all folders. A Maildir that cannot be
-/// opened, and each entry named as a folder that is none, is logged through messlog2.
+/// opened or read, and each entry named as a folder that is none, is logged through messlog2.
 int get_maildirpp_mtime(std::time_t* newest) noexcept;

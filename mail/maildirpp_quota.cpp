@@ -138,7 +138,7 @@ int write_counted(UniqueFd& file, uid_t uid, gid_t gid, const Limits& limits,
 /// Dates the file back when messages came or went since the count, or when that cannot be told.
 void mark_if_outdated(const timespec& counted) noexcept {
     timespec newest{};
-    if (corvo::mail::raiseToMaildir(newest) && newest.tv_sec <= counted.tv_sec)
+    if (corvo::mail::raiseToMaildir(newest) && !corvo::mail::isLater(newest, counted))
         return;
     const UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_WRONLY);
     const timespec times[] = {{0, UTIME_NOW}, {counted.tv_sec - OUTDATED_SECONDS, 0}};

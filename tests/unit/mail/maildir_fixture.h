@@ -43,9 +43,13 @@ inline struct stat statusOf(const std::string& path) {
     return status;
 }
 
-inline void setMtime(const std::string& path, std::time_t seconds) {
-    const timespec times[] = {{seconds, 0}, {seconds, 0}};
+inline void setMtime(const std::string& path, const timespec& time) {
+    const timespec times[] = {time, time};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+}
+
+inline void setMtime(const std::string& path, std::time_t seconds) {
+    setMtime(path, timespec{seconds, 0});
 }
 
 inline std::string currentDirectory() {

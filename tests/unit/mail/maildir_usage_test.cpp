@@ -283,6 +283,16 @@ TEST_F(MaildirUsageTest, NewestTimeIsOnlyRaised) {
     EXPECT_GT(newest, PAST + 1);  // that of cur
 }
 
+TEST_F(MaildirUsageTest, NewestTimeIsInWholeSeconds) {
+    setMtime("new", {PAST, 999999999});
+    setMtime("cur", {PAST, 1});
+    newest = PAST;
+    EXPECT_EQ(count(), 1);
+    EXPECT_EQ(newest, PAST);
+    EXPECT_EQ(get_maildirpp_mtime(&newest), 1);
+    EXPECT_EQ(newest, PAST);
+}
+
 TEST_F(MaildirUsageTest, SubdirectoryAddsToWhatTheCountersHold) {
     writeFile("cur/1,S=5", "");
     bytes = 10;
@@ -412,7 +422,7 @@ TEST_F(MaildirUsageTest, FolderTimesAreFoundWithUnknownTypesToo) {
     EXPECT_EQ(newest, PAST);
 }
 
-TEST_F(MaildirUsageTest, MaildirThatCannotBeReadIsLogged) {
+TEST_F(MaildirUsageTest, MaildirThatCannotBeOpenedIsLogged) {
     const std::string message =
         "Unable to open Maildir folder. Has it just been removed?\n"
         "System error 24: Too many open files\n";
@@ -422,6 +432,16 @@ TEST_F(MaildirUsageTest, MaildirThatCannotBeReadIsLogged) {
     EXPECT_EQ(get_maildirpp_mtime(&time), 0);
     EXPECT_EQ(errno, EMFILE);
     expectLogged(streams, message);
+}
+
+TEST_F(MaildirUsageTest, MaildirThatCannotBeReadToItsEndIsLogged) {
+    onEntry = [](dirent64*) { return EIO; };
+    StreamCapture streams;
+    EXPECT_EQ(get_maildirpp_mtime(&newest), 0);
+    EXPECT_EQ(errno, EIO);
+    expectLogged(streams,
+                 "Unable to open Maildir folder. Has it just been removed?\n"
+                 "System error 5: Input/output error\n");
 }
 
 /// Delivers a message, has it read and removes it, again and again until the parent is gone.

@@ -299,6 +299,27 @@ TEST_F(WriteMaildirsizeTest, FileIsDatedBackWhenMailArrivedMeanwhile) {
     }
 }
 
+TEST_F(WriteMaildirsizeTest, FileIsDatedBackWhenMailArrivedWithinTheSecondOfTheCount) {
+    const std::string folder = MAILDIR + "/new";
+    setMtime(folder, {FUTURE, 5});
+    onFsync = [&](int) {
+        writeFile(folder + "/late,S=50", "");
+        setMtime(folder, {FUTURE, 6});
+        return 0;
+    };
+    EXPECT_EQ(write(), 1);
+    EXPECT_EQ(statusOf(QUOTA_FILE).st_mtime, FUTURE - 960);
+}
+
+TEST_F(WriteMaildirsizeTest, FileHasTheCurrentTimeWhenNothingArrivedWithinTheSecondOfTheCount) {
+    setMtime(MAILDIR + "/new", {FUTURE, 5});
+    setMtime(MAILDIR + "/cur", {FUTURE, 4});
+    const std::time_t before = std::time(nullptr) - 1;
+    EXPECT_EQ(write(), 1);
+    EXPECT_GE(statusOf(QUOTA_FILE).st_mtime, before);
+    EXPECT_LT(statusOf(QUOTA_FILE).st_mtime, FUTURE - 960);
+}
+
 TEST_F(WriteMaildirsizeTest, FileIsDatedBackWhenArrivalsCannotBeTold) {
     setMtime(MAILDIR + "/new", FUTURE);
     onFsync = [this](int) {
