@@ -5,9 +5,35 @@
 
 namespace corvo {
 
-// Below the inclusion of <iostream>, so that std::cerr and std::cout are made before it and
-// outlive it.
-UtilityErrorStream uerr;
+namespace {
+
+// Room for the stream, which others than this unit's initialisation make and destroy.
+union Room {
+    constexpr Room() noexcept : empty() {}
+    ~Room() {}  // NOLINT(modernize-use-equals-default): the default is deleted
+    Room(const Room&) = delete;
+    Room& operator=(const Room&) = delete;
+
+    char empty;
+    UtilityErrorStream stream;
+};
+
+constinit Room room;
+constinit int users = 0;
+
+}  // namespace
+
+constinit UtilityErrorStream& uerr = room.stream;
+
+UtilityErrorStreamInit::UtilityErrorStreamInit() {
+    if (users++ == 0)
+        ::new (&room.stream) UtilityErrorStream;
+}
+
+UtilityErrorStreamInit::~UtilityErrorStreamInit() {
+    if (--users == 0)
+        room.stream.~UtilityErrorStream();
+}
 
 UtilityErrorStreamBuf::~UtilityErrorStreamBuf() {
     UtilityErrorStreamBuf::sync();

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <ios>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -41,8 +42,24 @@ private:
     UtilityErrorStreamBuf buffer;
 };
 
-/// The one instance. Ready before main() and until normal exit. End each message with std::endl:
-/// standard output then keeps the order of events.
-extern UtilityErrorStream uerr;
+/// The one instance. End each message with std::endl: standard output then keeps the order of
+/// events.
+extern UtilityErrorStream& uerr;
+
+/// Counts those that may use uerr, as std::ios_base::Init does with the standard streams: the first
+/// to come makes it, the last to go destroys it. One in each unit that includes this header lets
+/// static objects use it from their constructor to their destructor.
+class UtilityErrorStreamInit {
+public:
+    UtilityErrorStreamInit();
+    ~UtilityErrorStreamInit();
+    UtilityErrorStreamInit(const UtilityErrorStreamInit&) = delete;
+    UtilityErrorStreamInit& operator=(const UtilityErrorStreamInit&) = delete;
+
+private:
+    std::ios_base::Init standardStreams;  // made before uerr, and outlive it
+};
+
+static const UtilityErrorStreamInit uerrInit;
 
 }  // namespace corvo

@@ -67,6 +67,13 @@ TEST_F(ErrorStream, PassesOnATextThatWasNeverFlushedAtExit) {
     EXPECT_EQ(result.status, 0);
 }
 
+TEST(ErrorStreamOfTheProcess, IsReadyBeforeMainAndUntilAllIsDestroyed) {
+    const ProcessResult result = run({CORVO_EARLY_ERROR});
+    EXPECT_EQ(result.err, "before main\nin main\nafter main");
+    EXPECT_EQ(result.out, "before main\nin main\nafter main");
+    EXPECT_EQ(result.status, 0);
+}
+
 TEST(ErrorStreamWithoutMemory, PassesOnALongText) {
     if (!canExhaustMemory())
         GTEST_SKIP() << "the sanitizer's allocator never returns null";
