@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -121,10 +122,16 @@ private:
 };
 
 /// Remembers the current directory by descriptor and changes back to it. The way back needs no
-/// path, so neither a renamed parent nor one that may not be searched can cut it off.
+/// path, so neither a renamed parent nor one that may not be searched can cut it off. But one that
+/// has no path, since it was removed (ENOENT), or a path of 4096 bytes and more (ERANGE or
+/// ENAMETOOLONG), is not remembered: nobody could come back to it.
 class WorkingDirectoryGuard {
 public:
-    WorkingDirectoryGuard() noexcept : saved_(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+    WorkingDirectoryGuard() noexcept {
+        char path[PATH_MAX];
+        if (::getcwd(path, sizeof path) != nullptr)
+            saved_.reset(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
     ~WorkingDirectoryGuard() {
         const ErrnoGuard keepErrno;
         if (saved_)

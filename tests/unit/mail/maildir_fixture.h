@@ -85,6 +85,22 @@ private:
     rlimit saved_{};
 };
 
+/// While it lives, the current directory is one that has been removed.
+class InRemovedDirectory {
+public:
+    InRemovedDirectory() {
+        makeDirectory("/var/gone");
+        EXPECT_EQ(chdir("/var/gone"), 0);
+        EXPECT_EQ(rmdir("/var/gone"), 0);
+    }
+    ~InRemovedDirectory() { EXPECT_EQ(chdir(before_.c_str()), 0); }
+    InRemovedDirectory(const InRemovedDirectory&) = delete;
+    InRemovedDirectory& operator=(const InRemovedDirectory&) = delete;
+
+private:
+    const std::string before_ = currentDirectory();
+};
+
 /// While it lives, this process has the rights of an ordinary account.
 class AsStranger {
 public:

@@ -168,6 +168,17 @@ TEST(StoreQuota, CurrentDirectoryThatCannotBeRememberedFails) {
                  "System error 24: Too many open files\n");
 }
 
+TEST_F(StoreQuotaTest, RemovedCurrentDirectoryFails) {
+    StreamCapture streams;
+    {
+        const InRemovedDirectory here;
+        expectFailure(store(5), ENOENT);
+    }
+    expectLogged(streams,
+                 "unable to get current working directory\n"
+                 "System error 2: No such file or directory\n");
+}
+
 TEST_F(StoreQuotaTest, MissingMaildirFailsSilently) {
     std::filesystem::remove_all(MAILDIR);
     StreamCapture streams;
@@ -414,6 +425,18 @@ TEST(ReadQuota, CurrentDirectoryThatCannotBeRememberedFailsSilently) {
     const NoDescriptors limit;
     EXPECT_EQ(get_maildirpp_usage("/", &used[0], &used[1]), 0);
     EXPECT_EQ(errno, EMFILE);
+}
+
+TEST_F(ReadQuotaTest, RemovedCurrentDirectoryFailsSilently) {
+    writeFile(QUOTA_FILE, "1000S,0C\n500 5\n");
+    const StreamCapture nothingSaid;
+    for (const int strict : {0, 1}) {
+        const InRemovedDirectory here;
+        EXPECT_EQ(read(strict), 0);
+        EXPECT_EQ(errno, ENOENT);
+        EXPECT_EQ(byteLimit, LLONG_MAX);
+        EXPECT_EQ(countLimit, LLONG_MAX);
+    }
 }
 
 TEST_F(ReadQuotaTest, UsageAloneIsReadOrRecounted) {

@@ -107,6 +107,13 @@ TEST(WriteMaildirsize, CurrentDirectoryThatCannotBeRememberedFailsSilently) {
     EXPECT_EQ(errno, EMFILE);
 }
 
+TEST_F(WriteMaildirsizeTest, RemovedCurrentDirectoryFailsSilently) {
+    const StreamCapture nothingSaid;
+    const InRemovedDirectory here;
+    expectFailure(write(), ENOENT);
+    expectFailure(store_maildirpp_quota_raw(MAILDIR.c_str(), 5), ENOENT);
+}
+
 TEST_F(WriteMaildirsizeTest, HostNameThatCannotBeReadFails) {
     onGethostname = [](char*, std::size_t) {
         errno = EPERM;

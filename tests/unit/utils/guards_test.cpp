@@ -1,10 +1,14 @@
 #include "utils/guards.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstring>
 #include <filesystem>
+#include <string>
 #include <type_traits>
 
 #include "tests/support/files.h"
@@ -192,6 +196,39 @@ TEST_F(GuardsTest, ReleasedWorkingDirectoryStays) {
         guard.release();
     }
     EXPECT_EQ(std::filesystem::current_path(), MAILNAMES);
+}
+
+TEST_F(GuardsTest, RemovedWorkingDirectoryIsNotRemembered) {
+    makeDirectory(MAILNAMES + "/gone");
+    ASSERT_EQ(::chdir((MAILNAMES + "/gone").c_str()), 0);
+    std::filesystem::remove(MAILNAMES + "/gone");
+    {
+        const WorkingDirectoryGuard guard;
+        EXPECT_FALSE(guard.remembered());
+        EXPECT_EQ(errno, ENOENT);
+        ASSERT_EQ(::chdir("/"), 0);
+    }
+    EXPECT_EQ(std::filesystem::current_path(), "/");
+}
+
+/// Makes directories and changes into them until the current one's path has so many bytes.
+void goDown(std::size_t length) {
+    ASSERT_EQ(::chdir(MAILNAMES.c_str()), 0);
+    for (std::size_t now = MAILNAMES.size(); now < length;) {
+        const std::size_t left = length - now;
+        const std::string name(left > 250 ? 200 : left - 1, 'd');
+        (void)::mkdir(name.c_str(), 0700);  // may be there already
+        ASSERT_EQ(::chdir(name.c_str()), 0);
+        now += 1 + name.size();
+    }
+}
+
+TEST_F(GuardsTest, WorkingDirectoryIsRememberedUpToTheLongestPath) {
+    goDown(PATH_MAX - 1);
+    EXPECT_TRUE(WorkingDirectoryGuard().remembered());
+    goDown(PATH_MAX);
+    EXPECT_FALSE(WorkingDirectoryGuard().remembered());
+    EXPECT_THAT(errno, testing::AnyOf(ERANGE, ENAMETOOLONG));
 }
 
 TEST_F(GuardsTest, WorkingDirectoryThatCannotBeRememberedIsSaid) {
