@@ -1,9 +1,9 @@
 #include "utils/strings.h"
 
+#include <boost/algorithm/string/case_conv.hpp>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <locale>
 
 #include "utils/messlog.h"
 
@@ -74,10 +74,7 @@ char* strtolower_dynamic(const char* text) noexcept {
 namespace corvo {
 
 std::string to_lower(const std::string& text) {
-    const std::locale locale;
-    std::string lower = text;
-    std::use_facet<std::ctype<char>>(locale).tolower(lower.data(), lower.data() + lower.size());
-    return lower;
+    return boost::algorithm::to_lower_copy(text);
 }
 
 }  // namespace corvo
