@@ -4,6 +4,7 @@
 #include <regex.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 
@@ -71,6 +72,7 @@ enum UrlPart { WHOLE, SCHEME, USER, HOST, REST, URL_PARTS };
 bool matchUrl(const char* url, regmatch_t (&parts)[URL_PARTS]) {
     char reason[256];
     regex_t pattern;
+    errno = 0;  // the messages must not show an old one
     int code = regcomp(&pattern, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
     if (code != 0) {
         regerror(code, &pattern, reason, sizeof reason);

@@ -33,7 +33,7 @@ char* idn_email_toascii_safe(const char* address) noexcept;
 
 /// The URL ("ftp://", "http://", "https://" or no scheme) with its host in ASCII form and all else
 /// as it stands, in one static buffer of 4096 bytes that the next call overwrites; what does not
-/// fit is cut off. Null on failure, which is logged.
+/// fit is cut off. Null on failure, which is logged. Clears errno first.
 char* idn_url_toascii(const char* url) noexcept;
 
 /// The text of a libidn code; constant.

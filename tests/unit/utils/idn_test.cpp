@@ -219,10 +219,23 @@ TEST_F(Idn, ReportsAUrlWhoseHostCannotBeConverted) {
     EXPECT_EQ(idn_errno, 5);
 }
 
-TEST_F(Idn, AddsTheTextOfErrnoToItsReports) {
+TEST_F(Idn, ReportsNoErrnoOfEarlierCalls) {
     errno = ENOENT;
     EXPECT_EQ(idn_url_toascii(""), nullptr);
-    expectOnBoth("regexec() failed: No match\nSystem error 2: No such file or directory\n");
+    expectOnBoth("regexec() failed: No match\n");
+    errno = ENOENT;
+    EXPECT_EQ(idn_url_toascii(("http://" + TOO_LONG + "/").c_str()), nullptr);
+    expectOnBoth("idn_toascii() failed: Invalid length\n");
+    pretence.noHost = true;
+    errno = ENOENT;
+    EXPECT_EQ(idn_url_toascii("http://example.com/"), nullptr);
+    expectOnBoth("no hostname found in URL\n");
+    pretence.noMemory = true;
+    expectEnd(runForked([] {
+                  errno = ENOENT;
+                  idn_url_toascii("http://example.com/");
+              }),
+              "regcomp() failed: Memory exhausted\n");
 }
 
 TEST_F(Idn, ReportsAUrlWhoseHostDidNotMatch) {
