@@ -3,22 +3,25 @@
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <utility>
 
-#include "utils/files.h"
 #include "utils/guards.h"
 #include "utils/strings.h"
 
 namespace {
 
-bool isRegularFile(const char* path, struct stat& status) {
+constexpr std::size_t LONGEST_LINE = std::size_t{128} * 1024;  // bytes, with its newline
+
+bool isRegularFile(const char* path) {
+    struct stat status {};
     return stat(path, &status) == 0 && S_ISREG(status.st_mode);  // root-owned path
 }
 
@@ -66,18 +69,70 @@ private:
     bool inSection_ = false;
 };
 
-/// Looks at the lines of a text, which has room for one character more; true when every value was
-/// found.
-bool searchLines(char* text, std::size_t length, Search search) {
-    char* const end = text + length;
-    for (char* line = text; line < end && !search.isOver();) {
-        char* const lineEnd = std::find(line, end, '\n');
-        *lineEnd = '\0';
-        if (!search.look(line))
-            return false;
-        line = lineEnd + 1;
+/// The lines of an open file, one after another. Those longer than LONGEST_LINE are left out.
+class Lines {
+public:
+    explicit Lines(int file) : file_(file) {}
+
+    /// The next line, with a zero byte in place of its newline; it may be changed, and lives until
+    /// the next call. Null at the end and on failure.
+    char* next() {
+        for (;;) {
+            char* const line = takeLine();
+            if (line == nullptr && !fill())
+                return nullptr;
+            if (line != nullptr && !std::exchange(isTail_, false))
+                return line;
+        }
     }
-    return search.isOver();
+
+private:
+    /// The next line if all of it has been read, else null.
+    char* takeLine() {
+        char* const line = buffer_ + taken_;
+        char* const limit = buffer_ + filled_;
+        char* const lineEnd = std::find(line, limit, '\n');
+        if (lineEnd == limit && (line == limit || !hasEnded_))
+            return nullptr;
+        *lineEnd = '\0';
+        taken_ = std::min(filled_, static_cast<std::size_t>(lineEnd - buffer_) + 1);
+        return line;
+    }
+
+    /// Reads on, in place of what was taken. False after the end and on failure.
+    bool fill() {
+        if (hasEnded_)
+            return false;
+        if (taken_ == 0 && filled_ == LONGEST_LINE) {
+            taken_ = filled_;
+            isTail_ = true;
+        }
+        filled_ -= taken_;
+        std::memmove(buffer_, buffer_ + taken_, filled_);
+        taken_ = 0;
+        const ssize_t length = corvo::retryOnEintr(
+            [this] { return ::read(file_, buffer_ + filled_, LONGEST_LINE - filled_); });
+        hasEnded_ = length == 0;
+        filled_ += length > 0 ? static_cast<std::size_t>(length) : 0;
+        return length >= 0;
+    }
+
+    int file_;
+    std::size_t taken_ = 0;   // bytes of the buffer
+    std::size_t filled_ = 0;  // likewise
+    bool hasEnded_ = false;
+    bool isTail_ = false;  // of a line that was too long
+    char buffer_[LONGEST_LINE + 1];
+};
+
+/// True when every value was found.
+bool searchLines(Lines& lines, Search search) {
+    while (!search.isOver()) {
+        char* const line = lines.next();
+        if (line == nullptr || !search.look(line))
+            return false;
+    }
+    return true;
 }
 
 /// Reports each value that cannot be read; the first one is the last that is tried without memory.
@@ -95,22 +150,15 @@ int get_ini_conf_vars(const char* path, const char* section,
     for (const ini_value& one : wanted)
         one.value.reset();
     errno = 0;
-    struct stat status {};
-    if (!isRegularFile(path, status))
+    if (!isRegularFile(path))
         return -1;
     const corvo::UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));  // root-owned path
-    const auto size = static_cast<std::size_t>(status.st_size);
-    const corvo::UniqueCString text(file ? static_cast<char*>(std::malloc(size + 1)) : nullptr);
-    if (!text) {
+    if (!file) {
         reportFailedOpen(path, wanted.size());
         return -1;
     }
-    // What comes beyond that size was not there yet when the file was looked at.
-    const ssize_t length = read_fully(file.get(), text.get(), size);
-    return length >= 0 && searchLines(text.get(), static_cast<std::size_t>(length),
-                                      Search(section, wanted))
-               ? 0
-               : -1;
+    Lines lines(file.get());
+    return searchLines(lines, Search(section, wanted)) ? 0 : -1;
 }
 
 char* get_ini_conf_var(const char* path, const char* section, const char* key) noexcept {

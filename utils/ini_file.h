@@ -4,7 +4,7 @@
 //     key = value   ; comment
 //
 // Names of sections and keys are compared exactly; a section's name is all that stands between the
-// brackets. Lines are of any length and may end in CRLF. None throws.
+// brackets. Lines may end in CRLF; one of more than 128 KiB is left out. None throws.
 
 #pragma once
 
@@ -15,8 +15,8 @@
 /// The value of `key` in `section`, newly allocated (free with free()): the first match, trimmed,
 /// possibly empty. Null when there is none, when `path` is no regular file (silently), or when it
 /// cannot be opened ("Failed to open %s: %s" on standard error, without a newline). ';' starts a
-/// comment, in values too. Clears errno first; null with ENOMEM says that memory ran out before the
-/// key was found.
+/// comment, in values too. Clears errno first; null with ENOMEM says that there was no memory for
+/// the value, or none to open the file.
 char* get_ini_conf_var(const char* path, const char* section, const char* key) noexcept;
 
 /// A key that is looked for, and where its value goes.

@@ -82,6 +82,11 @@ inline const std::vector<Reason> REASONS = {
      "Each connection's two credential files are looked at for their kind and size."},
     {{"read"},
      Tree::either,
+     {.runs = 1, .domains = 1, .names = 1},
+     "The panel's ini file is read until every value is found or nothing more comes: its size may "
+     "change meanwhile."},
+    {{"read"},
+     Tree::either,
      {.deliveries = 1, .forwards = 1},
      "A .qmail is copied until nothing more comes: it may grow meanwhile."},
     {{"open", "close", "stat", "read", "mmap", "mprotect", "brk", "futex"},

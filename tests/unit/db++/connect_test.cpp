@@ -329,7 +329,7 @@ TEST_F(ConnectTest, RefusesAPasswordFileThatNoMemoryHolds) {
     EXPECT_EQ(errno, ENOMEM);
 }
 
-TEST_F(ConnectTest, TakesNoDefaultsWithoutMemoryForTheDsnFile) {
+TEST_F(ConnectTest, TakesNoDefaultsWithoutMemoryForWhatTheDsnFileSays) {
     if (!corvo::test::canExhaustMemory())
         GTEST_SKIP() << "the sanitizer's allocator never returns null";
     writeFile(DSN, "[corvo]\nhost = elsewhere\n");
@@ -341,9 +341,7 @@ TEST_F(ConnectTest, TakesNoDefaultsWithoutMemoryForTheDsnFile) {
         std::exit(refused ? 0 : 1);
     });
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err,
-              "Failed to open /etc/vhc/private/dsn.ini: Cannot allocate memory\n"
-              "Unable to allocate memory for password, 12");
+    EXPECT_EQ(result.err, "\nUnable to allocate memory for password, 12");
 }
 
 // Failing connections

@@ -1,20 +1,40 @@
 #include "utils/ini_file.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "utils/guards.h"
+
+namespace {
+
+/// Runs when a file has been looked at.
+std::function<void()> afterStat;
+
+}  // namespace
+
+extern "C" int stat(const char* path, struct stat* status) noexcept {
+    static const auto real =
+        reinterpret_cast<int (*)(const char*, struct stat*)>(dlsym(RTLD_NEXT, "stat"));
+    const int result = real(path, status);
+    if (afterStat)
+        std::exchange(afterStat, nullptr)();
+    return result;
+}
 
 namespace corvo::test {
 namespace {
@@ -95,6 +115,47 @@ TEST_F(IniFile, ReadsLinesOfAnyLength) {
     writeFile(PATH, "[s]\nlong = " + longValue + "\n" + longValue + "\nkey = value");
     EXPECT_EQ(value("s", "long"), longValue);
     EXPECT_EQ(value("s", "key"), "value");
+}
+
+TEST_F(IniFile, ReadsLinesOf64KiBAndMore) {
+    const std::string line = "key = " + std::string(64 * 1024 - 6, 'x');
+    for (const char* end : {"\n", "", "\r\n[other]\n"}) {
+        writeFile(PATH, "[s]\n" + line + end);
+        EXPECT_EQ(value("s", "key"), line.substr(6)) << end;
+    }
+}
+
+TEST_F(IniFile, SkipsLongerLinesWhole) {
+    std::string line = "key = x ";
+    while (line.size() < 1'000'000)
+        line += "key = x ";
+    for (const std::string& end :
+         {std::string("\nkey = value\n"), std::string("\n[s]\nkey = value")}) {
+        writeFile(PATH, "[s]\n" + line + end);
+        EXPECT_EQ(value("s", "key"), "value");
+    }
+    writeFile(PATH, "[s]\n" + line);
+    EXPECT_EQ(value("s", "key"), std::nullopt);
+}
+
+TEST_F(IniFile, ReadsLinesThatLieFarBehind) {
+    std::string contents = "[s]\n";
+    while (contents.size() < 1'000'000)
+        contents += "other key = other value\n";
+    writeFile(PATH, contents + "key = value\n");
+    EXPECT_EQ(value("s", "key"), "value");
+}
+
+TEST_F(IniFile, ReadsWhatComesWhileItLooks) {
+    writeFile(PATH, "[s]\n");
+    afterStat = [] { writeFile(PATH, "[s]\nother = x\nkey = value\n"); };
+    EXPECT_EQ(value("s", "key"), "value");
+}
+
+TEST_F(IniFile, IsSilentAboutAFileThatCannotBeRead) {
+    const UniqueCString text(get_ini_conf_var("/proc/self/mem", "s", "key"));
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(errno, EIO);
 }
 
 TEST_F(IniFile, ReadsNoFurtherThanAZeroByteInALine) {
