@@ -77,19 +77,11 @@ int openNoSuperJournal(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, i
     return SQLITE_CANTOPEN;
 }
 
-// There is one thread, and nobody asks how much memory SQLite has taken. Together they are a tenth
-// of a restore's instructions. When SQLite is in use already it keeps both, which does no harm.
-void leaveOutWhatNobodyUses() noexcept {
-    (void)sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
-    (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
-}
-
 }  // namespace
 
 bool hardenSqlite() noexcept {
     if (systemOpen != nullptr)
         return true;
-    leaveOutWhatNobodyUses();
     sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
     if (vfs == nullptr || !replaceSystemCall(vfs, "open", openFile) ||
         !replaceSystemCall(vfs, "readlink", readLink) ||

@@ -16,8 +16,7 @@ namespace corvo::mail {
 /// stay the running user's, who alone may write them, so what a killed run leaves behind waits for
 /// root to roll it back; links are followed as utils/safe_path.h says, and foreign hard links are
 /// refused, as are shared memory that others may write and every super-journal (we attach no
-/// databases, so none is ours). False when that cannot be had. If SQLite was not in use before, it
-/// also does without mutexes and statistics of its memory from then on: one thread may use it.
+/// databases, so none is ours). False when that cannot be had.
 [[nodiscard]] bool hardenSqlite() noexcept;
 
 /// For one connection: the schema runs no code of its own (triggers, views, virtual tables,

@@ -50,8 +50,8 @@ void close(sqlite3* database) noexcept {
 int openHardened(const char* path, bool readOnly, sqlite3*& opened) noexcept {
     if (!hardenSqlite())
         return SQLITE_NOMEM;
-    return readOnly ? sqlite3_open_v2(path, &opened, SQLITE_OPEN_READONLY, nullptr)
-                    : sqlite3_open(path, &opened);
+    const int access = readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    return sqlite3_open_v2(path, &opened, access | SQLITE_OPEN_NOMUTEX, nullptr);
 }
 
 const char* errorOf(sqlite3* database) noexcept {

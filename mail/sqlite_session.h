@@ -6,7 +6,7 @@
 //
 // That opening, preparing, beginning or ending a transaction failed reads alike for every database
 // and is logged here, once, at priority 3. What a bind, a step or a script failed at is for the
-// caller to say. Nothing here throws.
+// caller to say. Nothing here throws. A session belongs to one thread at a time: it has no mutex.
 
 #pragma once
 

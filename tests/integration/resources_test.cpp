@@ -88,6 +88,18 @@ TEST_F(Resources, TenTimesTheMailboxesNeedNoMoreMemory) {
     EXPECT_LE(thousand, hundred + 132);
 }
 
+TEST_F(Resources, SqliteGoesWithoutMutexesAndMemoryStatistics) {
+    if (SANITIZED)
+        GTEST_SKIP() << "a sanitizer must be loaded before all else";
+    mailboxes(0, 1, 1);
+    const ProcessResult result = run(
+        {mailRebuildBinary()},
+        {{"LD_PRELOAD", preloadable(CORVO_SQLITE_REPORTER)}, {"CORVO_SQLITE_FILE", "/run/sqlite"}});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(quotaRows().size(), 1U);
+    EXPECT_EQ(contentsOf("/run/sqlite"), "mutexes 0, statistics 0");
+}
+
 TEST_F(Resources, ValgrindFindsNoErrorLeakOrOpenDescriptor) {
     if (SANITIZED)
         GTEST_SKIP() << "valgrind and a sanitizer exclude each other";

@@ -279,17 +279,4 @@ TEST_F(SqliteHardeningTest, HardeningTwiceIsHardeningOnce) {
     EXPECT_EQ(sqlite3_vfs_find(nullptr), first);
 }
 
-// Where SQLite was not in use before, as in the program.
-TEST_F(SqliteHardeningTest, SessionsGoWithoutMutexAndMemoryStatistics) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            const SqliteSession session(FILE_PATH.c_str(), SqliteAccess::readWrite);
-            const bool isLean = session && sqlite3_db_mutex(session.handle()) == nullptr &&
-                                sqlite3_memory_used() == 0;
-            std::exit(isLean ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
-}
-
 }  // namespace

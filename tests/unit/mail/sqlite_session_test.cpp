@@ -139,6 +139,11 @@ TEST_F(SqliteSessionTest, SetsBusyTimeout) {
     EXPECT_EQ(timeout.integer(0), 50);
 }
 
+TEST_F(SqliteSessionTest, HasNoMutex) {
+    EXPECT_EQ(sqlite3_db_mutex(open().handle()), nullptr);
+    EXPECT_EQ(sqlite3_db_mutex(openForReading().handle()), nullptr);
+}
+
 TEST_F(SqliteSessionTest, TrustsNoSchema) {
     const SqliteSession session = open();
     SqliteStatement trusted(session, "PRAGMA trusted_schema");
