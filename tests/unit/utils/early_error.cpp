@@ -1,5 +1,5 @@
-// A program that writes to corvo::uerr before main() begins and after it has ended. Linked first, so
-// that nothing of the library is made before it.
+// A program that writes to corvo::uerr before main() begins and after it has ended. Linked first,
+// so that nothing of the library is made before it.
 
 #include "utils/error_stream.h"
 
