@@ -1,7 +1,8 @@
 // Making the mail handlers database (mh_db_path), with its owner and mode.
 //
 // Functions return 0, or -1 on failure; the reason has then been logged, at priority 3 where none
-// is stated. None throws.
+// is stated. None throws. What opening a database changes in the process is what
+// mail/mail_user_db.h says.
 
 #pragma once
 

@@ -5,6 +5,10 @@
 // is stated. None throws. `db` is an open database, which stays open, or null: the function then
 // opens mh_db_path for itself, read-only where it only reads. A locked file is waited for without
 // limit. Records are not changed where nothing is said of it: their strings may then be borrowed.
+//
+// What opening mh_db_path changes in a process that uses SQLite for databases of its own is what
+// mail/mail_user_db.h says. An open database that is handed in changes nothing: it keeps the VFS,
+// the mutex and the rights of its schema that it has.
 
 #pragma once
 
@@ -47,7 +51,8 @@ int mh_db_action(sqlite3* db, const char* parameter, const char* statement) noex
 /// unless SQLite takes the whole transaction back (no space, I/O error): nothing is then changed,
 /// and what is logged is that callback's failure. One that ends the transaction itself does not
 /// stop the others either, but then there is nothing to end, which is logged and -1; unless it has
-/// begun another one, which is ended as the first.
+/// begun another one, which is ended as the first. A database that is opened here has no mutex: it
+/// is for the calling thread.
 int mh_db_do(mh_list* list, sqlite3* db, int (*callback)(sqlite3*, mh_data*)) noexcept;
 
 // Selections. They add to the list, which the caller has initialised and frees, in front: it ends

@@ -1,5 +1,12 @@
 // The mailbox quota user database: a SQLite file in which the mail server looks up each mailbox's
 // quota, one row per domain and mailbox. Names are stored in lower case.
+//
+// A process may use SQLite for databases of its own, too. The first operation adds a VFS,
+// "corvo-hardened", which is not the default one, and puts this library before SQLite's system
+// calls "open", "readlink", "fchmod" and "fchown"; those of other connections it hands on to what
+// stood there before. SQLite's table of them has no lock: with several threads, have the first
+// operation done before they use SQLite. Nothing else of SQLite changes, and connections opened
+// here have no mutex and belong to the calling thread.
 
 #pragma once
 

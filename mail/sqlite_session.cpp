@@ -48,10 +48,10 @@ void close(sqlite3* database) noexcept {
 }
 
 int openHardened(const char* path, bool readOnly, sqlite3*& opened) noexcept {
-    if (!hardenSqlite())
+    if (!registerHardenedVfs())
         return SQLITE_NOMEM;
     const int access = readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
-    return sqlite3_open_v2(path, &opened, access | SQLITE_OPEN_NOMUTEX, nullptr);
+    return sqlite3_open_v2(path, &opened, access | SQLITE_OPEN_NOMUTEX, HARDENED_VFS);
 }
 
 const char* errorOf(sqlite3* database) noexcept {

@@ -10,8 +10,9 @@
 namespace {
 
 using namespace corvo::test;
-using corvo::mail::hardenSqlite;
+using corvo::mail::HARDENED_VFS;
 using corvo::mail::MailUserDbHelper;
+using corvo::mail::registerHardenedVfs;
 using corvo::mail::SqliteAccess;
 using corvo::mail::SqliteSession;
 using corvo::mail::SqliteStatement;
@@ -191,6 +192,20 @@ TEST_F(SqliteHardeningTest, PipeInPlaceOfTheJournalDoesNotBlock) {
               "Unable to prepare SQL statement for query '" + REPLACE + "': disk I/O error\n");
 }
 
+TEST_F(SqliteHardeningTest, PipeInPlaceOfTheFolderDoesNotBlock) {
+    const ProcessResult child = runForked(
+        [] {
+            const SqliteSession session = open();
+            EXPECT_TRUE(session.begin());
+            EXPECT_EQ(SqliteStatement(session, INSERT.c_str()).step(), SqliteStep::done);
+            std::filesystem::rename(FOLDER, FOLDER + ".away");
+            checkCall(::mkfifo(FOLDER.c_str(), 0666), "mkfifo");
+            (void)session.end();
+        },
+        20);
+    EXPECT_FALSE(child.timedOut);
+}
+
 // Write-ahead logs.
 
 TEST_F(SqliteHardeningTest, LogAndItsSharedMemoryAreWritableByTheirMakerAlone) {
@@ -273,10 +288,12 @@ TEST_F(SqliteHardeningTest, SchemaCannotBeWrittenPastItsStatements) {
 // The whole process.
 
 TEST_F(SqliteHardeningTest, HardeningTwiceIsHardeningOnce) {
-    EXPECT_TRUE(hardenSqlite());
-    const sqlite3_vfs* const first = sqlite3_vfs_find(nullptr);
-    EXPECT_TRUE(hardenSqlite());
-    EXPECT_EQ(sqlite3_vfs_find(nullptr), first);
+    EXPECT_TRUE(registerHardenedVfs());
+    const sqlite3_vfs* const first = sqlite3_vfs_find(HARDENED_VFS);
+    const sqlite3_vfs* const usual = sqlite3_vfs_find(nullptr);
+    EXPECT_TRUE(registerHardenedVfs());
+    EXPECT_EQ(sqlite3_vfs_find(HARDENED_VFS), first);
+    EXPECT_EQ(sqlite3_vfs_find(nullptr), usual);
 }
 
 }  // namespace
