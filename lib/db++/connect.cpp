@@ -113,6 +113,16 @@ bool readCredentials(Credentials& credentials, char* errbuf, std::size_t size) n
     return credentials.password != nullptr;
 }
 
+// A handle that answers no request of a server's for a file of this machine. Null when there is no
+// memory.
+UniqueHandle newHandle() noexcept {
+    UniqueHandle handle(mysql_init(nullptr));
+    constexpr unsigned int OFF = 0;
+    if (handle)
+        mysql_options(handle.get(), MYSQL_OPT_LOCAL_INFILE, &OFF);
+    return handle;
+}
+
 bool connectWith(const Credentials& credentials, st_mysql* handle) noexcept {
     const long port = std::strtol(valueOr(credentials.port, "0"), nullptr, 10);
     return mysql_real_connect(handle, valueOr(credentials.host, "localhost"),
@@ -135,7 +145,7 @@ st_mysql* corvo_db_connect_raw_ex(char* errbuf, std::size_t size) noexcept {
     Credentials credentials;
     if (!readCredentials(credentials, errbuf, size))
         return nullptr;
-    UniqueHandle handle(mysql_init(nullptr));
+    UniqueHandle handle = newHandle();
     if (!handle) {
         errno = ENOMEM;
         explain(errbuf, size, "Unable to initialize MySQL connection structure: %s",

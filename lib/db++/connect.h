@@ -4,6 +4,7 @@
 // Each function returns a handle (the caller closes it with mysql_close), or null with the reason
 // as text in `errbuf` of `size` bytes, cut to fit. When a system call failed errno is that call's,
 // and ENOMEM when memory ran out. Nothing is retried or, but for db_connect, printed. None throws.
+// No server that is connected to gets a file of this machine, whatever it asks for.
 //
 // The DSN file's section "corvo" may hold host ("localhost"), port (0: the client's default),
 // username ("admin"), password (the first line of the other file) and dbname ("vhc"). A key with an

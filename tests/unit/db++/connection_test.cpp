@@ -247,6 +247,14 @@ TEST_F(ConnectionTest, NamesTheStatementThatFailed) {
               failure + "SELECT v FROM nowhere");
 }
 
+TEST_F(ConnectionTest, GivesTheServerNoFileOfThisMachine) {
+    ASSERT_EQ(valueOf("SELECT @@local_infile AS v"), "1") << "the server would take it";
+    const std::string statement = "LOAD DATA LOCAL INFILE '/etc/passwd' INTO TABLE badmailfrom";
+    EXPECT_THAT(failureOf([&] { exec(statement); }),
+                MatchesRegex("MySQL error 4166: .* executing query: " + statement));
+    EXPECT_EQ(valueOf("SELECT COUNT(*) AS v FROM badmailfrom"), "0");
+}
+
 TEST_F(ConnectionTest, KeepsNoTextOfAFailedStatement) {
     EXPECT_THROW(exec("nonsense"), mError);
     EXPECT_EQ(valueOf("SELECT 'clean' AS v"), "clean");
