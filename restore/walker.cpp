@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "lib/db++/connection.h"
 #include "restore/domain_cycle.h"
@@ -76,9 +77,14 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks) {
 void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, Connection& connection) {
     isDebug = isDebugWanted();
     progress("Restoring Mail Server Entities from Corvo DB:\n");
+    bool isFirst = true;
     for (const Step& step : STEPS) {
-        if (step.isWanted(callbacks))
-            step.run(step.label, [&] { step.restore(callbacks, connection); });
+        if (!step.isWanted(callbacks))
+            continue;
+        // A step may take longer than the server bears with an idle connection.
+        if (!std::exchange(isFirst, false))
+            connection.reopenIfLost();
+        step.run(step.label, [&] { step.restore(callbacks, connection); });
     }
 }
 

@@ -16,8 +16,9 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks);
 /// Reads every entity for which a slot is bound, in a fixed order, and reports it. A failure
 /// derived from std::exception ends the innermost stage that it happens in, is written to standard
 /// error (one line, "... failed (<text>), ignored"), and the walk goes on; anything else leaves the
-/// walk. With CORVO_INSTALLER_DEBUG set to anything but "0" the walk tells its progress on standard
-/// error.
+/// walk. Where the server has ended a connection that `connection` owns while a step was at work,
+/// the next step gets a new one. With CORVO_INSTALLER_DEBUG set to anything but "0" the walk tells
+/// its progress on standard error.
 void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, mysql::Connection& connection);
 
 }  // namespace corvo::mail::restore

@@ -123,6 +123,10 @@ UniqueHandle newHandle() noexcept {
     return handle;
 }
 
+bool speakUtf8(st_mysql* handle) noexcept {
+    return mysql_query(handle, "SET NAMES utf8") == 0;
+}
+
 bool connectWith(const Credentials& credentials, st_mysql* handle) noexcept {
     const long port = std::strtol(valueOr(credentials.port, "0"), nullptr, 10);
     return mysql_real_connect(handle, valueOr(credentials.host, "localhost"),
@@ -165,7 +169,7 @@ st_mysql* corvo_db_connect_raw(char* errbuf, std::size_t size) noexcept {
 
 st_mysql* corvo_db_connect_ex(char* errbuf, std::size_t size) noexcept {
     st_mysql* handle = corvo_db_connect_raw(errbuf, size);
-    if (handle == nullptr || mysql_query(handle, "SET NAMES utf8") == 0)
+    if (handle == nullptr || speakUtf8(handle))
         return handle;
     const unsigned int number = mysql_errno(handle);
     if (number == 0)
@@ -190,4 +194,14 @@ st_mysql* db_connect() noexcept {
     if (handle == nullptr)
         messlog2(0, 0, "%s", message);
     return handle;
+}
+
+st_mysql* corvo_db_connect_again(const st_mysql* lost) noexcept {
+    UniqueHandle handle = newHandle();
+    if (handle &&
+        mysql_real_connect(handle.get(), lost->host, lost->user, lost->passwd, lost->db, lost->port,
+                           lost->unix_socket, 0) != nullptr &&
+        speakUtf8(handle.get()))
+        return handle.release();
+    return nullptr;
 }

@@ -29,3 +29,7 @@ st_mysql* corvo_db_connect(char* errbuf, std::size_t size) noexcept;
 st_mysql* db_connect_nothrow(char* errbuf, std::size_t size) noexcept;
 /// The same; the reason of a failure is printed through messlog2.
 st_mysql* db_connect() noexcept;
+
+/// Connects as `lost` was connected: with its credentials, to its server and database; and "SET
+/// NAMES utf8". Null, and not a word, on failure; `lost` is the caller's either way.
+st_mysql* corvo_db_connect_again(const st_mysql* lost) noexcept;

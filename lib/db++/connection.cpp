@@ -56,6 +56,16 @@ void Connection::open() {
         throw mError("connection failed");
 }
 
+void Connection::reopenIfLost() noexcept {
+    if (!owns || handle == nullptr)
+        return;
+    const ErrnoGuard keepErrno;
+    if (mysql_ping(handle) == 0)
+        return;
+    if (st_mysql* fresh = corvo_db_connect_again(handle))
+        mysql_close(std::exchange(handle, fresh));
+}
+
 std::string Connection::escape(const char* text, std::size_t length) {
     if (handle == nullptr)
         throw mError(handle, " escaping a text");

@@ -35,6 +35,11 @@ public:
     /// the reason has then been printed.
     void open();
 
+    /// For a connection that was idle: looks whether it lives, and opens it anew, with the same
+    /// credentials, when it does not. Not a word is said when that fails; the next statement fails
+    /// then, and the next call tries again. Leaves a borrowed connection and a closed one alone.
+    void reopenIfLost() noexcept;
+
     /// `text` escaped for use between single quotes. A length of 0 stands for the string's length.
     /// Throws std::bad_alloc when the text is too long, and mError "Unknown error\n escaping a
     /// text" when the connection is not open.

@@ -93,6 +93,11 @@ inline const std::vector<Reason> REASONS = {
      Tree::either,
      {.runs = 12},
      "The C++ runtime is loaded and made ready, and the standard descriptors are seen to."},
+    {{"sendto", "recvfrom"},
+     Tree::either,
+     {.runs = 1},
+     "Before its last step the walk asks whether the server has kept the connection, which idled "
+     "during the first."},
     {{"rt_sigaction"}, Tree::either, {.runs = 2}, "Two signals are ignored."},
     {{"open", "close", "flock"}, Tree::either, {.runs = 1}, "A full run waits for another's end."},
 };

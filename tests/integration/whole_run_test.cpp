@@ -6,17 +6,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <future>
 #include <sstream>
 #include <string>
 
 #include "tests/support/files.h"
 #include "tests/support/installation.h"
+#include "tests/support/killed_connection.h"
 #include "tests/support/panel.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/sqlite.h"
+#include "utils/file_lock.h"
 
 namespace corvo::test {
 namespace {
@@ -25,6 +29,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
+using namespace std::chrono_literals;
 
 // The installer's foreign handler, and what a run adds to it.
 const std::string SPAM_ROW =
@@ -264,6 +269,27 @@ TEST_F(WholeRun, RejectionSettingsDecideTheHandlerRecords) {
 
     panel.misc("reject_mail_when_overquota", "false");
     mailRebuild({"--fast"});
+    EXPECT_THAT(handlerRows(), ElementsAre(SPAM_ROW));
+}
+
+TEST_F(WholeRun, ObeysThePanelWhenTheServerEndedItsConnectionsMeanwhile) {
+    panel.domain("example.com").mailname("info");
+    panel.misc("reject_mail_when_overquota", "false");
+    const std::string qmail = home("info", "example.com") + "/.qmail";
+    lock_handle* const lock = mk_lock(qmail.c_str(), 1);
+    auto running = std::async(std::launch::async, [] { return mailRebuild({"--all"}); });
+    // The file is made before the lock on it is waited for, and after the domain was asked for.
+    while (!exists(qmail) && running.wait_for(0s) != std::future_status::ready) {
+    }
+    for (const std::string& id : panel.query(
+             "SELECT id FROM information_schema.processlist WHERE user='" + panel.user() + "'"))
+        killConnection(panel, id);
+
+    EXPECT_EQ(rm_lock(lock), 0);
+    const ProcessResult result = running.get();
+
+    EXPECT_EQ(result.err, debugQuota(-1));
+    EXPECT_EQ(result.out, "");
     EXPECT_THAT(handlerRows(), ElementsAre(SPAM_ROW));
 }
 

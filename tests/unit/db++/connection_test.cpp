@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <mysql.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <filesystem>
@@ -12,12 +13,15 @@
 #include "lib/db++/connect.h"
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
+#include "tests/support/killed_connection.h"
 #include "tests/unit/db++/database_test.h"
 
 namespace corvo::mysql::test {
 namespace {
 
+using corvo::test::killConnection;
 using corvo::test::openDescriptors;
+using corvo::test::PanelDatabase;
 using corvo::test::StreamCapture;
 using ::testing::MatchesRegex;
 using namespace std::string_literals;
@@ -293,6 +297,118 @@ TEST_F(ConnectionTest, ReportsAConnectionThatWasLostBefore) {
                 MatchesRegex("MySQL error (2006: Server has gone away|"
                              "2013: Lost connection to server during query|"
                              "1927: Connection was killed) executing query: SELECT 1 AS v"));
+}
+
+// Idle connections
+
+class LostConnectionTest : public ConnectionTest {
+protected:
+    static std::string idOf(Connection& any) { return valueOf(any, "SELECT CONNECTION_ID() AS v"); }
+
+    /// Has the server end the connection, and waits until it has.
+    std::string kill(Connection& any) {
+        const std::string id = idOf(any);
+        killConnection(panel, id);
+        return id;
+    }
+
+    static st_mysql* connectAsRoot() {
+        st_mysql* handle = mysql_init(nullptr);
+        return mysql_real_connect(handle, "localhost", "root", "", "mysql", 0,
+                                  PanelDatabase::socket().c_str(), 0);
+    }
+
+    static void expectLost(Connection& any) {
+        EXPECT_THAT(failureOf([&] { idOf(any); }),
+                    MatchesRegex("MySQL error (2006: Server has gone away|"
+                                 "2013: Lost connection to server during query|"
+                                 "1927: Connection was killed) "
+                                 "executing query: SELECT CONNECTION_ID\\(\\) AS v"));
+    }
+};
+
+TEST_F(LostConnectionTest, IsOpenedAnew) {
+    const int descriptors = openDescriptors();
+    const std::string former = kill(connection);
+
+    connection.reopenIfLost();
+
+    EXPECT_NE(connectionId(), former);
+    EXPECT_EQ(valueOf("SELECT CONCAT(USER(), ' ', DATABASE()) AS v"),
+              panel.user() + "@localhost " + panel.name());
+    EXPECT_EQ(valueOf("SELECT @@character_set_client AS v"), "utf8mb3");
+    EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST_F(LostConnectionTest, IsOpenedWithTheCredentialsThatItHad) {
+    Connection roots(connectAsRoot(), true);
+    kill(roots);
+
+    roots.reopenIfLost();
+
+    EXPECT_EQ(valueOf(roots, "SELECT CONCAT(USER(), ' ', DATABASE()) AS v"),
+              "root@localhost mysql");
+    EXPECT_EQ(valueOf(roots, "SELECT @@character_set_client AS v"), "utf8mb3");
+}
+
+TEST_F(LostConnectionTest, NeedsNoCredentialFileAgain) {
+    kill(connection);
+    std::filesystem::remove("/etc/vhc/.vhc.shadow");
+    std::filesystem::remove("/etc/vhc/private/dsn.ini");
+    const StreamCapture nothingIsPrinted;
+
+    connection.reopenIfLost();
+
+    EXPECT_EQ(valueOf("SELECT USER() AS v"), panel.user() + "@localhost");
+}
+
+TEST_F(LostConnectionTest, SendsNoFileAfterwardsEither) {
+    kill(connection);
+    connection.reopenIfLost();
+    EXPECT_THROW(exec("LOAD DATA LOCAL INFILE '/etc/passwd' INTO TABLE badmailfrom"), mError);
+}
+
+TEST_F(LostConnectionTest, FailsInTheNextStatementWhenItCannotBeOpenedAndIsTriedAgain) {
+    kill(connection);
+    std::filesystem::remove(PanelDatabase::SOCKET_LINK);
+    const StreamCapture nothingIsPrinted;
+    for (int i = 0; i < 3; ++i) {
+        errno = EXDEV;
+        connection.reopenIfLost();
+        EXPECT_EQ(errno, EXDEV);
+        expectLost(connection);
+    }
+    corvo::test::makeLink(PanelDatabase::socket(), PanelDatabase::SOCKET_LINK);
+
+    connection.reopenIfLost();
+
+    EXPECT_EQ(valueOf("SELECT USER() AS v"), panel.user() + "@localhost");
+}
+
+TEST_F(LostConnectionTest, StaysLostWhenItIsBorrowed) {
+    st_mysql* handle = connectAsRoot();
+    Connection borrowed(handle, false);
+    kill(borrowed);
+
+    borrowed.reopenIfLost();
+
+    expectLost(borrowed);
+    mysql_close(handle);
+}
+
+TEST_F(ConnectionTest, StaysClosedWhenItWasNeverOpened) {
+    const int descriptors = openDescriptors();
+    Connection closed(false);
+    closed.reopenIfLost();
+    EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST_F(ConnectionTest, StaysAsItIsWhileItLives) {
+    const std::string id = connectionId();
+    exec("SET @kept=1");
+    connection.reopenIfLost();
+    EXPECT_EQ(connectionId(), id);
+    EXPECT_EQ(valueOf("SELECT @kept AS v"), "1");
 }
 
 }  // namespace

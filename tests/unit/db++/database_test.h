@@ -14,8 +14,10 @@ namespace corvo::mysql::test {
 class DatabaseTest : public corvo::test::SandboxTest {
 protected:
     /// The value of the column `v` in a statement's first row.
-    std::string valueOf(const std::string& statement) {
-        Result result = connection << statement << Query::fetch;
+    std::string valueOf(const std::string& statement) { return valueOf(connection, statement); }
+
+    static std::string valueOf(Connection& any, const std::string& statement) {
+        Result result = any << statement << Query::fetch;
         Result::row_t row;
         return result.fetch(&row) ? row["v"].value : "no row";
     }

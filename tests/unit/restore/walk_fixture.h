@@ -12,6 +12,7 @@
 #include "lib/db++/connection.h"
 #include "restore/walker.h"
 #include "tests/support/capture.h"
+#include "tests/support/killed_connection.h"
 #include "tests/support/panel.h"
 #include "tests/support/recorder.h"
 #include "tests/support/sandbox.h"
@@ -118,8 +119,7 @@ protected:
     /// Has the server end the program's connections, and waits until it has.
     void killConnections() {
         for (const std::string& id : connections())
-            panel.execute("KILL " + id);
-        waitUntilDisconnected();
+            killConnection(panel, id);
     }
 
     PanelDatabase panel;

@@ -102,4 +102,26 @@ TEST_F(WalkerStatementsTest, WalkOfOneSlotAsksForNothingElse) {
     }
 }
 
+TEST_F(WalkerStatementsTest, ConnectionInPlaceOfALostOneIsAskedForItsCharactersAndTheNextStep) {
+    fill();
+    Recorder recorder{"registerDomain", "addWhiteListNetwork", "setSubmissionEnabled",
+                      "restoreRecipientCanonical"};
+    recorder.on("addWhiteListNetwork", [this] { killConnections(); });
+    GeneralLog log(panel);
+    EXPECT_EQ(walk(recorder), Printed{});
+    const std::vector<std::string> expected = {
+        "1. SET NAMES utf8",
+        "1. " + statement::DOMAINS,
+        "2. SET NAMES utf8",
+        "2. " + statement::mailnames(domain),
+        "3. SET NAMES utf8",
+        "4. SET NAMES utf8",
+        "1. " + statement::WHITE_LIST,
+        "5. SET NAMES utf8",
+        "5. " + statement::mailServer("message_submission"),
+    };
+    EXPECT_EQ(log.statements(), expected);
+    EXPECT_EQ(log.connections(), 5U);
+}
+
 }  // namespace

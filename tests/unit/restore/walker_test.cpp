@@ -1,9 +1,15 @@
 #include "restore/walker.h"
 
 #include <gtest/gtest.h>
+#include <mysql.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <initializer_list>
 #include <new>
+#include <string>
 
+#include "lib/db++/connect.h"
 #include "tests/support/killed_connection.h"
 #include "tests/unit/restore/walk_fixture.h"
 
@@ -297,25 +303,68 @@ TEST_F(WalkerTest, GivenConnectionIsUsedAndStaysOpen) {
               (Calls{"enableRejectOverquota(true, false)", "enableRejectOverquota(true, false)"}));
 }
 
-TEST_F(WalkerTest, KilledConnectionFailsTheStepsThatNeedItAndNoOther) {
+TEST_F(WalkerTest, ConnectionThatIsLostDuringAStepIsReplacedBeforeTheNextOne) {
     fill();
-    Recorder recorder{"registerDomain", "registerDomainCertificate", "setSmtpRelayAndAuth",
-                      "enableRejectOverquota", "restoreRecipientCanonical"};
-    recorder.on("registerDomain", [this] { killConnections(); });
-    const std::string gone = errorOfKilledConnection(panel) + " executing query: ";
-    const auto getterWarning = [&gone](const std::string& name) {
-        return warning("Warning: MySQL Error on Mail Authentication Type query: " + gone +
+    panel.misc("reject_mail_when_overquota", "false");
+    panel.misc("reject_mail_when_overquota_with_permfail", "true");
+    Recorder recorder;
+    recorder.bindAll();
+    for (const char* slot : {"registerMailbox", "registerDomainCertificate", "setRBLServers",
+                             "setSubmissionEnabled", "setShortNamesAuth"})
+        recorder.on(slot, [this] { killConnections(); });
+    Calls calls = EVERYTHING;
+    std::ranges::replace(calls, "enableRejectOverquota(true, false)",
+                         "enableRejectOverquota(false, true)");
+    expectWalk(recorder, calls);
+}
+
+/// The slots of steps that all ask the database but the last one, and what the steps between the
+/// first and the last one say when they cannot.
+const std::initializer_list<std::string> ASKING_SLOTS = {
+    "addWhiteListNetwork", "addBlackListedDomain", "setSmtpRelayAndAuth", "enableRejectOverquota",
+    "restoreRecipientCanonical"};
+
+Printed failuresOfSteps(const std::string& gone) {
+    const std::string error = gone + " executing query: ";
+    const auto getterWarning = [&error](const std::string& name) {
+        return warning("Warning: MySQL Error on Mail Authentication Type query: " + error +
                        statement::misc(name) + ", ignored");
     };
-    expectWalk(recorder,
-               {R"(registerDomain("example.com", false))", "enableRejectOverquota(true, false)",
-                "restoreRecipientCanonical()"},
-               warning("Warning: MySQL Query error on top Domains Certificates cycle: " + gone +
-                       statement::CERTIFICATES + ", ignored") +
-                   failure(" restoring SMTP Relaying and Authentication options failed (" + gone +
-                           statement::mailServer("relay") + "), ignored") +
-                   getterWarning("reject_mail_when_overquota_with_permfail") +
-                   getterWarning("reject_mail_when_overquota"));
+    return warning("Warning: MySQL Query error on Blacklisted Domains cycle: " + error +
+                   statement::BLACK_LIST + ", ignored") +
+           failure(" restoring SMTP Relaying and Authentication options failed (" + error +
+                   statement::mailServer("relay") + "), ignored") +
+           getterWarning("reject_mail_when_overquota_with_permfail") +
+           getterWarning("reject_mail_when_overquota");
+}
+
+const Calls CALLS_WITHOUT_ANSWERS = {R"(addWhiteListNetwork("192.0.2.0", 24))",
+                                     "enableRejectOverquota(true, false)",
+                                     "restoreRecipientCanonical()"};
+
+TEST_F(WalkerTest, LostConnectionThatCannotBeReplacedFailsTheStepsThatNeedItAndNoOther) {
+    fill();
+    Recorder recorder{ASKING_SLOTS};
+    recorder.on("addWhiteListNetwork", [this] {
+        std::filesystem::remove(PanelDatabase::SOCKET_LINK);
+        killConnections();
+    });
+    expectWalk(recorder, CALLS_WITHOUT_ANSWERS, failuresOfSteps(errorOfKilledConnection(panel)));
+}
+
+TEST_F(WalkerTest, LostConnectionOfTheCallersStaysLost) {
+    fill();
+    st_mysql* const handle = db_connect();
+    Connection borrowed(handle, false);
+    Recorder recorder{ASKING_SLOTS};
+    recorder.on("addWhiteListNetwork", [this] { killConnections(); });
+    StreamCapture capture;
+    walkMailServerEntities(recorder.callbacks, borrowed);
+    EXPECT_EQ((Printed{capture.out(), capture.err()}),
+              failuresOfSteps(errorOfKilledConnection(panel)));
+    EXPECT_EQ(recorder.lines(), CALLS_WITHOUT_ANSWERS);
+    EXPECT_EQ(connections(), std::vector<std::string>{});
+    mysql_close(handle);
 }
 
 TEST_F(WalkerTest, SlotsThatDoNotFeedTheDomainCycleDoNotRunIt) {
