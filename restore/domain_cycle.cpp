@@ -4,6 +4,7 @@
 #include <string>
 
 #include "restore/mailname_cycle.h"
+#include "restore/patient_connector.h"
 #include "restore/rows.h"
 #include "restore/stage.h"
 #include "utils/idn.h"
@@ -116,9 +117,9 @@ void restoreAliases(const Domain& domain, MailsrvEntitiesCallbacks& callbacks,
 }
 
 void restoreMailnames(const Domain& domain, MailsrvEntitiesCallbacks& callbacks,
-                      Connection& connection) {
+                      Connection& connection, PatientConnector& connector) {
     runCycleStage("  executing mailnames restoration cycle for " + domain.name,
-                  [&] { processMailnamesCycle(domain, callbacks, connection); });
+                  [&] { processMailnamesCycle(domain, callbacks, connection, connector); });
 }
 
 }  // namespace
@@ -132,16 +133,17 @@ void processDomainCycle(MailsrvEntitiesCallbacks& callbacks, Connection& connect
               "   WHERE d.id=s.dom_id AND s.type='mail' "
               "     AND p.id=s.parameters_id AND p.parameter='nonexist_mail'",
               {.name = "top Domains cycle", .skipMark = "!"});
+    PatientConnector connector;
     Row row;
     while (rows.next(row)) {
         progress("+");
         const Domain domain = readDomain(row);
         if (!registerBasics(domain, callbacks))
             continue;
-        Connection inner(true);
+        Connection inner = connector.open();
         restoreCatchall(domain, callbacks, inner);
         restoreAliases(domain, callbacks, inner);
-        restoreMailnames(domain, callbacks, inner);
+        restoreMailnames(domain, callbacks, inner, connector);
     }
 }
 

@@ -125,7 +125,7 @@ void restoreGroupForwards(const Mailname& mailname, const Domain& domain,
 }  // namespace
 
 void processMailnamesCycle(const Domain& domain, MailsrvEntitiesCallbacks& callbacks,
-                           Connection& connection) {
+                           Connection& connection, PatientConnector& connector) {
     const long long defaultQuota =
         callbacks.setMailboxQuota ? readDefaultQuota(domain, connection) : NO_QUOTA;
     Rows rows(connection,
@@ -139,7 +139,7 @@ void processMailnamesCycle(const Domain& domain, MailsrvEntitiesCallbacks& callb
         registerMailname(mailname, domain, callbacks);
         registerMailbox(mailname, domain, callbacks);
         restoreQuota(mailname, domain, defaultQuota, callbacks);
-        Connection inner(true);
+        Connection inner = connector.open();
         restoreAliases(mailname, domain, callbacks, inner);
         restoreGroupForwards(mailname, domain, callbacks, inner);
     }

@@ -1,7 +1,9 @@
 #include "lib/db++/connect.h"
 
+#include <errmsg.h>
 #include <fcntl.h>
 #include <mysql.h>
+#include <mysqld_error.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -26,9 +28,6 @@ using corvo::UniqueFd;
 constexpr const char* DSN_FILE = "/etc/vhc/private/dsn.ini";
 constexpr const char* ADMIN_PASSWORD_FILE = "/etc/vhc/.vhc.shadow";
 
-// Enough for every message here, the client's own texts included.
-constexpr std::size_t MESSAGE_SIZE = 4097;
-
 struct HandleCloser {
     void operator()(st_mysql* handle) const noexcept {
         const ErrnoGuard keepErrno;
@@ -45,13 +44,20 @@ struct Credentials {
     UniqueCString dbname;
 };
 
+// Where a failure is explained.
+struct Failure {
+    char* errbuf;
+    std::size_t size;
+    unsigned int number = 0;  // the client's error number; 0 when another call failed
+};
+
 // Writes the reason of a failure for the caller; errno stays what it was.
-__attribute__((format(printf, 3, 4))) void explain(char* errbuf, std::size_t size,
-                                                   const char* format, ...) noexcept {
+__attribute__((format(printf, 2, 3))) void explain(const Failure& failure, const char* format,
+                                                   ...) noexcept {
     const ErrnoGuard keepErrno;
     va_list arguments;
     va_start(arguments, format);
-    (void)std::vsnprintf(errbuf, size, format, arguments);
+    (void)std::vsnprintf(failure.errbuf, failure.size, format, arguments);
     va_end(arguments);
 }
 
@@ -65,8 +71,8 @@ bool readDsn(Credentials& credentials) noexcept {
     return get_ini_conf_vars(DSN_FILE, "corvo", wanted) == 0 || errno != ENOMEM;
 }
 
-void explainNoMemory(char* errbuf, std::size_t size) noexcept {
-    explain(errbuf, size, "Unable to allocate memory for password");
+void explainNoMemory(const Failure& failure) noexcept {
+    explain(failure, "Unable to allocate memory for password");
 }
 
 const char* valueOr(const UniqueCString& value, const char* fallback) noexcept {
@@ -74,28 +80,28 @@ const char* valueOr(const UniqueCString& value, const char* fallback) noexcept {
 }
 
 // The first line of the admin password file. Null on failure, explained and with errno.
-UniqueCString readAdminPassword(char* errbuf, std::size_t size) noexcept {
+UniqueCString readAdminPassword(const Failure& failure) noexcept {
     const UniqueFd file(::open(ADMIN_PASSWORD_FILE, O_RDONLY | O_CLOEXEC));  // root-owned path
     if (!file) {
-        explain(errbuf, size, "Unable to open admin password file: %s", std::strerror(errno));
+        explain(failure, "Unable to open admin password file: %s", std::strerror(errno));
         return nullptr;
     }
     struct stat status {};
     if (::stat(ADMIN_PASSWORD_FILE, &status) != 0) {
-        explain(errbuf, size, "Unable to get admin password file stat: %s", std::strerror(errno));
+        explain(failure, "Unable to get admin password file stat: %s", std::strerror(errno));
         return nullptr;
     }
     const auto length = static_cast<std::size_t>(status.st_size);
     UniqueCString password(static_cast<char*>(std::calloc(length + 1, 1)));
     if (!password) {
-        explainNoMemory(errbuf, size);
+        explainNoMemory(failure);
         return nullptr;
     }
     const ssize_t got = read_fully(file.get(), password.get(), length);
     if (got < 0 || (got == 0 && length > 0)) {  // not to be read, or emptied just now
         if (got == 0)
             errno = ENODATA;
-        explain(errbuf, size, "Unable to read admin password file: %s", std::strerror(errno));
+        explain(failure, "Unable to read admin password file: %s", std::strerror(errno));
         return nullptr;
     }
     password.get()[std::strcspn(password.get(), "\n")] = '\0';
@@ -103,13 +109,13 @@ UniqueCString readAdminPassword(char* errbuf, std::size_t size) noexcept {
 }
 
 // False on failure, explained and with errno.
-bool readCredentials(Credentials& credentials, char* errbuf, std::size_t size) noexcept {
+bool readCredentials(Credentials& credentials, const Failure& failure) noexcept {
     if (!readDsn(credentials)) {
-        explainNoMemory(errbuf, size);
+        explainNoMemory(failure);
         return false;
     }
     if (!credentials.password)
-        credentials.password = readAdminPassword(errbuf, size);
+        credentials.password = readAdminPassword(failure);
     return credentials.password != nullptr;
 }
 
@@ -136,63 +142,117 @@ bool connectWith(const Credentials& credentials, st_mysql* handle) noexcept {
 }
 
 // A handle on which an error is set is closed; the answer is then null.
-st_mysql* closeOnError(st_mysql* handle) noexcept {
+st_mysql* closeOnError(st_mysql* handle, Failure& failure) noexcept {
     UniqueHandle owned(handle);
-    if (owned && mysql_errno(handle) != 0)
+    if (owned)
+        failure.number = mysql_errno(handle);
+    if (failure.number != 0)
         owned.reset();
     return owned.release();
 }
 
-}  // namespace
+// The layers of the family; each explains its failures.
 
-st_mysql* corvo_db_connect_raw_ex(char* errbuf, std::size_t size) noexcept {
+st_mysql* connectRawEx(Failure& failure) noexcept {
     Credentials credentials;
-    if (!readCredentials(credentials, errbuf, size))
+    if (!readCredentials(credentials, failure))
         return nullptr;
     UniqueHandle handle = newHandle();
     if (!handle) {
         errno = ENOMEM;
-        explain(errbuf, size, "Unable to initialize MySQL connection structure: %s",
+        explain(failure, "Unable to initialize MySQL connection structure: %s",
                 std::strerror(ENOMEM));
         return nullptr;
     }
     if (!connectWith(credentials, handle.get())) {
-        explain(errbuf, size, "Unable to connect to Corvo Database: %s", mysql_error(handle.get()));
+        failure.number = mysql_errno(handle.get());
+        explain(failure, "Unable to connect to Corvo Database: %s", mysql_error(handle.get()));
         return nullptr;
     }
     return handle.release();
 }
 
-st_mysql* corvo_db_connect_raw(char* errbuf, std::size_t size) noexcept {
-    return closeOnError(corvo_db_connect_raw_ex(errbuf, size));
+st_mysql* connectRaw(Failure& failure) noexcept {
+    return closeOnError(connectRawEx(failure), failure);
 }
 
-st_mysql* corvo_db_connect_ex(char* errbuf, std::size_t size) noexcept {
-    st_mysql* handle = corvo_db_connect_raw(errbuf, size);
+st_mysql* connectEx(Failure& failure) noexcept {
+    st_mysql* handle = connectRaw(failure);
     if (handle == nullptr || speakUtf8(handle))
         return handle;
     const unsigned int number = mysql_errno(handle);
     if (number == 0)
-        explain(errbuf, size, "DB error (%s): unknown error", "set names query");
+        explain(failure, "DB error (%s): unknown error", "set names query");
     else
-        explain(errbuf, size, "DB error (%s) %u: %s", "set names query", number,
-                mysql_error(handle));
+        explain(failure, "DB error (%s) %u: %s", "set names query", number, mysql_error(handle));
     return handle;
 }
 
+st_mysql* connect(Failure& failure) noexcept {
+    return closeOnError(connectEx(failure), failure);
+}
+
+// A layer for a caller that wants the reason alone.
+st_mysql* runLayer(st_mysql* (*layer)(Failure&), char* errbuf, std::size_t size) noexcept {
+    Failure failure{errbuf, size};
+    return layer(failure);
+}
+
+}  // namespace
+
+st_mysql* corvo_db_connect_raw_ex(char* errbuf, std::size_t size) noexcept {
+    return runLayer(connectRawEx, errbuf, size);
+}
+
+st_mysql* corvo_db_connect_raw(char* errbuf, std::size_t size) noexcept {
+    return runLayer(connectRaw, errbuf, size);
+}
+
+st_mysql* corvo_db_connect_ex(char* errbuf, std::size_t size) noexcept {
+    return runLayer(connectEx, errbuf, size);
+}
+
 st_mysql* corvo_db_connect(char* errbuf, std::size_t size) noexcept {
-    return closeOnError(corvo_db_connect_ex(errbuf, size));
+    return runLayer(connect, errbuf, size);
 }
 
 st_mysql* db_connect_nothrow(char* errbuf, std::size_t size) noexcept {
     return corvo_db_connect(errbuf, size);
 }
 
+st_mysql* corvo_db_attempt(db_connect_failure& failure) noexcept {
+    failure.reason[0] = '\0';
+    Failure told{failure.reason, sizeof failure.reason};
+    st_mysql* handle = connect(told);
+    failure.number = told.number;
+    return handle;
+}
+
+void print_db_connect_failure(const db_connect_failure& failure) noexcept {
+    messlog2(0, 0, "%s", failure.reason);
+}
+
+bool may_pass_by_itself(const db_connect_failure& failure) noexcept {
+    switch (failure.number) {
+        case ER_CON_COUNT_ERROR:
+        case ER_TOO_MANY_USER_CONNECTIONS:
+        case ER_USER_LIMIT_REACHED:
+        case CR_CONNECTION_ERROR:
+        case CR_CONN_HOST_ERROR:
+        case CR_SERVER_GONE_ERROR:
+        case CR_SERVER_LOST:
+        case CR_SERVER_LOST_EXTENDED:
+            return true;
+        default:
+            return false;
+    }
+}
+
 st_mysql* db_connect() noexcept {
-    char message[MESSAGE_SIZE] = "";
-    st_mysql* handle = db_connect_nothrow(message, sizeof message);
+    db_connect_failure failure;
+    st_mysql* handle = corvo_db_attempt(failure);
     if (handle == nullptr)
-        messlog2(0, 0, "%s", message);
+        print_db_connect_failure(failure);
     return handle;
 }
 

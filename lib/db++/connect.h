@@ -30,6 +30,20 @@ st_mysql* db_connect_nothrow(char* errbuf, std::size_t size) noexcept;
 /// The same; the reason of a failure is printed through messlog2.
 st_mysql* db_connect() noexcept;
 
+/// Why an attempt to connect failed.
+struct db_connect_failure {
+    unsigned int number;  // the client's error number; 0 when it was not the client that failed
+    char reason[4097];    // enough for every text, the client's own included
+};
+
+/// db_connect in pieces, for who tries again: corvo_db_connect, and what db_connect prints.
+st_mysql* corvo_db_attempt(db_connect_failure& failure) noexcept;
+void print_db_connect_failure(const db_connect_failure& failure) noexcept;
+
+/// Whether the server refused for a reason that may be gone in a moment: too many connections, the
+/// limits of an account, a restart.
+bool may_pass_by_itself(const db_connect_failure& failure) noexcept;
+
 /// Connects as `lost` was connected: with its credentials, to its server and database; and "SET
 /// NAMES utf8". Null, and not a word, on failure; `lost` is the caller's either way.
 st_mysql* corvo_db_connect_again(const st_mysql* lost) noexcept;

@@ -29,6 +29,13 @@ std::size_t lengthOr(std::size_t length, const char* text) {
     return length != 0 ? length : std::strlen(text);
 }
 
+/// The handle, unless it is null.
+st_mysql* demand(st_mysql* handle) {
+    if (handle == nullptr)
+        throw mError("connection failed");
+    return handle;
+}
+
 std::string_view baseName(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
@@ -42,6 +49,10 @@ Connection::Connection(bool open_now) {
 
 Connection::Connection(st_mysql* openHandle, bool closesIt) : handle(openHandle), owns(closesIt) {}
 
+Connection Connection::owning(st_mysql* opened) {
+    return {demand(opened), true};
+}
+
 Connection::~Connection() {
     const ErrnoGuard keepErrno;
     if (owns && handle != nullptr)
@@ -49,11 +60,8 @@ Connection::~Connection() {
 }
 
 void Connection::open() {
-    if (handle != nullptr)
-        return;
-    handle = db_connect();
     if (handle == nullptr)
-        throw mError("connection failed");
+        handle = demand(db_connect());
 }
 
 void Connection::reopenIfLost() noexcept {

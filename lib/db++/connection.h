@@ -27,6 +27,9 @@ public:
     explicit Connection(bool open_now);
     /// Uses an open handle, and closes it at the end when `closesIt` is set.
     Connection(st_mysql* openHandle, bool closesIt);
+    /// Owns what db_connect or its like has returned. Throws mError "connection failed" for null,
+    /// whose reason has been printed.
+    static Connection owning(st_mysql* opened);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;

@@ -1,11 +1,16 @@
 // A database server that fails: in the middle of any exchange, by being killed, by its limits.
 
+#include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "tests/faults/background.h"
 #include "tests/faults/expendable_server.h"
 #include "tests/faults/points.h"
+#include "tests/faults/preloaded.h"
 #include "tests/faults/query_proxy.h"
 #include "tests/faults/socket_detour.h"
 
@@ -47,6 +52,13 @@ constexpr unsigned QUICK_STEP = 16;
 /// Each kill of the server costs a second or two; they are spread over a run's messages.
 constexpr unsigned KILLS = 6;
 
+/// How long the server has no room; less than a run waits for.
+constexpr std::chrono::milliseconds MOMENT{800};
+
+/// Longer than a server that waits one second for a message.
+constexpr std::chrono::milliseconds LONG_REST{2200};
+constexpr unsigned IDLE_TIMES = 12;
+
 /// The panel's server and a way to it that nothing stands in.
 struct DirectServer {
     std::string path = test::PanelDatabase::socket();
@@ -69,7 +81,7 @@ void interruptedExchanges(Points& points, const DirectServer& server, unsigned m
                     start, std::string(name) + "/" + std::to_string(message),
                     message % QUICK_STEP == 0, [&, kind = trouble] {
                         const QueryProxy proxy(server.path, server.connect, {message, kind, {}});
-                        return undisturbedRun();
+                        return hurriedRun();
                     });
 }
 
@@ -100,7 +112,7 @@ void limitedAccounts(World& world, Points& points) {
             points.attempt(Start::damaged, std::string(limit.name) + "/" + std::to_string(most),
                            most % QUICK_STEP == 1, [&] {
                                const LimitedAccount limited(world.panel(), limit, most);
-                               return undisturbedRun();
+                               return hurriedRun();
                            });
 }
 
@@ -139,8 +151,55 @@ void crowdedServers(World& world, Points& points, const DirectServer& server) {
         for (unsigned room = 0; room <= CrowdedServer::MOST_ROOM; ++room)
             points.attempt(start, "room-for-connections/" + std::to_string(room), true, [&] {
                 const CrowdedServer crowded(world.panel(), server, room);
-                return undisturbedRun();
+                return hurriedRun();
             });
+}
+
+/// The server is as crowded for a moment; the run waits for it to pass.
+void momentarilyCrowdedServers(World& world, Points& points, const DirectServer& server) {
+    for (unsigned room = 1; room < CrowdedServer::MOST_ROOM; ++room)
+        points.attempt(Start::damaged, "room-after-a-moment/" + std::to_string(room), true,
+                       [&] {
+                           Background crowd([&](const Background::Ready& ready) {
+                               const CrowdedServer crowded(world.panel(), server, room);
+                               ready();
+                               std::this_thread::sleep_for(MOMENT);
+                               return 0;
+                           });
+                           const Outcome outcome = undisturbedRun();
+                           if (crowd.finish() != 0)
+                               throw std::runtime_error("the crowd failed");
+                           return outcome;
+                       },
+                       {.passes = true});
+}
+
+/// The server bears with idle connections for a second only, and a run that takes longer.
+class ImpatientServer {
+public:
+    explicit ImpatientServer(test::PanelDatabase& panel) : panel_(panel) { allow("1"); }
+    ~ImpatientServer() { allow("DEFAULT"); }
+    ImpatientServer(const ImpatientServer&) = delete;
+    ImpatientServer& operator=(const ImpatientServer&) = delete;
+
+private:
+    void allow(const std::string& seconds) { panel_.execute("SET GLOBAL wait_timeout=" + seconds); }
+
+    test::PanelDatabase& panel_;
+};
+
+void idleConnections(World& world, Points& points, const DirectServer& server, unsigned messages) {
+    for (unsigned i = 0; i < IDLE_TIMES; ++i) {
+        const unsigned message = 2 + (messages - 2) * i / IDLE_TIMES;
+        points.attempt(Start::damaged, "idle-at/" + std::to_string(message), i == IDLE_TIMES / 2,
+                       [&] {
+                           const ImpatientServer impatient(world.panel());
+                           const auto rest = [] { std::this_thread::sleep_for(LONG_REST); };
+                           const QueryProxy proxy(server.path, server.connect,
+                                                  {message, Trouble::interlude, rest});
+                           return hurriedRun();
+                       });
+    }
 }
 
 /// The server is killed when a message comes by; `again`: it is back before the message goes on.
@@ -155,7 +214,7 @@ Outcome runWithKilledServer(ExpendableServer& server, const DirectServer& panelS
     Outcome outcome;
     {
         const QueryProxy proxy(panelServer.path, connect, {message, Trouble::interlude, interlude});
-        outcome = undisturbedRun();
+        outcome = hurriedRun();
     }
     server.reviveIfKilled();
     return outcome;
@@ -185,6 +244,8 @@ void databaseFaults(World& world, Report& report, const Selection& /*selection*/
     interruptedExchanges(points, server, messages);
     limitedAccounts(world, points);
     crowdedServers(world, points, server);
+    momentarilyCrowdedServers(world, points, server);
+    idleConnections(world, points, server, messages);
     killedServers(world, points, server, messages);
 }
 

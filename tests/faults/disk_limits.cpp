@@ -104,10 +104,6 @@ constexpr const char* PROTECTED[] = {"/var/qmail/mailnames", "/var/lib/corvo", "
 /// Every so many limits are in a quick campaign.
 constexpr unsigned long QUICK_STEP = 8;
 
-Outcome hurriedRun() {
-    return preparedRun(preloading({"hurried_sleep"}));
-}
-
 void tryLimits(Points& points, const Sweep& sweep) {
     for (unsigned long left = 0; left <= sweep.last; ++left)
         points.attempt(sweep.start, std::string(sweep.name) + "/" + std::to_string(left),

@@ -262,6 +262,8 @@ void checkEnd(const Outcome& outcome, const Expectation& expectation, Violations
              (expectation.signal == 0 || outcome.status != 128 + expectation.signal))
         found.push_back("I7 exit status " + std::to_string(outcome.status) + ", " +
                         shown(outcome.err));
+    if (expectation.passes && outcome.status != 0)
+        found.push_back("I7 exit status " + std::to_string(outcome.status) + " instead of 0");
     for (const char* report : {"Sanitizer", "runtime error:", "terminate called"})
         if (outcome.err.find(report) != std::string::npos)
             found.push_back("I7 " + shown(outcome.err.substr(outcome.err.find(report))));
@@ -288,6 +290,8 @@ Violations checkAfterFault(const Golden& golden, const Snapshot& before, const S
     checkSurroundings(before, after, found);
     checkOwnersAndModes(golden, before, after, outcome, found);
     checkEnd(outcome, expectation, found);
+    if (expectation.passes)
+        checkRepaired(golden, after, found);
     if (!isKilled(outcome) && !expectation.reportsLost)
         for (const std::string& entity : unreported(golden, after, outcome))
             found.push_back("I8 " + entity + " is unrestored and not named in " +

@@ -20,6 +20,7 @@ using Violations = std::vector<std::string>;
 struct Expectation {
     int signal = 0;            // the injected signal, which may end the run
     bool reportsLost = false;  // standard error could not be read: nothing must be named in it
+    bool passes = false;       // the run outlives the fault: it ends well, and all is restored
 };
 
 /// Messages, delivery files, sizes, databases, canaries, owners and modes, exit status, reports

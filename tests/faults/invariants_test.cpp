@@ -169,6 +169,20 @@ TEST_F(InvariantsTest, UnrestoredRowsMustBeNamed) {
     EXPECT_THAT(judged(after, ended()), Each(StartsWith("I8 ")));
 }
 
+TEST_F(InvariantsTest, AFaultThatIsToBeOutlivedIsNoExcuse) {
+    const auto judgedAsPassing = [this](const Snapshot& after, const Outcome& outcome) {
+        return invariantsOf(
+            checkAfterFault(golden, golden.before, after, outcome, {.passes = true}));
+    };
+    EXPECT_THAT(judgedAsPassing(golden.after, ended()), IsEmpty());
+    EXPECT_EQ(judgedAsPassing(golden.after, {1, "", "Fatal error", false}),
+              std::set<std::string>{"I7"});
+    Snapshot after = golden.after;
+    after.storage.at(QMAIL) = golden.before.storage.at(QMAIL);
+    EXPECT_EQ(judgedAsPassing(after, ended("   registering mailbox for info@example.com failed\n")),
+              std::set<std::string>{"I9"});
+}
+
 TEST_F(InvariantsTest, ForwardsMayFollowAFailedRegistration) {
     const std::string failed = "   registering mailbox for team@example.com failed (x), ignored\n";
     Snapshot after = golden.after;

@@ -29,4 +29,8 @@ std::function<void()> preloading(const std::vector<std::string>& modules,
     };
 }
 
+Outcome hurriedRun() {
+    return preparedRun(preloading({"hurried_sleep"}));
+}
+
 }  // namespace corvo::faults

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/faults/runner.h"
 #include "tests/support/process.h"
 
 namespace corvo::faults {
@@ -14,5 +15,8 @@ namespace corvo::faults {
 /// Returns what a run has to do before it is executed: it sets LD_PRELOAD and `environment`.
 std::function<void()> preloading(const std::vector<std::string>& modules,
                                  const test::Environment& environment = {});
+
+/// A run that does not wait between its attempts.
+Outcome hurriedRun();
 
 }  // namespace corvo::faults

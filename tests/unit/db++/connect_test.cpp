@@ -439,6 +439,62 @@ TEST_F(ConnectTest, KeepsAHandleWhoseSetNamesFailedWithoutANumber) {
     }
 }
 
+// corvo_db_attempt
+
+class AttemptTest : public ConnectTest {
+protected:
+    /// Expects that an attempt fails like this and prints nothing.
+    static void expectFailure(unsigned int number, const std::string& text) {
+        const StreamCapture nothingIsPrinted;
+        db_connect_failure failure{99, "of an attempt before"};
+        EXPECT_EQ(Handle(corvo_db_attempt(failure)), nullptr);
+        EXPECT_EQ(failure.number, number);
+        EXPECT_EQ(failure.reason, text);
+    }
+};
+
+TEST_F(AttemptTest, GivesAHandleThatSpeaksUtf8) {
+    db_connect_failure failure{};
+    const Handle handle(corvo_db_attempt(failure));
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(answer(handle, "SELECT @@character_set_client"), "utf8mb3");
+}
+
+TEST_F(AttemptTest, TellsTheClientsErrorNumber) {
+    writeDsn("username = someone\n");
+    expectFailure(1045, accessDenied("someone"));
+    std::filesystem::remove(PanelDatabase::SOCKET_LINK);
+    expectFailure(2002,
+                  "Unable to connect to Corvo Database: Can't connect to local server through "
+                  "socket '/etc/vhc/mysql.sock' (2)");
+}
+
+TEST_F(AttemptTest, TellsNoNumberWhenItIsNotTheClientThatFails) {
+    client.initFails = true;
+    expectFailure(0, "Unable to initialize MySQL connection structure: Cannot allocate memory");
+    std::filesystem::remove(SHADOW);
+    expectFailure(0, "Unable to open admin password file: No such file or directory");
+}
+
+TEST_F(AttemptTest, TellsTheNumberOfAHandleThatCameWithAnError) {
+    client.errorNumber = 42;
+    expectFailure(42, "");
+}
+
+TEST_F(SetNamesFails, HasItsNumberInAnAttempt) {
+    db_connect_failure failure{};
+    EXPECT_EQ(corvo_db_attempt(failure), nullptr);
+    EXPECT_EQ(failure.number, 1226U);
+    EXPECT_EQ(failure.reason, text());
+}
+
+TEST(DbConnectFailure, MayPassByItselfWhenTheServerIsBusyOrAway) {
+    for (const unsigned int number : {1040U, 1203U, 1226U, 2002U, 2003U, 2006U, 2013U, 2055U})
+        EXPECT_TRUE(may_pass_by_itself({number, ""})) << number;
+    for (const unsigned int number : {0U, 1044U, 1045U, 1049U, 1053U, 1129U, 2001U, 2005U, 2012U})
+        EXPECT_FALSE(may_pass_by_itself({number, ""})) << number;
+}
+
 // db_connect
 
 TEST_F(ConnectTest, PrintsNothingWhenItConnects) {

@@ -59,6 +59,21 @@ TEST_F(ConnectionTest, ClosesItsHandle) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_F(ConnectionTest, OwnsAHandleThatWasJustOpened) {
+    const int before = openDescriptors();
+    {
+        Connection owner = Connection::owning(db_connect());
+        EXPECT_EQ(valueOf(owner, "SELECT 'open' AS v"), "open");
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(ConnectionTest, DoesNotOwnAHandleThatCouldNotBeOpened) {
+    const StreamCapture nothingIsPrinted;
+    EXPECT_EQ(failureOf([] { const Connection refused = Connection::owning(nullptr); }),
+              "connection failed");
+}
+
 TEST_F(ConnectionTest, LeavesABorrowedHandleOpen) {
     st_mysql* handle = db_connect();
     ASSERT_NE(handle, nullptr);
