@@ -36,7 +36,7 @@ int giveToPopuser(const char* path) noexcept {
 }
 
 int addLine(const char* path, const char* line) noexcept {
-    return file_str(path, line, FILE_STRINGS_ADD, FILE_STRINGS_APPEND);
+    return file_append_line(path, line);
 }
 
 int removeLine(const char* path, const char* line) noexcept {

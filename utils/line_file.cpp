@@ -93,17 +93,46 @@ void takeBack(const Target& target, int file, const struct stat& former, bool is
         (void)!safe_path::unlinkEntry(target.base(), target.name());
 }
 
-int append(const Target& target, const char* const* list, bool isNew) noexcept {
-    struct stat former = {};
-    corvo::UniqueFd file = safe_path::openFile(
-        target.base(), target.name(), O_WRONLY | O_CREAT | O_APPEND, NEW_FILE_MODE, former);
-    if (!file)
-        return unableToOpen(target.path());
+corvo::UniqueFd openToAppend(const Target& target, int access, struct stat& former) noexcept {
+    return safe_path::openFile(target.base(), target.name(), access | O_CREAT | O_APPEND,
+                               NEW_FILE_MODE, former);
+}
+
+int appendTo(corvo::UniqueFd& file, const struct stat& former, const Target& target,
+             const char* const* list, bool isNew) noexcept {
     if (writeAtEnd(file, list, target.path()) != 0) {
         takeBack(target, file.get(), former, isNew);
         return 1;
     }
     return isNew ? 0 : restorePermissions(file.get(), former, target.path());
+}
+
+int append(const Target& target, const char* const* list, bool isNew) noexcept {
+    struct stat former = {};
+    corvo::UniqueFd file = openToAppend(target, O_WRONLY, former);
+    if (!file)
+        return unableToOpen(target.path());
+    return appendTo(file, former, target, list, isNew);
+}
+
+/// Whether the last line of a file of that size lacks its newline: 1 or 0, or -1 with errno.
+int endsWithinLine(int file, off_t size) noexcept {
+    char last = '\n';
+    if (size > 0 && corvo::retryOnEintr([&] { return ::pread(file, &last, 1, size - 1); }) < 0)
+        return -1;
+    return last != '\n' ? 1 : 0;
+}
+
+int appendLine(const Target& target, const char* line, bool isNew) noexcept {
+    struct stat former = {};
+    corvo::UniqueFd file = openToAppend(target, O_RDWR, former);
+    if (!file)
+        return unableToOpen(target.path());
+    const int unfinished = endsWithinLine(file.get(), former.st_size);
+    if (unfinished < 0)
+        return unableToRead(target.path());
+    const char* const list[] = {"", line, nullptr};  // the empty one is written as a newline
+    return appendTo(file, former, target, unfinished != 0 ? list : list + 1, isNew);
 }
 
 /// Ends the writing of new contents, which are whole when the old ones were read to their end and
@@ -240,9 +269,9 @@ int unlock(lock_handle* lock, const char* path) noexcept {
     return 1;
 }
 
-}  // namespace
-
-int file_strings(const char* path, const char* const* list, int action, int where) noexcept {
+/// Runs `change` on the file under its lock, with whether it is a new one.
+template <typename Change>
+int changeLocked(const char* path, Change change) noexcept {
     lock_handle* const lock = mk_lock(path, 1);
     if (!is_locked(lock)) {
         messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path,
@@ -257,16 +286,29 @@ int file_strings(const char* path, const char* const* list, int action, int wher
         keep_lock(lock);
         return 1;
     }
-    if (perform(target, list, action, where, hidden == ENOENT) == 0)
+    if (change(target, hidden == ENOENT) == 0)
         return unlock(lock, path);
     const corvo::ErrnoGuard keepErrno;
     (void)unlock(lock, path);
     return 1;
 }
 
+}  // namespace
+
+int file_strings(const char* path, const char* const* list, int action, int where) noexcept {
+    return changeLocked(path, [=](const Target& target, bool isNew) {
+        return perform(target, list, action, where, isNew);
+    });
+}
+
 int file_str(const char* path, const char* line, int action, int where) noexcept {
     const char* const list[] = {line, nullptr};
     return file_strings(path, list, action, where);
+}
+
+int file_append_line(const char* path, const char* line) noexcept {
+    return changeLocked(
+        path, [=](const Target& target, bool isNew) { return appendLine(target, line, isNew); });
 }
 
 int write_strings(std::FILE* stream, const char* const* list) noexcept {

@@ -48,6 +48,10 @@ int file_strings(const char* path, const char* const* list, int action, int wher
 /// file_strings with one line.
 int file_str(const char* path, const char* line, int action, int where) noexcept;
 
+/// Appends a line that continues no other: a last line without newline gets its own first, in the
+/// same write. Otherwise as file_str with FILE_STRINGS_ADD and FILE_STRINGS_APPEND.
+int file_append_line(const char* path, const char* line) noexcept;
+
 /// Writes each string, with a newline where it has none. Returns 0, or -1 at the first short write;
 /// logs nothing.
 int write_strings(std::FILE* stream, const char* const* list) noexcept;

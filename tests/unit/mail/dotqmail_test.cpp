@@ -233,6 +233,18 @@ TEST_F(DotqmailTest, DomainOfAForwardIsConvertedAndItsLocalPartIsNot) {
     EXPECT_EQ(delivered(), "");
 }
 
+TEST_F(DotqmailTest, AddedLinesContinueNoLineThatLacksItsEnd) {
+    writeFile(DOTQMAIL, "&a@example.net");
+    EXPECT_EQ(dotqmail_add_delivery(path()), 0);
+    EXPECT_EQ(delivered(), "&a@example.net\n" + DELIVERY_LINE + "\n");
+    writeFile(DOTQMAIL, "| true\n" + DELIVERY_LINE);
+    EXPECT_EQ(dotqmail_add_forward(path(), "a@example.net"), 0);
+    EXPECT_EQ(delivered(), "| true\n" + DELIVERY_LINE + "\n&a@example.net\n");
+    writeFile(DOTQMAIL, "&a@example.net\n&b@example.net");
+    EXPECT_EQ(dotqmail_add_forward(path(), "a@example.net"), 0);
+    EXPECT_EQ(delivered(), "&b@example.net\n&a@example.net\n");
+}
+
 TEST_F(DotqmailTest, RemovingAForwardKeepsTheRest) {
     writeFile(DOTQMAIL, "| true\n&a@example.net\n&aa@example.net\n&a@example.net.au\n");
     EXPECT_EQ(dotqmail_remove_forward(path(), "a@example.net"), 0);

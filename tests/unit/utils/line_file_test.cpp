@@ -39,6 +39,12 @@ namespace {
 /// Descriptors of files below this path are closed, and the close reported as failed.
 const char* closesThatFail = nullptr;
 
+/// What is written by calls of write(), one entry each, while it is wanted.
+std::vector<std::string>* writes = nullptr;
+
+/// Whether the last byte of a file cannot be read.
+bool isLastByteUnreadable = false;
+
 /// A file that gets this size as soon as something is read.
 struct Growth {
     const char* path = nullptr;
@@ -66,6 +72,21 @@ extern "C" ssize_t read(int fd, void* block, std::size_t size) {
     if (growth.path != nullptr && ::truncate(growth.path, growth.size) != 0)
         std::abort();
     return ::syscall(SYS_read, fd, block, size);
+}
+
+// In front of the C library's.
+extern "C" ssize_t write(int fd, const void* block, std::size_t size) {
+    if (writes != nullptr)
+        writes->emplace_back(static_cast<const char*>(block), size);
+    return ::syscall(SYS_write, fd, block, size);
+}
+
+// In front of the C library's.
+extern "C" ssize_t pread(int fd, void* block, std::size_t size, off_t offset) {
+    if (!isLastByteUnreadable)
+        return ::syscall(SYS_pread64, fd, block, size, offset);
+    errno = EIO;
+    return -1;
 }
 
 namespace {
@@ -695,6 +716,67 @@ TEST_F(LineFileWithoutMemoryTest, NothingIsLockedAndNothingChanged) {
     EXPECT_EQ(result.err, "Can't allocate memory for error message\n");
     EXPECT_FALSE(exists(PATH));
     EXPECT_TRUE(namesIn("/run/lock/files").empty());
+}
+
+TEST_F(LineFileTest, AppendedLineContinuesNoOther) {
+    const struct {
+        std::string before;
+        std::string after;
+    } cases[] = {
+        {"", "new\n"},
+        {"\n", "\nnew\n"},
+        {"old\n", "old\nnew\n"},
+        {"old", "old\nnew\n"},
+        {"old\n\n", "old\n\nnew\n"},
+        {"old\nwithin", "old\nwithin\nnew\n"},
+        {"old\r", "old\r\nnew\n"},
+        {std::string("old\0", 4), std::string("old\0\nnew\n", 9)},
+    };
+    for (const auto& [before, after] : cases)
+        for (const char* line : {"new", "new\n"}) {
+            SCOPED_TRACE(before);
+            writeFile(PATH, before, STRANGER_UID, STRANGER_GID, 0640);
+            EXPECT_EQ(file_append_line(PATH.c_str(), line), 0);
+            EXPECT_EQ(contentsOf(PATH), after);
+            EXPECT_EQ(modeOf(PATH) + " " + ownerOf(PATH), "0640 1041:1042");
+        }
+}
+
+TEST_F(LineFileTest, LineAppendedToAMissingFileCreatesIt) {
+    EXPECT_EQ(file_append_line(PATH.c_str(), "new"), 0);
+    EXPECT_EQ(contentsOf(PATH), "new\n");
+    EXPECT_EQ(modeOf(PATH) + " " + ownerOf(PATH), "0644 0:0");
+}
+
+TEST_F(LineFileTest, AppendedLineComesWithTheEndOfTheOneBeforeInOneWrite) {
+    writeFile(PATH, "old");
+    std::vector<std::string> seen;
+    writes = &seen;
+    EXPECT_EQ(file_append_line(PATH.c_str(), "new"), 0);
+    writes = nullptr;
+    EXPECT_EQ(seen, std::vector<std::string>{"\nnew\n"});
+}
+
+TEST_F(LineFileTest, LineThatCannotBeAppendedLeavesTheOneBeforeAsItIs) {
+    const SmallDisk disk;
+    const std::string page(4096, 'x');
+    writeFile(PATH, page);
+    SmallDisk::fill(1);
+    EXPECT_EQ(file_append_line(PATH.c_str(), "new"), 1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(message(),
+              withError("Unable to close file " + PATH + ": No space left on device\n", ENOSPC));
+    EXPECT_EQ(contentsOf(PATH), page);
+}
+
+TEST_F(LineFileTest, FileWhoseEndCannotBeReadIsNotAppendedTo) {
+    writeFile(PATH, "old");
+    isLastByteUnreadable = true;
+    EXPECT_EQ(file_append_line(PATH.c_str(), "new"), 1);
+    isLastByteUnreadable = false;
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(message(), withError("Unable to read file " + PATH + ": Input/output error\n", EIO));
+    EXPECT_EQ(contentsOf(PATH), "old");
 }
 
 TEST_F(LineFileTest, TwoProcessesLoseNoLine) {
