@@ -32,7 +32,7 @@ void MailboxRestorationHelper::registerDomain(const std::string& domain, bool /*
 
 mail::DotQMailManager MailboxRestorationHelper::deliveryFile(const std::string& domain,
                                                              const std::string& mailname) const {
-    return mail::DotQMailManager(maildirManager->getMailnameHome(domain, mailname));
+    return mail::DotQMailManager::inHome(maildirManager->getMailnameHome(domain, mailname));
 }
 
 void MailboxRestorationHelper::registerMailbox(const std::string& domain,

@@ -12,26 +12,50 @@ namespace corvo::mail {
 
 namespace {
 
+constexpr const char* FILE_NAME = ".qmail";
+
 bool holdsZeroByte(std::string_view text) {
     return text.find('\0') != std::string_view::npos;
 }
 
-// False for a path below the mail names root that is not made of two names.
-bool isHome(std::string_view path) {
+// False for a path that is not made of so many names.
+bool isMadeOf(std::size_t names, std::string_view path) {
+    for (; names > 1; --names) {
+        const std::size_t slash = path.find('/');
+        if (slash == std::string_view::npos || !isPathComponent(path.substr(0, slash)))
+            return false;
+        path.remove_prefix(slash + 1);
+    }
+    return isPathComponent(path);
+}
+
+// False for a path below the mail names root that is not that deep.
+bool isSound(std::string_view path, std::size_t depth) {
     const std::string prefix = mailnamesPrefix();
     if (!path.starts_with(prefix))
         return !holdsZeroByte(path);
-    path.remove_prefix(prefix.size());
-    const std::size_t slash = path.find('/');
-    return slash != std::string_view::npos && isPathComponent(path.substr(0, slash)) &&
-           isPathComponent(path.substr(slash + 1));
+    return isMadeOf(depth, path.substr(prefix.size()));
+}
+
+bool isHome(const std::filesystem::path& path) {
+    return isSound(path.native(), 2);
+}
+
+bool isDeliveryFile(const std::filesystem::path& path) {
+    return path.filename() == FILE_NAME && isSound(path.native(), 3);
 }
 
 }  // namespace
 
-DotQMailManager::DotQMailManager(std::filesystem::path home)
-    : path(std::move(home)), belongsToMailname(isHome(path.native())) {
-    path /= ".qmail";
+DotQMailManager::DotQMailManager(const std::filesystem::path& place)
+    : DotQMailManager(isDeliveryFile(place) ? place : place / FILE_NAME,
+                      isDeliveryFile(place) || isHome(place)) {}
+
+DotQMailManager::DotQMailManager(std::filesystem::path file, bool isMailnames)
+    : path(std::move(file)), belongsToMailname(isMailnames) {}
+
+DotQMailManager DotQMailManager::inHome(const std::filesystem::path& home) {
+    return {home / FILE_NAME, isHome(home)};
 }
 
 void DotQMailManager::addRedirect(const std::string& address, Position /*position*/) {

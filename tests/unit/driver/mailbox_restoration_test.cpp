@@ -23,8 +23,8 @@ using ::testing::MatchesRegex;
 using namespace test;  // NOLINT(google-build-using-namespace): the test's own vocabulary
 
 // The last would be "info" to whoever reads a text up to its first zero byte.
-const std::vector<std::string> NO_PATH_COMPONENTS = {"",        ".",   "..",
-                                                     "../info", "a/b", std::string("info\0x", 6)};
+const std::vector<std::string> NO_PATH_COMPONENTS = {
+    "", ".", "..", "../info", "a/b", "info/.qmail", std::string("info\0x", 6)};
 
 std::string messageOf(const std::function<void()>& action) {
     try {

@@ -79,6 +79,59 @@ TEST_F(DotQMailManagerTest, HomeOutsideTheMailNamesRootWillDo) {
     EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n");
 }
 
+TEST_F(DotQMailManagerTest, PathOfTheFileItselfWillDo) {
+    DotQMailManager(DOTQMAIL).reset();
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n");
+    const std::string elsewhere = "/var/lib/corvo/home/.qmail";
+    makeDirectory("/var/lib/corvo/home");
+    DotQMailManager(elsewhere).reset();
+    EXPECT_EQ(contentsOf(elsewhere), "| true\n");
+}
+
+TEST_F(DotQMailManagerTest, MailNameThatIsCalledLikeTheFileHasAHome) {
+    const std::string home = MAILNAMES + "/example.com/.qmail";
+    makeDirectory(home);
+    DotQMailManager(home).reset();
+    EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n");
+    DotQMailManager(home + "/.qmail").enableDelivery();
+    EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n./Maildir/\n");
+}
+
+TEST_F(DotQMailManagerTest, OnlyTheLastNameMakesAPathTheFiles) {
+    for (const std::string name : {".qmail.tmp", "x.qmail", "qmail", ".Qmail"}) {
+        const std::string home = "/var/lib/corvo/" + name;
+        makeDirectory(home);
+        DotQMailManager(home).reset();
+        EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n");
+    }
+}
+
+TEST_F(DotQMailManagerTest, FileAtAnotherDepthBelowTheMailNamesRootIsRefused) {
+    makeDirectory(HOME + "/Maildir");
+    const std::string before = fingerprint("/var/qmail");
+    for (const std::string path :
+         {"/.qmail", "/example.com/info/Maildir/.qmail", "/example.com/info/../.qmail",
+          "/example.com//.qmail", "/example.com/../.qmail"}) {
+        SCOPED_TRACE(path);
+        DotQMailManager odd(MAILNAMES + path);
+        EXPECT_EQ(failureOf([&] { odd.reset(); }, EINVAL),
+                  "unable to modify " + MAILNAMES + path + "/.qmail: Invalid argument");
+        EXPECT_EQ(logged, "");
+    }
+    EXPECT_EQ(fingerprint("/var/qmail"), before);
+}
+
+TEST_F(DotQMailManagerTest, HomeIsNeverTakenForTheFileWhenItIsSaidToBeOne) {
+    manager.reset();
+    const std::string before = fingerprint(MAILNAMES);
+    auto odd = DotQMailManager::inHome(DOTQMAIL);
+    EXPECT_EQ(failureOf([&] { odd.addRedirect("a@b.c", Position::anywhere); }, EINVAL),
+              "unable to modify " + DOTQMAIL + "/.qmail: Invalid argument");
+    EXPECT_EQ(fingerprint(MAILNAMES), before);
+    DotQMailManager::inHome(HOME).enableDelivery();
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n./Maildir/\n");
+}
+
 TEST_F(DotQMailManagerTest, FailuresAreSystemErrorsWithPathAndErrno) {
     const std::string missing = MAILNAMES + "/example.com/missing";
     const std::string text = "unable to modify " + missing + "/.qmail: No such file or directory";
