@@ -3,11 +3,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,6 +24,7 @@
 #include <vector>
 
 #include "tests/support/capture.h"
+#include "tests/support/failing_call.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -282,19 +280,6 @@ public:
               database.execute("ROLLBACK");
           }) {}
 };
-
-/// From now on the system call fails, in this process and its children: for forked children.
-inline void failSystemCall(long number, int error) {
-    sock_filter program[] = {
-        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<unsigned>(number)},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
-    };
-    const sock_fprog filter{std::size(program), program};
-    checkCall(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "no new privileges");
-    checkCall(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), "seccomp");
-}
 
 /// From now on this process can have no more than so much memory: for forked children.
 inline void limitMemory(std::size_t bytes) {

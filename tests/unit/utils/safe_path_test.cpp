@@ -3,9 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -25,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/failing_call.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -180,20 +178,6 @@ int asStranger(const std::function<bool()>& question) {
         return 99;
     const bool answer = question();
     return ::seteuid(0) == 0 && answer ? 0 : 1;
-}
-
-/// Makes openat2 fail with an errno in this process from now on.
-void forbidOpenat2(int error) {
-    struct sock_filter filter[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0),  // the system call's number
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const struct sock_fprog program = {4, filter};
-    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
-        std::abort();
 }
 
 }  // namespace
@@ -387,7 +371,7 @@ TEST_F(SafePathTest, TheSameHoldsWhereTheKernelCannotWalkAlone) {
     makeLink(HOME, DOMAIN + "/foreign", POPUSER_UID);
     for (const int error : {ENOSYS, EPERM}) {
         const ProcessResult result = runForked([error] {
-            forbidOpenat2(error);
+            failSystemCall(SYS_openat2, error);
             int failures = 0;
             for (const Way& way : waysTo(HOME))
                 failures += way.error() != 0 ? 1 : 0;
