@@ -30,11 +30,17 @@ void logPermissionFailure(const char* path, PermissionStep failed) noexcept {
         corvo_log(LOG_ERR, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
 }
 
-/// True when there is nothing at a path that could not be opened. Keeps errno.
+/// Whether an open that failed with errno says that nothing is at the path, or no way leads to it.
+/// Keeps errno.
 bool isOutOfReach(const char* path) noexcept {
+    if (errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG)
+        return true;
+    if (errno != EACCES)
+        return false;
+    // What must not be read is there all the same.
     const corvo::ErrnoGuard keepErrno;
     struct stat ignored = {};
-    return safe_path::status(AT_FDCWD, path, ignored) != 0 && errno != ELOOP;
+    return safe_path::status(AT_FDCWD, path, ignored) != 0 && errno == EACCES;
 }
 
 int openAndClose(const char* path, int flags) noexcept {

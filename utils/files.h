@@ -16,8 +16,9 @@
 /// through corvo_log at priority 3. A path that is refused counts as a failed chown.
 int file_set_perms_internal(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept;
 
-/// As file_set_perms_internal, but a path that cannot be stat'ed is left alone (result 0); a link
-/// that safe_path does not follow is a failure. Clears errno first.
+/// As file_set_perms_internal, but a path that is not there or not reachable (ENOENT, ENOTDIR,
+/// EACCES, ENAMETOOLONG) is left alone (result 0). A link that safe_path does not follow is a
+/// failure, and so is a want of descriptors or memory. Clears errno first.
 int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept;
 
 /// file_set_perms with the uid and primary gid of `user`. An unknown user is ENOENT.

@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -14,6 +17,7 @@
 
 #include "tests/support/capabilities.h"
 #include "tests/support/capture.h"
+#include "tests/support/failing_call.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -85,6 +89,41 @@ TEST_F(FilesTest, RefusedPathsAreFailedChowns) {
     }
     EXPECT_EQ(ownerOf("/var/qmail/secret"), "0:0");
     EXPECT_EQ(modeOf("/var/qmail/secret"), "0600");
+}
+
+TEST_F(FilesTest, PermissionsOfAFileOutOfReachAreLeftAlone) {
+    writeFile(PATH, "", 0, 0, 0600);
+    ASSERT_EQ(::chmod(MAILNAMES.c_str(), 0), 0);
+    const WithoutCapabilities limit({CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH});
+    EXPECT_EQ(file_set_perms(PATH.c_str(), 5, 6, 0640), 0);
+    EXPECT_EQ(file_set_perms((PATH + std::string(NAME_MAX, 'n')).c_str(), 5, 6, 0640), 0);
+}
+
+TEST_F(FilesTest, PermissionsOfAFileThatMustNotBeReadAreAFailure) {
+    writeFile(PATH, "", 5, 6, 0200);
+    {
+        const WithoutCapabilities limit({CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH});
+        EXPECT_EQ(file_set_perms(PATH.c_str(), 5, 6, 0640), -1);
+        EXPECT_EQ(errno, EACCES);
+    }
+    EXPECT_EQ(message(), "ERROR: unable to chown " + PATH + ": Permission denied\n\n");
+}
+
+TEST_F(FilesTest, PermissionsThatWantMeansAreAFailure) {
+    writeFile(PATH, "", 5, 6, 0600);
+    for (const int error : {EMFILE, ENFILE, ENOMEM, EIO}) {
+        const std::string text =
+            "ERROR: unable to chown " + PATH + ": " + std::strerror(error) + "\n\n";
+        const ProcessResult result = runForked([error] {
+            failSystemCall(SYS_openat2, error);
+            if (file_set_perms(PATH.c_str(), 7, 8, 0640) != -1 || errno != error)
+                std::exit(1);
+        });
+        EXPECT_EQ(result.status, 0) << text;
+        EXPECT_EQ(result.err, text);
+        EXPECT_EQ(result.out, text);
+    }
+    EXPECT_EQ(ownerOf(PATH) + " " + modeOf(PATH), "5:6 0600");
 }
 
 TEST_F(FilesTest, ChownAndChmodThatFailAreToldApart) {
