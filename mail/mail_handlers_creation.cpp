@@ -94,8 +94,9 @@ int fix_mh_db_permissions(const char* path) noexcept {
         return -1;
     }
     corvo::safe_path::PermissionStep failed{};
-    if (corvo::safe_path::setOwnerAndMode(AT_FDCWD, path, 0, owners->gr_gid, DATABASE_MODE,
-                                          &failed) == 0)
+    // Whoever writes to the database in this process must keep its locks.
+    if (corvo::safe_path::setOwnerAndModeUnopened(AT_FDCWD, path, 0, owners->gr_gid, DATABASE_MODE,
+                                                  &failed) == 0)
         return 0;
     const corvo::ErrnoGuard keepErrno;
     if (failed == corvo::safe_path::PermissionStep::chmod)

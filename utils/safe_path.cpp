@@ -65,6 +65,14 @@ int fillLocation(int parent, UniqueFd& held, const char* name, Location& locatio
     return 0;
 }
 
+/// A path that leads to what a descriptor stands for; there is none without /proc.
+struct DescriptorPath {
+    explicit DescriptorPath(int descriptor) noexcept {
+        (void)std::snprintf(text, sizeof text, "/proc/self/fd/%d", descriptor);
+    }
+    char text[32];
+};
+
 int refuse(int error) noexcept {
     errno = error;
     return -1;
@@ -164,6 +172,34 @@ UniqueFd openForPermissions(int base, const char* path) noexcept {
     return UniqueFd();
 }
 
+/// Finds a regular file that may be given another owner and mode. The descriptor stands for it
+/// (O_PATH) and opens nothing.
+UniqueFd findForPermissions(int base, const char* path) noexcept {
+    UniqueFd file = openTrusted(base, path, O_PATH | O_CLOEXEC);
+    struct stat seen = {};
+    return file && checkFile(file.get(), true, seen) == 0 ? std::move(file) : UniqueFd();
+}
+
+/// fchown and fchmod in their order, each repeated on EINTR, however they are made.
+template <typename Chown, typename Chmod>
+int takeSteps(Chown chown, Chmod chmod, PermissionStep* failed) noexcept {
+    PermissionStep step = PermissionStep::chown;
+    int result = retryOnEintr(chown);
+    if (result == 0) {
+        step = PermissionStep::chmod;
+        result = retryOnEintr(chmod);
+    }
+    if (result != 0 && failed != nullptr)
+        *failed = step;
+    return result;
+}
+
+int failToOpen(PermissionStep* failed) noexcept {
+    if (failed != nullptr)
+        *failed = PermissionStep::open;
+    return -1;
+}
+
 }  // namespace
 
 bool isComponent(std::string_view name) noexcept {
@@ -250,25 +286,24 @@ int status(int base, const char* path, struct stat& result) noexcept {
 }
 
 int setOwnerAndMode(int file, uid_t uid, gid_t gid, mode_t mode, PermissionStep* failed) noexcept {
-    PermissionStep step = PermissionStep::chown;
-    int result = retryOnEintr([&] { return ::fchown(file, uid, gid); });
-    if (result == 0) {
-        step = PermissionStep::chmod;
-        result = retryOnEintr([&] { return ::fchmod(file, mode); });
-    }
-    if (result != 0 && failed != nullptr)
-        *failed = step;
-    return result;
+    return takeSteps([=] { return ::fchown(file, uid, gid); }, [=] { return ::fchmod(file, mode); },
+                     failed);
 }
 
 int setOwnerAndMode(int base, const char* path, uid_t uid, gid_t gid, mode_t mode,
                     PermissionStep* failed) noexcept {
     const UniqueFd file = openForPermissions(base, path);
-    if (file)
-        return setOwnerAndMode(file.get(), uid, gid, mode, failed);
-    if (failed != nullptr)
-        *failed = PermissionStep::open;
-    return -1;
+    return file ? setOwnerAndMode(file.get(), uid, gid, mode, failed) : failToOpen(failed);
+}
+
+int setOwnerAndModeUnopened(int base, const char* path, uid_t uid, gid_t gid, mode_t mode,
+                            PermissionStep* failed) noexcept {
+    const UniqueFd file = findForPermissions(base, path);
+    if (!file)
+        return failToOpen(failed);
+    const DescriptorPath itself(file.get());
+    return takeSteps([&] { return ::fchownat(file.get(), "", uid, gid, AT_EMPTY_PATH); },
+                     [&] { return ::chmod(itself.text, mode); }, failed);
 }
 
 int makeDirectory(int base, const char* path, mode_t mode) noexcept {

@@ -95,6 +95,11 @@ enum class PermissionStep { open, chown, chmod };
 [[nodiscard]] int setOwnerAndMode(int base, const char* path, uid_t uid, gid_t gid, mode_t mode,
                                   PermissionStep* failed) noexcept;
 
+/// As above for a regular file alone, which is not opened for it: a process that closes a file
+/// loses every lock (fcntl) that it holds there. The mode needs /proc: ENOENT without.
+[[nodiscard]] int setOwnerAndModeUnopened(int base, const char* path, uid_t uid, gid_t gid,
+                                          mode_t mode, PermissionStep* failed) noexcept;
+
 /// Makes one directory. Returns 1 when something of that name exists already (what it is, the next
 /// step finds out), 0 when it was made.
 [[nodiscard]] int makeDirectory(int base, const char* path, mode_t mode) noexcept;

@@ -1,13 +1,17 @@
 #include "mail/mail_handlers_creation.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <optional>
 #include <string>
 
 #include "mail/mail_handlers_db.h"
 #include "tests/unit/mail/sqlite_fixture.h"
+#include "utils/guards.h"
 #include "utils/log.h"
 
 namespace {
@@ -144,7 +148,7 @@ TEST_F(MailHandlersCreationTest, OwnerOfMissingFileIsReported) {
 
 TEST_F(MailHandlersCreationTest, RefusedOwnerDeletesTheFile) {
     expectChildLogs({{"Unable to set owner on " + FILE_PATH + ": Operation not permitted", 2}}, [] {
-        failSystemCall(SYS_fchown, EPERM);
+        failSystemCall(SYS_fchownat, EPERM);
         if (mh_db_create() != -1 || errno != EPERM)
             ::_exit(1);
     });
@@ -154,7 +158,7 @@ TEST_F(MailHandlersCreationTest, RefusedOwnerDeletesTheFile) {
 TEST_F(MailHandlersCreationTest, RefusedModeDeletesTheFile) {
     expectChildLogs(
         {{"Unable to set permissions on " + FILE_PATH + ": Operation not permitted", 2}}, [] {
-            failSystemCall(SYS_fchmod, EPERM);
+            failSystemCall(SYS_chmod, EPERM);
             if (mh_db_create() != -1 || errno != EPERM)
                 ::_exit(1);
         });
@@ -170,7 +174,49 @@ TEST_F(MailHandlersCreationTest, PermissionsHavePriorityTwo) {
     });
 }
 
+TEST_F(MailHandlersCreationTest, OnlyARegularFileGetsOwnerAndMode) {
+    const std::string secret = "/var/lib/corvo/secret";
+    writeFile(secret, "", STRANGER_UID, STRANGER_GID, 0600);
+    makeDirectory(FOLDER + "/folder");
+    checkCall(::chown(FOLDER.c_str(), POPUSER_UID, POPUSER_GID), "chown");
+    checkCall(::mkfifo((FOLDER + "/pipe").c_str(), 0600), "mkfifo");
+    checkCall(::link(secret.c_str(), (FOLDER + "/hard-link").c_str()), "link");
+    makeLink(secret, FOLDER + "/link", POPUSER_UID);
+    const struct {
+        std::string name;
+        std::string reason;
+    } cases[] = {{"folder", "Invalid argument"},
+                 {"pipe", "Invalid argument"},
+                 {"hard-link", "Operation not permitted"},
+                 {"link", "Too many levels of symbolic links"}};
+    for (const auto& [name, reason] : cases) {
+        const std::string path = FOLDER + "/" + name;
+        EXPECT_EQ(fix_mh_db_permissions(path.c_str()), -1);
+        expectLogged({{"Unable to set owner on " + path + ": " + reason, 2}});
+    }
+    EXPECT_EQ(ownerOf(FOLDER + "/folder") + ownerOf(FOLDER + "/pipe"), "0:00:0");
+    EXPECT_EQ(ownerOf(secret), std::to_string(STRANGER_UID) + ":" + std::to_string(STRANGER_GID));
+    EXPECT_EQ(modeOf(secret), "0600");
+}
+
 // Locks.
+
+TEST_F(MailHandlersCreationTest, LocksOfThisProcessOutliveOwnerAndMode) {
+    ASSERT_EQ(mh_db_create_no_set_permissions(), 0);
+    const corvo::UniqueFd database(::open(FILE_PATH.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    checkCall(::fcntl(database.get(), F_SETLK, &lock), "lock");
+
+    EXPECT_EQ(fix_mh_db_permissions(FILE_PATH.c_str()), 0);
+
+    EXPECT_EQ(modeOf(FILE_PATH), "0640");
+    const ProcessResult other = runForked([&] {
+        const corvo::UniqueFd file(::open(FILE_PATH.c_str(), O_RDWR | O_CLOEXEC));
+        ::_exit(::fcntl(file.get(), F_SETLK, &lock) != 0 && errno == EAGAIN ? 0 : 1);
+    });
+    EXPECT_EQ(other.status, 0) << "the lock is gone";
+}
 
 TEST_F(MailHandlersCreationTest, ScriptThatWaitedForLockRunsOnce) {
     makeDirectory(FOLDER);

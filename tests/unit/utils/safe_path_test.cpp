@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -103,6 +105,11 @@ int permissionError(const std::string& path) {
                                               0600, &failed));
 }
 
+int unopenedPermissionError(const std::string& path, PermissionStep& failed) {
+    return errorOf(
+        safe_path::setOwnerAndModeUnopened(AT_FDCWD, path.c_str(), 5, 6, 02640, &failed));
+}
+
 void makeSocket(const std::string& path) {
     struct sockaddr_un address {};
     address.sun_family = AF_UNIX;
@@ -178,6 +185,12 @@ int asStranger(const std::function<bool()>& question) {
         return 99;
     const bool answer = question();
     return ::seteuid(0) == 0 && answer ? 0 : 1;
+}
+
+/// Nothing is at /proc for this process from now on: for forked children.
+void hideProc() {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("tmpfs", "/proc", "tmpfs", 0, nullptr) != 0)
+        std::abort();
 }
 
 }  // namespace
@@ -438,6 +451,51 @@ TEST_F(SafePathTest, PermissionStepsAreRepeatedWhenASignalInterruptsThem) {
     EXPECT_EQ(failuresOfFchmod.left, 0);
     EXPECT_EQ(ownerOf(FILE_PATH), "5:6");
     EXPECT_EQ(modeOf(FILE_PATH), "0640");
+}
+
+TEST_F(SafePathTest, PermissionsOfAnUnopenedFileAreSet) {
+    makeLink(FILE_PATH, HOME + "/link");
+    for (const std::string& path : {FILE_PATH, HOME + "/link"}) {
+        writeFile(FILE_PATH, "old\n", POPUSER_UID, POPUSER_GID, 0600);
+        PermissionStep failed = PermissionStep::open;
+        EXPECT_EQ(unopenedPermissionError(path, failed), 0);
+        EXPECT_EQ(failed, PermissionStep::open) << "untouched";
+        EXPECT_EQ(ownerOf(FILE_PATH) + " " + modeOf(FILE_PATH), "5:6 2640");
+    }
+}
+
+TEST_F(SafePathTest, PermissionFailuresOfAnUnopenedFileNameTheirStep) {
+    makeLink(FILE_PATH, HOME + "/link", POPUSER_UID);
+    const struct {
+        std::string path;
+        int error;
+    } cases[] = {{HOME + "/missing", ENOENT}, {HOME, EINVAL}, {HOME + "/link", ELOOP}};
+    for (const auto& [path, error] : cases) {
+        PermissionStep failed = PermissionStep::chmod;
+        EXPECT_EQ(unopenedPermissionError(path, failed), error) << path;
+        EXPECT_EQ(failed, PermissionStep::open) << path;
+    }
+    const ProcessResult result = runForked([] {
+        failSystemCall(SYS_chmod, EROFS);
+        PermissionStep failed = PermissionStep::open;
+        if (unopenedPermissionError(FILE_PATH, failed) != EROFS || failed != PermissionStep::chmod)
+            std::exit(1);
+        failSystemCall(SYS_fchownat, EPERM);
+        if (unopenedPermissionError(FILE_PATH, failed) != EPERM || failed != PermissionStep::chown)
+            std::exit(2);
+    });
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(SafePathTest, ModeOfAnUnopenedFileNeedsProc) {
+    const ProcessResult result = runForked([] {
+        hideProc();
+        PermissionStep failed = PermissionStep::open;
+        if (unopenedPermissionError(FILE_PATH, failed) != ENOENT || failed != PermissionStep::chmod)
+            std::exit(1);
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(modeOf(FILE_PATH), "0600");
 }
 
 TEST_F(SafePathTest, ComponentIsTheNameOfAnEntry) {
