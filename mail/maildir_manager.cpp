@@ -75,6 +75,18 @@ void requireComponents(std::initializer_list<std::string_view> names, const char
         throw fs::filesystem_error(failure, path, codeOf(EINVAL));
 }
 
+// Makes a directory and opens it; an existing one is opened. What else is there is in the way:
+// EEXIST, but ELOOP for a link that is not followed.
+UniqueFd makeOrOpen(int parent, const char* name) {
+    const int made = safe_path::makeDirectory(parent, name, CREATION_MODE);
+    if (made < 0)
+        return UniqueFd();
+    UniqueFd directory = safe_path::openDirectory(parent, name);
+    if (!directory && made == 1 && (errno == ENOTDIR || errno == ENOENT))
+        errno = EEXIST;
+    return directory;
+}
+
 void renameDirectory(const fs::path& from, const fs::path& to) {
     if (safe_path::renameEntry(AT_FDCWD, from.c_str(), to.c_str()) != 0) {
         const int error = errno;
@@ -180,9 +192,7 @@ UniqueFd MaildirManager::makeTop(const fs::path& path, mode_t mode) const {
 // Makes an entry of the skeleton in its open parent and opens it.
 UniqueFd MaildirManager::makeEntry(int parent, const fs::path& home,
                                    const SkeletonEntry& entry) const {
-    UniqueFd directory;
-    if (safe_path::makeDirectory(parent, entry.name, CREATION_MODE) >= 0)
-        directory = safe_path::openDirectory(parent, entry.name);
+    UniqueFd directory = makeOrOpen(parent, entry.name);
     if (!directory) {
         const int error = errno;
         throw fs::filesystem_error("cannot create directory", home / entry.path, codeOf(error));

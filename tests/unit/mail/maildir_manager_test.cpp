@@ -298,7 +298,7 @@ TEST_F(MaildirManagerTest, FileInPlaceOfAnEntryStopsThereAndKeepsWhatWasMade) {
         writeFile(blocked, "in the way");
         const int descriptors = openDescriptors();
         const Thrown thrown = failureOf(createHome);
-        EXPECT_EQ(thrown.error, ENOTDIR);
+        EXPECT_EQ(thrown.error, EEXIST);
         EXPECT_EQ(thrown.path1, blocked);
         EXPECT_FALSE(thrown.isFSError);
         EXPECT_EQ(contentsOf(blocked), "in the way");
@@ -316,10 +316,28 @@ TEST_F(MaildirManagerTest, PipeInPlaceOfAnEntryDoesNotBlock) {
     makeDirectory(HOME + "/Maildir");
     ASSERT_EQ(::mkfifo((HOME + "/Maildir/new").c_str(), 0600), 0);
     const Thrown thrown = failureOf(createHome);
-    EXPECT_EQ(thrown.error, ENOTDIR);
+    EXPECT_EQ(thrown.error, EEXIST);
     EXPECT_EQ(thrown.path1, HOME + "/Maildir/new");
-    EXPECT_EQ(thrown.text, "filesystem error: cannot create directory: Not a directory [" + HOME +
-                               "/Maildir/new]");
+    EXPECT_EQ(thrown.text,
+              "filesystem error: cannot create directory: File exists [" + HOME + "/Maildir/new]");
+}
+
+TEST_F(MaildirManagerTest, LinkOfRootInPlaceOfAnEntryMustLeadToADirectory) {
+    const struct {
+        const char* target;
+        int error;
+    } cases[] = {{"/nowhere", EEXIST}, {"/etc/passwd", EEXIST}, {"new", ELOOP}};
+    for (const auto& [target, error] : cases) {
+        SCOPED_TRACE(target);
+        resetSandbox();
+        makeLink(target, HOME + "/Maildir/new");
+        const Thrown thrown = failureOf(createHome);
+        EXPECT_EQ(thrown.error, error);
+        EXPECT_EQ(thrown.path1, HOME + "/Maildir/new");
+        EXPECT_FALSE(thrown.isFSError);
+        EXPECT_FALSE(exists("/nowhere"));
+        EXPECT_EQ(ownerOf("/etc/passwd"), "0:0");
+    }
 }
 
 TEST_F(MaildirManagerTest, OwnerThatCannotBeSetIsAnFSErrorWithItsPath) {
@@ -432,9 +450,9 @@ TEST_F(MaildirManagerTest, LinkThatTakesTurnsWithADirectoryLeadsNoOwnerOut) {
                 createHome();
                 seen.note(true);
             } catch (const fs::filesystem_error& e) {
-                // ENOTDIR when the link came between the look at a directory and its opening.
+                // The others when the link came between the look at a directory and its opening.
                 const int error = e.code().value();
-                EXPECT_TRUE(error == ELOOP || error == ENOTDIR) << e.what();
+                EXPECT_TRUE(error == ELOOP || error == ENOTDIR || error == EEXIST) << e.what();
                 seen.note(false);
             }
         }
