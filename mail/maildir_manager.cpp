@@ -32,8 +32,9 @@ namespace {
 constexpr mode_t DOMAIN_ROOT_MODE = 0750;
 constexpr mode_t HOME_MODE = 0700;
 
-// While directories are made, nobody else gets into them.
-constexpr mode_t CREATION_MODE = 0777;
+// While directories are made, nobody else gets into them. An umask alone would not see to that:
+// where the parent has a default ACL, it does not count.
+constexpr mode_t CREATION_MODE = 0700;
 constexpr mode_t CREATION_UMASK = 077;
 
 // What a home holds, in the order of creation: a directory comes before what is in it.
