@@ -67,7 +67,9 @@ int openFile(const char* path, int flags, int mode) noexcept {
     const auto ownMode = static_cast<mode_t>(mode) & ~WRITABLE_BY_OTHERS;
     // A pipe in place of a journal must not block.
     const int safeFlags = flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    UniqueFd file(::open(path, safeFlags, ownMode));  // root-owned path, or O_NOFOLLOW in it
+    UniqueFd file = safe_path::awaitLease(
+        UniqueFd(::open(path, safeFlags, ownMode)),  // root-owned path, or O_NOFOLLOW in it
+        AT_FDCWD, path, safeFlags);
     const int objection = file ? objectionTo(file.get(), path) : 0;
     if (objection == 0)
         return file.release();

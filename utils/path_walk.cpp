@@ -22,19 +22,20 @@ UniqueFd openWithoutLinks(int base, const char* path, int flags, mode_t mode) no
     return UniqueFd(static_cast<int>(::syscall(SYS_openat2, base, path, &how, sizeof how)));
 }
 
-/// There is a link, or the kernel or a system call filter cannot do it in one call.
+/// There is a link, or the kernel or a system call filter cannot do it in one call. (EAGAIN is of
+/// the file, not of the way: somebody holds a lease on it.)
 bool mustWalk(int error) noexcept {
-    return error == ELOOP || error == ENOSYS || error == EPERM || error == EAGAIN ||
-           error == EINVAL || error == E2BIG;
+    return error == ELOOP || error == ENOSYS || error == EPERM || error == EINVAL || error == E2BIG;
 }
 
 /// Opens by walking. `flags` may hold O_PATH.
 UniqueFd openByWalking(int base, const char* path, int flags, mode_t mode) noexcept {
     const bool exclusive = (flags & O_CREAT) != 0 && (flags & O_EXCL) != 0;
+    const bool keepsLink = exclusive || (flags & O_NOFOLLOW) != 0;
     Walk walk;
-    if (!walk.start(base, path) || !walk.reachLast(exclusive ? LastLink::keep : LastLink::follow))
+    if (!walk.start(base, path) || !walk.reachLast(keepsLink ? LastLink::keep : LastLink::follow))
         return UniqueFd();
-    if ((flags & O_PATH) == 0)
+    if (keepsLink || (flags & O_PATH) == 0)
         return UniqueFd(::openat(walk.directory(), walk.name(), flags | O_NOFOLLOW, mode));
 
     // With O_PATH a link would be opened without complaint, so what was looked at is used.

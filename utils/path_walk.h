@@ -17,8 +17,8 @@ namespace corvo::safe_path {
 /// For a directory that serves as a base only: it need not be readable.
 inline constexpr int BASE_FLAGS = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
-/// Opens whatever is there, as open does with `flags` (O_PATH included). Everything that is opened
-/// along a path is opened by this function.
+/// Opens whatever is there, as open does with `flags` (O_PATH and O_NOFOLLOW included). Everything
+/// that is opened along a path is opened by this function.
 [[nodiscard]] UniqueFd openTrusted(int base, const char* path, int flags, mode_t mode = 0) noexcept;
 
 /// A walk, component by component, that looks at every link before it follows it.

@@ -73,6 +73,15 @@ struct DescriptorPath {
     char text[32];
 };
 
+/// Opens what a descriptor stands for; EAGAIN without /proc.
+UniqueFd openAnew(int descriptor, int flags) noexcept {
+    const DescriptorPath itself(descriptor);
+    UniqueFd file(retryOnEintr([&] { return ::open(itself.text, flags); }));
+    if (!file && errno == ENOENT)
+        errno = EAGAIN;
+    return file;
+}
+
 int refuse(int error) noexcept {
     errno = error;
     return -1;
@@ -99,7 +108,8 @@ int checkFile(int file, bool writes, struct stat& seen) noexcept {
 
 /// Opens without waiting for a peer, and gives all that is no file the same errno.
 UniqueFd openWithoutWaiting(int base, const char* path, int flags, mode_t mode = 0) noexcept {
-    UniqueFd file = openTrusted(base, path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
+    const int waitless = flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd file = awaitLease(openTrusted(base, path, waitless, mode), base, path, waitless);
     if (!file && errno == ENXIO)  // a socket, or a pipe without reader
         errno = EINVAL;
     return file;
@@ -250,6 +260,18 @@ UniqueFd openFile(int base, const char* path, int flags, mode_t mode, struct sta
         retryOnEintr([&] { return ::ftruncate(file.get(), 0); }) != 0)
         return UniqueFd();
     return file;
+}
+
+UniqueFd awaitLease(UniqueFd opened, int base, const char* path, int flags) noexcept {
+    if (opened || errno != EAGAIN)
+        return opened;
+    const UniqueFd found = openTrusted(base, path, O_PATH | O_CLOEXEC | (flags & O_NOFOLLOW));
+    struct stat seen = {};
+    if (found && ::fstat(found.get(), &seen) == 0 && S_ISREG(seen.st_mode))
+        opened = openAnew(found.get(), flags & ~(O_NONBLOCK | O_NOFOLLOW | O_CREAT | O_EXCL));
+    else
+        errno = EAGAIN;
+    return opened;
 }
 
 bool isForeignHardLink(const struct stat& file) noexcept {

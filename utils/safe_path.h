@@ -56,15 +56,22 @@ enum class LastLink { follow, keep };
 [[nodiscard]] DirEntries openEntries(int base, const char* path,
                                      LastLink last = LastLink::follow) noexcept;
 
-/// Opens a regular file: never blocks, follows trusted links only, and takes O_TRUNC to effect only
-/// after the file proved sound. EINVAL for anything that is not a regular file (EISDIR for a
-/// directory that is opened for writing); for an open that writes, EPERM for what
-/// isForeignHardLink() says. An exclusive creation (O_CREAT | O_EXCL) follows no link.
+/// Opens a regular file: waits for nothing but a lease (see awaitLease), follows trusted links
+/// only, and takes O_TRUNC to effect only after the file proved sound. EINVAL for anything that is
+/// not a regular file (EISDIR for a directory that is opened for writing); for an open that writes,
+/// EPERM for what isForeignHardLink() says. An exclusive creation (O_CREAT | O_EXCL) follows no
+/// link.
 [[nodiscard]] UniqueFd openFile(int base, const char* path, int flags, mode_t mode = 0) noexcept;
 
 /// As above; `seen` receives what fstat said of the file before a truncation.
 [[nodiscard]] UniqueFd openFile(int base, const char* path, int flags, mode_t mode,
                                 struct stat& seen) noexcept;
+
+/// Takes what an open with O_NONBLOCK among its `flags` came to and hands it back, unless that is
+/// EAGAIN for a regular file: somebody holds a lease on it (fcntl), and as a plain open does, this
+/// one waits until the holder gives way, for fs.lease-break-time at most. EAGAIN stays for anything
+/// else, as it does without /proc.
+[[nodiscard]] UniqueFd awaitLease(UniqueFd opened, int base, const char* path, int flags) noexcept;
 
 /// True for a file with several names that is not popuser's own: it may be another's file that was
 /// linked into the mail tree, and nothing may be written to it or handed out from it.

@@ -64,6 +64,9 @@ std::vector<Place> placesInStorage(const Restored& golden) {
     return places;
 }
 
+/// Of a lease.
+enum class Holder { givesWay, isStubborn };
+
 class PlantedTraps {
 public:
     explicit PlantedTraps(Report& report) : report_(report) {}
@@ -81,7 +84,7 @@ private:
     Violations judgeTrap(const Place& place, const std::function<Outcome()>& run) const;
     Violations judgeQuotaTrap(const std::string& path, TrapKind kind) const;
     Violations judgeTrapForTheNewSize(TrapKind kind) const;
-    Violations judgeLease(const Place& place) const;
+    Violations judgeLease(const std::string& key, Holder holder) const;
     Violations judgeFollowedLink(const std::string& key) const;
     Violations judgeFollowedQuotaLink() const;
 
@@ -207,25 +210,45 @@ void PlantedTraps::trapsInTheWayOfTheNewSize() {
                 [&] { return judgeTrapForTheNewSize(kind); });
 }
 
-// --- files that popuser holds a lease on, so that an open waits for him
+// --- files that popuser holds a lease on, so that a run has to wait
 
-int holdLease(const std::string& path, const Background::Ready& ready) {
+constexpr useconds_t MOMENT = 50'000;  // microseconds
+
+/// Holds a lease as popuser, who is asked for it by a signal.
+int holdLease(const std::string& path, Holder holder, const Background::Ready& ready) {
     becomePopuser();
-    (void)std::signal(SIGIO, SIG_IGN);
+    sigset_t asked;
+    sigemptyset(&asked);
+    sigaddset(&asked, SIGIO);
+    (void)::sigprocmask(SIG_BLOCK, &asked, nullptr);
     const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (::fcntl(file, F_SETLEASE, F_WRLCK) != 0)
         return 1;
     ready();
+    (void)::sigwaitinfo(&asked, nullptr);
+    ::usleep(MOMENT);
+    if (holder == Holder::givesWay)
+        (void)::fcntl(file, F_SETLEASE, F_UNLCK);
     for (;;)
         ::pause();
 }
 
-Violations PlantedTraps::judgeLease(const Place& place) const {
-    Violations violations = judgeTrap(place, [&] {
-        Background holder(
-            [&](const Background::Ready& ready) { return holdLease(atPath(place.key), ready); });
-        return undisturbedRun();
+/// Seconds after which the kernel takes a lease away.
+int leaseBreakTime() {
+    return std::stoi(test::contentsOf("/proc/sys/fs/lease-break-time"));
+}
+
+/// The run waits, and restores all.
+Violations PlantedTraps::judgeLease(const std::string& key, Holder holder) const {
+    const Trial trial = tryRun([&] {
+        const Background lease(
+            [&](const Background::Ready& ready) { return holdLease(atPath(key), holder, ready); });
+        return watched([] { executeRun(); }, WATCHDOG + leaseBreakTime());
     });
+    Violations violations = judgeTrial(trial, scene_.golden(), spoilsNothing);
+    append(violations, judgeRows(scene_.golden(), Restored::look(), spoilsNothing));
+    if (trial.outcome.err.find("ignored") != std::string::npos)
+        violations.push_back("I9 a lease is not waited for: <" + trial.outcome.err + ">");
     append(violations, judgeRepair(scene_.golden()));
     return violations;
 }
@@ -233,7 +256,11 @@ Violations PlantedTraps::judgeLease(const Place& place) const {
 void PlantedTraps::leases() {
     for (const Place& place : placesInStorage(scene_.golden()))
         if (fs::is_regular_file(fs::symlink_status(atPath(place.key))))
-            attempt(place.key + "/lease", true, [&] { return judgeLease(place); });
+            attempt(place.key + "/lease", true,
+                    [&] { return judgeLease(place.key, Holder::givesWay); });
+    const std::string delivery = TRAPPED_HOME + "/.qmail";
+    attempt(delivery + "/stubborn-lease", false,
+            [&] { return judgeLease(delivery, Holder::isStubborn); });
 }
 
 // --- links of administrators

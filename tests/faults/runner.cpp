@@ -25,8 +25,8 @@ Outcome preparedRun(const std::function<void()>& prepare, const std::string& mod
     });
 }
 
-Outcome watched(const std::function<void()>& body) {
-    const test::ProcessResult result = test::runForked(body, WATCHDOG);
+Outcome watched(const std::function<void()>& body, int seconds) {
+    const test::ProcessResult result = test::runForked(body, seconds);
     return {result.status, result.out, result.err, result.timedOut};
 }
 

@@ -25,7 +25,7 @@ Outcome undisturbedRun(const std::string& mode = "--all");
 Outcome preparedRun(const std::function<void()>& prepare, const std::string& mode = "--all");
 
 /// A child of this process under the watchdog; `body` makes the run in it and ends the process.
-Outcome watched(const std::function<void()>& body);
+Outcome watched(const std::function<void()>& body, int seconds = WATCHDOG);
 
 /// Becomes the production binary.
 [[noreturn]] void executeRun(const std::string& mode = "--all");

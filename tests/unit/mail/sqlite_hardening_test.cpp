@@ -4,6 +4,7 @@
 
 #include "mail/mail_user_db.h"
 #include "mail/sqlite_session.h"
+#include "tests/support/lease_holder.h"
 #include "tests/unit/mail/sqlite_fixture.h"
 #include "utils/guards.h"
 
@@ -204,6 +205,15 @@ TEST_F(SqliteHardeningTest, PipeInPlaceOfTheFolderDoesNotBlock) {
         },
         20);
     EXPECT_FALSE(child.timedOut);
+}
+
+// Leases.
+
+TEST_F(SqliteHardeningTest, DatabaseUnderALeaseIsWaitedFor) {
+    LeaseHolder holder(FILE_PATH);
+    EXPECT_TRUE(store());
+    EXPECT_TRUE(holder.gaveWay());
+    EXPECT_EQ(rows(), Rows{"a.com|x|5B"});
 }
 
 // Write-ahead logs.

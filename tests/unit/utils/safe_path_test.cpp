@@ -26,6 +26,7 @@
 
 #include "tests/support/failing_call.h"
 #include "tests/support/files.h"
+#include "tests/support/lease_holder.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 
@@ -320,6 +321,72 @@ TEST_F(SafePathTest, OnlyRegularFilesAreOpenedAsFiles) {
     }
     EXPECT_EQ(openError(HOME, O_RDONLY), EINVAL);
     EXPECT_EQ(openError(HOME, O_WRONLY), EISDIR);
+}
+
+TEST_F(SafePathTest, LeasesAreWaitedFor) {
+    makeLink(HOME, DOMAIN + "/trusted");
+    for (const std::string& path : {FILE_PATH, DOMAIN + "/trusted/.qmail"}) {
+        for (const int flags : {O_RDONLY, O_RDWR, O_WRONLY | O_CREAT | O_TRUNC}) {
+            LeaseHolder holder(FILE_PATH);
+            EXPECT_EQ(openError(path, flags), 0) << path << " with " << flags;
+            EXPECT_TRUE(holder.gaveWay());
+        }
+        LeaseHolder holder(FILE_PATH);
+        EXPECT_EQ(permissionError(path), 0) << path;
+        EXPECT_TRUE(holder.gaveWay());
+    }
+    EXPECT_EQ(contentsOf(FILE_PATH), "");
+}
+
+TEST_F(SafePathTest, LeasesAreWaitedForWhereTheKernelCannotWalkAlone) {
+    LeaseHolder holder(FILE_PATH);
+    const ProcessResult result = runForked([] {
+        failSystemCall(SYS_openat2, ENOSYS);
+        std::exit(openError(FILE_PATH, O_RDWR));
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(holder.gaveWay());
+}
+
+TEST_F(SafePathTest, LeasesAreNotWaitedForWithoutProc) {
+    const LeaseHolder holder(FILE_PATH);
+    const ProcessResult result = runForked([] {
+        hideProc();
+        std::exit(openError(FILE_PATH, O_RDWR));
+    });
+    EXPECT_EQ(result.status, EAGAIN);
+}
+
+TEST_F(SafePathTest, NothingIsWaitedForButTheLeaseOnARegularFile) {
+    ASSERT_EQ(::mkfifo((HOME + "/fifo").c_str(), 0666), 0);
+    makeLink(FILE_PATH, HOME + "/trusted");
+    makeLink(HOME, DOMAIN + "/folder");
+    makeLink(FILE_PATH, HOME + "/foreign", POPUSER_UID);
+    const struct {
+        std::string path;
+        int flags;
+        int error;
+    } cases[] = {{FILE_PATH, O_RDONLY, 0},
+                 {FILE_PATH, O_WRONLY | O_CREAT | O_NOFOLLOW, 0},
+                 {HOME + "/trusted", O_RDONLY, 0},
+                 {DOMAIN + "/folder/.qmail", O_RDONLY | O_NOFOLLOW, 0},
+                 {HOME + "/trusted", O_RDONLY | O_NOFOLLOW, EAGAIN},
+                 {DOMAIN + "/folder/trusted", O_RDONLY | O_NOFOLLOW, EAGAIN},
+                 {HOME + "/foreign", O_RDONLY, EAGAIN},
+                 {HOME + "/fifo", O_RDONLY, EAGAIN},
+                 {HOME, O_RDONLY, EAGAIN},
+                 {HOME + "/missing", O_WRONLY | O_CREAT, EAGAIN}};
+    for (const auto& [path, flags, error] : cases) {
+        errno = EAGAIN;
+        EXPECT_EQ(errorOf(safe_path::awaitLease(UniqueFd(), AT_FDCWD, path.c_str(),
+                                                flags | O_NONBLOCK | O_CLOEXEC)),
+                  error)
+            << path << " with " << flags;
+    }
+    EXPECT_FALSE(exists(HOME + "/missing"));
+    errno = EACCES;
+    EXPECT_EQ(errorOf(safe_path::awaitLease(UniqueFd(), AT_FDCWD, FILE_PATH.c_str(), O_RDONLY)),
+              EACCES);
 }
 
 TEST_F(SafePathTest, ForeignHardLinksAreNotWritten) {
