@@ -2,16 +2,12 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <linux/posix_acl.h>
-#include <linux/posix_acl_xattr.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -22,6 +18,7 @@
 #include <vector>
 
 #include "mail/fs_error.h"
+#include "tests/support/acl.h"
 #include "tests/support/capabilities.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
@@ -262,17 +259,6 @@ TEST_F(MaildirManagerTest, MissingParentsAreMadeForTheOwnerOnly) {
     EXPECT_EQ(modeOf(ROOT) + " " + ownerOf(ROOT), "0750 " + popuser());
 }
 
-/// New entries of the directory are everybody's, whatever the umask.
-void setDefaultAcl(const std::string& path) {
-    constexpr std::uint32_t NO_ID = ACL_UNDEFINED_ID;
-    const struct {
-        posix_acl_xattr_header header = {POSIX_ACL_XATTR_VERSION};
-        posix_acl_xattr_entry entries[3] = {
-            {ACL_USER_OBJ, 7, NO_ID}, {ACL_GROUP_OBJ, 7, NO_ID}, {ACL_OTHER, 7, NO_ID}};
-    } acl;
-    ASSERT_EQ(::setxattr(path.c_str(), "system.posix_acl_default", &acl, sizeof acl, 0), 0);
-}
-
 /// Of what is not popuser's yet, each time before an owner is set.
 std::set<std::string> modesBeforeOwners(const std::function<void()>& operation) {
     std::set<std::string> modes;
@@ -293,7 +279,7 @@ TEST_F(MaildirManagerTest, NobodyElseGetsIntoWhatIsBeingMade) {
     const std::set<std::string> rootsAlone = {"0700"};
     EXPECT_EQ(modesBeforeOwners(createHome), rootsAlone);
     resetSandbox();
-    setDefaultAcl(MAILNAMES);
+    openNewEntriesToAll(MAILNAMES);
     EXPECT_EQ(modesBeforeOwners(createRoot), rootsAlone);
     EXPECT_EQ(modesBeforeOwners(createHome), rootsAlone);
     EXPECT_EQ(modeOf(ROOT), "0750");
