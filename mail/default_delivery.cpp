@@ -31,7 +31,7 @@ corvo::UniqueFd openWithContent() noexcept {
     if (!file)
         return file;
     // The first line goes into files that popuser may read.
-    const bool foreign = safe_path::isForeignHardLink(seen);
+    const bool foreign = safe_path::isForeignHardLink(AT_FDCWD, DEFAULT_DELIVERY, seen);
     if (!foreign && seen.st_size > 0)
         return file;
     file.reset();

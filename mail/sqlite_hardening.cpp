@@ -41,13 +41,13 @@ bool isOursAlone(const struct stat& file) noexcept {
 }
 
 // The errno for a file that SQLite must not work on, or 0.
-int objectionTo(int file, std::string_view path) noexcept {
+int objectionTo(int file, const char* path) noexcept {
     struct stat seen {};
     if (::fstat(file, &seen) != 0)
         return errno;
-    if (safe_path::isForeignHardLink(seen))
+    if (safe_path::isForeignHardLink(AT_FDCWD, path, seen))
         return EPERM;
-    return path.ends_with("-shm") && !isOursAlone(seen) ? EACCES : 0;
+    return std::string_view(path).ends_with("-shm") && !isOursAlone(seen) ? EACCES : 0;
 }
 
 // In place of the system calls that SQLite makes for files of ours. The modes and owners it asks

@@ -50,7 +50,7 @@ bool LineReader::open(const Target& target) noexcept {
     file_ = safe_path::openFile(target.base(), target.name(), O_RDONLY, 0, seen_);
     if (!file_)
         return false;
-    if (safe_path::isForeignHardLink(seen_)) {
+    if (safe_path::isForeignHardLink(target.base(), target.name(), seen_)) {
         errno = EPERM;
         return false;
     }

@@ -96,7 +96,7 @@ bool Walk::look() noexcept {
 
 /// Puts the target of the link in entry_ before the rest of the path.
 bool Walk::follow() noexcept {
-    if (!isTrustedLink(seen_) || ++links_ > MAX_LINKS) {
+    if (!isTrustedLink(directory(), name_, seen_) || ++links_ > MAX_LINKS) {
         errno = ELOOP;
         return false;
     }

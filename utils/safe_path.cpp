@@ -87,6 +87,10 @@ int refuse(int error) noexcept {
     return -1;
 }
 
+bool isSame(const struct stat& one, const struct stat& other) noexcept {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 bool isPopuser(uid_t uid) noexcept {
     struct passwd entry = {};
     struct passwd* found = nullptr;
@@ -95,13 +99,13 @@ bool isPopuser(uid_t uid) noexcept {
            found != nullptr && found->pw_uid == uid;
 }
 
-/// Is an open file one to be worked on? 0, or -1 with errno.
-int checkFile(int file, bool writes, struct stat& seen) noexcept {
+/// Is the file that a path led to one to be worked on? 0, or -1 with errno.
+int checkFile(int base, const char* path, int file, bool writes, struct stat& seen) noexcept {
     if (::fstat(file, &seen) != 0)
         return -1;
     if (!S_ISREG(seen.st_mode))
         return refuse(EINVAL);
-    if (writes && isForeignHardLink(seen))
+    if (writes && isForeignHardLink(base, path, seen))
         return refuse(EPERM);
     return 0;
 }
@@ -176,7 +180,7 @@ UniqueFd openForPermissions(int base, const char* path) noexcept {
     if (!file || ::fstat(file.get(), &seen) != 0)
         return UniqueFd();
     const bool isSuitable = S_ISREG(seen.st_mode) || S_ISDIR(seen.st_mode);
-    if (isSuitable && !isForeignHardLink(seen))
+    if (isSuitable && !isForeignHardLink(base, path, seen))
         return file;
     errno = isSuitable ? EPERM : EINVAL;
     return UniqueFd();
@@ -187,7 +191,9 @@ UniqueFd openForPermissions(int base, const char* path) noexcept {
 UniqueFd findForPermissions(int base, const char* path) noexcept {
     UniqueFd file = openTrusted(base, path, O_PATH | O_CLOEXEC);
     struct stat seen = {};
-    return file && checkFile(file.get(), true, seen) == 0 ? std::move(file) : UniqueFd();
+    if (!file || checkFile(base, path, file.get(), true, seen) != 0)
+        return UniqueFd();
+    return file;
 }
 
 /// fchown and fchmod in their order, each repeated on EINTR, however they are made.
@@ -254,7 +260,8 @@ UniqueFd openFile(int base, const char* path, int flags, mode_t mode) noexcept {
 
 UniqueFd openFile(int base, const char* path, int flags, mode_t mode, struct stat& seen) noexcept {
     UniqueFd file = openWithoutWaiting(base, path, flags & ~O_TRUNC, mode);
-    if (!file || checkFile(file.get(), (flags & O_ACCMODE) != O_RDONLY, seen) != 0)
+    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+    if (!file || checkFile(base, path, file.get(), writes, seen) != 0)
         return UniqueFd();
     if ((flags & O_TRUNC) != 0 && seen.st_size != 0 &&
         retryOnEintr([&] { return ::ftruncate(file.get(), 0); }) != 0)
@@ -274,12 +281,25 @@ UniqueFd awaitLease(UniqueFd opened, int base, const char* path, int flags) noex
     return opened;
 }
 
-bool isForeignHardLink(const struct stat& file) noexcept {
-    return S_ISREG(file.st_mode) && file.st_nlink > 1 && !isPopuser(file.st_uid);
+bool isRootsEntry(int directory, const char* name, const struct stat& seen) noexcept {
+    struct stat folder = {};
+    struct stat entry = {};
+    return ::fstatat(directory, "", &folder, AT_EMPTY_PATH) == 0 && folder.st_uid == 0 &&
+           (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+           ::fstatat(directory, name, &entry, AT_SYMLINK_NOFOLLOW) == 0 && isSame(entry, seen);
 }
 
-bool isTrustedLink(const struct stat& link) noexcept {
-    return link.st_nlink == 1 && (link.st_uid == 0 || link.st_uid == ::geteuid());
+bool isForeignHardLink(int base, const char* path, const struct stat& file) noexcept {
+    if (!S_ISREG(file.st_mode) || file.st_nlink <= 1 || isPopuser(file.st_uid))
+        return false;
+    Location place;
+    return locate(base, path, LastLink::follow, place) != 0 ||
+           !isRootsEntry(place.parent.get(), place.name, file);
+}
+
+bool isTrustedLink(int directory, const char* name, const struct stat& link) noexcept {
+    const bool isOurs = link.st_uid == 0 || link.st_uid == ::geteuid();
+    return isOurs && (link.st_nlink == 1 || isRootsEntry(directory, name, link));
 }
 
 ssize_t readTrustedLink(int base, const char* path, char* target, std::size_t size) noexcept {
@@ -290,7 +310,9 @@ ssize_t readTrustedLink(int base, const char* path, char* target, std::size_t si
     struct stat seen = {};
     if (!link || ::fstat(link.get(), &seen) != 0)
         return -1;
-    return isTrustedLink(seen) ? ::readlinkat(link.get(), "", target, size) : refuse(ELOOP);
+    return isTrustedLink(place.parent, place.name, seen)
+               ? ::readlinkat(link.get(), "", target, size)
+               : refuse(ELOOP);
 }
 
 int status(int base, const char* path, struct stat& result) noexcept {

@@ -2,11 +2,10 @@
 //
 // Mail storage belongs to an account that may plant links, pipes and races in it, and this program
 // runs as root. Here a path is walked on descriptors, and a symbolic link is followed only when
-// root or the running user owns the link itself and the link has a single name, at most 40 of them;
-// any other link is ELOOP. The second condition holds for an administrator's links too: a link of
-// root's with a further hard link somewhere is not followed under either name, as one of the two
-// may have been planted. A path without links costs one system call where the kernel can walk it
-// so.
+// root or the running user owns the link itself, at most 40 of them; any other link is ELOOP. A
+// link with several names may have been planted under one of them, and is followed only where
+// nobody but root can have put it (see isRootsEntry). A path without links costs one system call
+// where the kernel can walk it so.
 //
 // `base` is a directory's descriptor or AT_FDCWD; it matters for relative paths only. Functions
 // return a descriptor or 0, or -1 (an empty guard) with errno, except where stated; none logs or
@@ -73,13 +72,20 @@ enum class LastLink { follow, keep };
 /// else, as it does without /proc.
 [[nodiscard]] UniqueFd awaitLease(UniqueFd opened, int base, const char* path, int flags) noexcept;
 
-/// True for a file with several names that is not popuser's own: it may be another's file that was
-/// linked into the mail tree, and nothing may be written to it or handed out from it.
-[[nodiscard]] bool isForeignHardLink(const struct stat& file) noexcept;
+/// True when `name` in a directory is the entry of which `seen` tells, and nobody but root can have
+/// put it there: the directory is root's, and neither its group (nor anybody in an ACL, whose mask
+/// stands in the group's bits) nor others may write it. A sticky bit would not keep them from that.
+[[nodiscard]] bool isRootsEntry(int directory, const char* name, const struct stat& seen) noexcept;
 
-/// Whether a link, of which lstat says this, is followed: root's or the running user's, under a
-/// single name.
-[[nodiscard]] bool isTrustedLink(const struct stat& link) noexcept;
+/// True for a file with several names that is not popuser's own: it may be another's file that was
+/// linked into the mail tree, and nothing may be written to it or handed out from it. `file` is
+/// what fstat says of what `path` led to. Where that is an entry of root's (see above), its further
+/// names are root's own business.
+[[nodiscard]] bool isForeignHardLink(int base, const char* path, const struct stat& file) noexcept;
+
+/// Whether a link, of which lstat says this, is followed: root's or the running user's, and either
+/// under a single name or an entry of root's.
+[[nodiscard]] bool isTrustedLink(int directory, const char* name, const struct stat& link) noexcept;
 
 /// readlink, for a link that is followed: its target's length; ELOOP for any other. The target is
 /// not ended by a zero byte.

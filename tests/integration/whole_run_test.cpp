@@ -558,6 +558,26 @@ TEST_F(WholeRun, NamesThatAreNoPathComponentReachNothingOutside) {
     EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|0B"));
 }
 
+TEST_F(WholeRun, HardLinkBackupsThatRootMakesAreNotInTheWay) {
+    panel.domain("example.com").mailname("info");
+    writeFile(DEFAULT_DELIVERY, DELIVERY_LINE + "\n", 0, 0, 0600);
+    makeDirectory("/var/qmail/disk/example.com");
+    makeLink("/var/qmail/disk/example.com", MAILNAMES + "/example.com");
+    const std::string handlers = std::filesystem::path(HANDLERS).parent_path();
+    ASSERT_EQ(run({"cp", "-al", MAILNAMES, "/var/qmail/backup"}).status, 0);
+    ASSERT_EQ(run({"cp", "-al", handlers, "/var/lib/corvo/backup"}).status, 0);
+
+    const ProcessResult result = mailRebuild();
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, debugQuota(-1));
+    EXPECT_EQ(contentsOf("/var/qmail/disk/example.com/info/.qmail"),
+              "| true\n" + DELIVERY_LINE + "\n");
+    EXPECT_THAT(handlerRows(),
+                ElementsAre(checkQuotaRow(1, "none"), checkQuotaRow(4, "none"), SPAM_ROW));
+}
+
 TEST_F(WholeRun, TwoRunsAtOnceLoseNoRow) {
     loadSample(panel);
 

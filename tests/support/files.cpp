@@ -121,6 +121,11 @@ void writeFile(const std::string& path, const std::string& contents) {
         fail("write " + path);
 }
 
+void chownToPopuser(const std::string& path) {
+    if (::lchown(path.c_str(), POPUSER_UID, POPUSER_GID) != 0)
+        fail("chown " + path);
+}
+
 void writeFile(const std::string& path, const std::string& contents, uid_t uid, gid_t gid,
                mode_t mode) {
     writeFile(path, contents);

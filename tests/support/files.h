@@ -25,6 +25,8 @@ std::string popuser();
 void writeFile(const std::string& path, const std::string& contents);
 void writeFile(const std::string& path, const std::string& contents, uid_t uid, gid_t gid,
                mode_t mode);
+/// Not what a link points at.
+void chownToPopuser(const std::string& path);
 /// Makes a directory and its missing parents (0755).
 void makeDirectory(const std::string& path);
 void makeLink(const std::string& target, const std::string& path, uid_t owner = 0);

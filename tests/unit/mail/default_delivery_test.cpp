@@ -144,6 +144,7 @@ TEST_F(DefaultDeliveryTest, HardLinkToAnothersFileIsNotHandedOut) {
     for (const auto& [what, owner, group, contents, expected] : cases) {
         SCOPED_TRACE(what);
         resetSandbox();
+        chownToPopuser(MAILNAMES);
         writeFile(secrets, contents, owner, group, 0600);
         ASSERT_EQ(::link(secrets.c_str(), DEFAULT_DELIVERY.c_str()), 0);
         EXPECT_EQ(line(), expected);
@@ -153,6 +154,12 @@ TEST_F(DefaultDeliveryTest, HardLinkToAnothersFileIsNotHandedOut) {
         expectLogged("Unable to open default delivery config file(" + DEFAULT_DELIVERY +
                      "): Operation not permitted\n\n");
     }
+}
+
+TEST_F(DefaultDeliveryTest, FurtherNamesInAFolderOfRootsDoNotMatter) {
+    writeFile(DEFAULT_DELIVERY, "./Maildir/\n", 0, 0, 0600);
+    ASSERT_EQ(::link(DEFAULT_DELIVERY.c_str(), "/var/qmail/backup"), 0);
+    EXPECT_EQ(line(), "./Maildir/");
 }
 
 TEST_F(DefaultDeliveryTest, FolderThatIsNoneHoldsNoUsableFile) {

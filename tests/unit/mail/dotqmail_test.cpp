@@ -367,6 +367,7 @@ TEST_F(DotqmailWithoutMemoryTest, LineThatCannotBeFormattedIsReported) {
 
 TEST_F(DotqmailTest, DeliveryLineIsNotTakenFromAHardLinkToAnothersFile) {
     ASSERT_EQ(::unlink(DEFAULT_DELIVERY.c_str()), 0);
+    chownToPopuser(MAILNAMES);
     writeFile(MAILNAMES + "/secrets", "root:secret\n", 0, 0, 0600);
     ASSERT_EQ(::link((MAILNAMES + "/secrets").c_str(), DEFAULT_DELIVERY.c_str()), 0);
     ASSERT_EQ(dotqmail_reset(path()), 0);

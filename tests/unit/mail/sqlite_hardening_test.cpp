@@ -115,8 +115,21 @@ TEST_F(SqliteHardeningTest, LinkOfRootWithASecondNameIsRefused) {
     std::filesystem::rename(FILE_PATH, elsewhere);
     makeLink(elsewhere, FILE_PATH);
     std::filesystem::create_hard_link(FILE_PATH, FOLDER + "/second");
+    chownToPopuser(FOLDER);
     EXPECT_FALSE(store());
     expectLogged({"Unable to open database " + FILE_PATH + ": unable to open database file"});
+}
+
+TEST_F(SqliteHardeningTest, FurtherNamesInAFolderOfRootsDoNotMatter) {
+    const std::string elsewhere = "/var/lib/corvo/moved.db";
+    checkCall(::chown(FILE_PATH.c_str(), 0, 0), "chown");
+    std::filesystem::create_hard_link(FILE_PATH, "/var/lib/corvo/backup");
+    EXPECT_TRUE(store());
+    std::filesystem::rename(FILE_PATH, elsewhere);
+    makeLink(elsewhere, FILE_PATH);
+    std::filesystem::create_hard_link(FILE_PATH, "/var/lib/corvo/link");
+    EXPECT_TRUE(store());
+    EXPECT_EQ(sqliteRows(elsewhere, "SELECT * FROM mailbox_quota"), Rows{"a.com|x|5B"});
 }
 
 TEST_F(SqliteHardeningTest, FileOfRootUnderASecondNameIsRefused) {
@@ -125,6 +138,7 @@ TEST_F(SqliteHardeningTest, FileOfRootUnderASecondNameIsRefused) {
         SCOPED_TRACE(name);
         writeFile(victim, contents, 0, 0, 0600);
         std::filesystem::remove(name);
+        chownToPopuser(FOLDER);
         std::filesystem::create_hard_link(victim, name);
         EXPECT_FALSE(store());
         EXPECT_EQ(contentsOf(victim), contents);

@@ -97,6 +97,7 @@ TEST_F(TextFileTest, PipeIsRefusedWithoutWaiting) {
 
 TEST_F(TextFileTest, ForeignHardLinkIsRefused) {
     const std::string other = MAILNAMES + "/other";
+    chownToPopuser(MAILNAMES);
     writeFile(other, "kept\n", STRANGER_UID, STRANGER_GID, 0644);
     ASSERT_EQ(::link(other.c_str(), FILE_PATH.c_str()), 0);
     EXPECT_EQ(write_text_file(FILE_PATH.c_str(), "x"), -1);

@@ -76,6 +76,7 @@ TEST_F(FilesTest, RefusedPathsAreFailedChowns) {
     std::filesystem::create_hard_link("/var/qmail/secret", MAILNAMES + "/hard");
     makeLink("/var/qmail/secret", MAILNAMES + "/link", POPUSER_UID);
     ASSERT_EQ(::mkfifo((MAILNAMES + "/fifo").c_str(), 0600), 0);
+    chownToPopuser(MAILNAMES);
     const struct {
         const char* name;
         int error;

@@ -471,6 +471,7 @@ TEST_F(LineFileTest, LinksOfOthersAreRefusedAtEachLevel) {
 
 TEST_F(LineFileTest, ForeignHardLinksAreNeitherWrittenNorHandedOut) {
     writeFile("/var/qmail/secret", "secret\n", 0, 0, 0600);
+    chownToPopuser(HOME);
     std::filesystem::create_hard_link("/var/qmail/secret", PATH);
     const std::string before = fingerprint("/var/qmail");
     const Case cases[] = {{"", {"a"}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND, ""},
@@ -483,6 +484,16 @@ TEST_F(LineFileTest, ForeignHardLinksAreNeitherWrittenNorHandedOut) {
         EXPECT_EQ(message(), unableToOpen(PATH, EPERM));
     }
     EXPECT_EQ(fingerprint("/var/qmail"), before);
+}
+
+TEST_F(LineFileTest, FurtherNamesInADirectoryOfRootsDoNotMatter) {
+    for (const int action : {FILE_STRINGS_ADD, FILE_STRINGS_REMOVE}) {
+        writeFile(PATH, "a\nb\n", 0, 0, 0600);
+        std::filesystem::create_hard_link(PATH, "/var/qmail/backup");
+        EXPECT_EQ(change({"a"}, action, FILE_STRINGS_APPEND), 0) << action;
+        std::filesystem::remove("/var/qmail/backup");
+    }
+    EXPECT_EQ(contentsOf(PATH), "b\n");
 }
 
 TEST_F(LineFileTest, WhatIsNoFileIsRefusedAtOnce) {

@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/acl.h"
 #include "tests/support/failing_call.h"
 #include "tests/support/files.h"
 #include "tests/support/lease_holder.h"
@@ -274,6 +275,7 @@ TEST_F(SafePathTest, LinkThatPointsAtItselfIsALoop) {
 }
 
 TEST_F(SafePathTest, HardLinkToRootsLinkIsRefused) {
+    chownToPopuser(HOME);
     makeLink("/etc/passwd", "/var/qmail/link");
     ASSERT_EQ(::linkat(AT_FDCWD, "/var/qmail/link", AT_FDCWD, (HOME + "/l").c_str(), 0), 0);
     EXPECT_EQ(openError(HOME + "/l", O_RDONLY), ELOOP);
@@ -390,6 +392,7 @@ TEST_F(SafePathTest, NothingIsWaitedForButTheLeaseOnARegularFile) {
 }
 
 TEST_F(SafePathTest, ForeignHardLinksAreNotWritten) {
+    chownToPopuser(HOME);
     writeFile("/var/qmail/secret", "secret\n", 0, 0, 0600);
     std::filesystem::create_hard_link("/var/qmail/secret", HOME + "/planted");
     EXPECT_EQ(openError(HOME + "/planted", O_WRONLY | O_CREAT | O_TRUNC), EPERM);
@@ -409,9 +412,71 @@ TEST_F(SafePathTest, PopusersOwnHardLinksAreWritten) {
 
 TEST_F(SafePathTest, WithoutPopuserEveryHardLinkIsForeign) {
     std::filesystem::create_hard_link(FILE_PATH, HOME + "/second");
+    chownToPopuser(HOME);
     removeUser("popuser");
     EXPECT_EQ(openError(FILE_PATH, O_WRONLY | O_TRUNC), EPERM);
     EXPECT_EQ(contentsOf(FILE_PATH), "old\n");
+}
+
+TEST_F(SafePathTest, FurtherNamesAreRefusedWhereOthersMayHaveMadeThem) {
+    const struct {
+        const char* what;
+        uid_t owner;
+        mode_t mode;
+        int fileError;
+        int linkError;
+    } cases[] = {{"root's alone", 0, 0755, 0, 0},
+                 {"root's, to read for nobody", 0, 0700, 0, 0},
+                 {"popuser's", POPUSER_UID, 0755, EPERM, ELOOP},
+                 {"popuser's, who must not write", POPUSER_UID, 0555, EPERM, ELOOP},
+                 {"the group's, too (or an ACL's)", 0, 0775, EPERM, ELOOP},
+                 {"everybody's", 0, 0777, EPERM, ELOOP},
+                 {"everybody's with a sticky bit", 0, 01777, EPERM, ELOOP}};
+    writeFile(DOMAIN + "/folder/file", "", STRANGER_UID, STRANGER_GID, 0600);
+    makeLink("file", DOMAIN + "/folder/link");
+    std::filesystem::create_hard_link(DOMAIN + "/folder/file", "/var/qmail/file");
+    std::filesystem::create_hard_link(DOMAIN + "/folder/link", "/var/qmail/link");
+    makeLink("folder/file", DOMAIN + "/leads-to-file");
+    for (const auto& [what, owner, mode, fileError, linkError] : cases) {
+        SCOPED_TRACE(what);
+        ASSERT_EQ(::chown((DOMAIN + "/folder").c_str(), owner, 0), 0);
+        ASSERT_EQ(::chmod((DOMAIN + "/folder").c_str(), mode), 0);
+        for (const std::string name : {"/folder/file", "/leads-to-file"}) {
+            writeFile(DOMAIN + "/folder/file", "", STRANGER_UID, STRANGER_GID, 0600);
+            EXPECT_EQ(openError(DOMAIN + name, O_WRONLY | O_CREAT), fileError);
+            EXPECT_EQ(permissionError(DOMAIN + name), fileError);
+            writeFile(DOMAIN + "/folder/file", "", STRANGER_UID, STRANGER_GID, 0600);
+            PermissionStep failed{};
+            EXPECT_EQ(unopenedPermissionError(DOMAIN + name, failed), fileError);
+        }
+        EXPECT_EQ(statusError(DOMAIN + "/folder/link"), linkError);
+        char target[PATH_MAX];
+        EXPECT_EQ(errorOf(static_cast<int>(safe_path::readTrustedLink(
+                      AT_FDCWD, (DOMAIN + "/folder/link").c_str(), target, sizeof target))),
+                  linkError);
+    }
+}
+
+TEST_F(SafePathTest, AclThatLetsAnotherWriteIsSeenInTheGroupsBits) {
+    writeFile(HOME + "/file", "", 0, 0, 0600);
+    std::filesystem::create_hard_link(HOME + "/file", "/var/qmail/file");
+    EXPECT_EQ(openError(HOME + "/file", O_WRONLY), 0);
+    letPopuserWorkIn(HOME);
+    EXPECT_EQ(openError(HOME + "/file", O_WRONLY), EPERM);
+}
+
+TEST_F(SafePathTest, EntryOfRootsIsThatOfTheNameItself) {
+    writeFile(HOME + "/file", "", 0, 0, 0600);
+    makeLink("file", HOME + "/link");
+    struct stat file {};
+    ASSERT_EQ(::stat((HOME + "/file").c_str(), &file), 0);
+    const UniqueFd home = safe_path::openDirectory(AT_FDCWD, HOME.c_str());
+    EXPECT_TRUE(safe_path::isRootsEntry(home.get(), "file", file));
+    for (const char* name : {"link", ".qmail", "missing"})
+        EXPECT_FALSE(safe_path::isRootsEntry(home.get(), name, file)) << name;
+    ASSERT_EQ(safe_path::changeDirectory(HOME.c_str()), 0);
+    EXPECT_TRUE(safe_path::isRootsEntry(AT_FDCWD, "file", file));
+    EXPECT_FALSE(safe_path::isRootsEntry(-1, "file", file));
 }
 
 TEST_F(SafePathTest, OpenFileTellsTheStatusBeforeTheTruncation) {
