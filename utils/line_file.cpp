@@ -24,6 +24,7 @@ using corvo::line_rewrite::Replacement;
 using corvo::line_rewrite::Target;
 
 constexpr mode_t NEW_FILE_MODE = 0666;
+constexpr mode_t SPECIAL_BITS = S_ISUID | S_ISGID | S_ISVTX;
 
 int unableToOpen(const char* path) noexcept {
     messlog2(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
@@ -57,12 +58,26 @@ int printError(const char* format, ...) noexcept {
     return 1;
 }
 
-/// Gives a file the owner, group and mode that `former` tells; 0, or 1 after a report.
-int restorePermissions(int file, const struct stat& former, const char* path) noexcept {
-    safe_path::PermissionStep failed{};
-    if (safe_path::setOwnerAndMode(file, former.st_uid, former.st_gid, former.st_mode & 07777,
-                                   &failed) == 0)
+/// The set-id and sticky bits that stay: those of a file of root's that nobody but root can have
+/// put there, as they are now. `former` tells of the file before it was read: whoever wrote to it
+/// since then has made it lose them, and must not get them back for his text.
+mode_t specialBits(const Target& target, int file, const struct stat& former) noexcept {
+    struct stat now = {};
+    if ((former.st_mode & SPECIAL_BITS) == 0 || !target.isRootsOwn(former) ||
+        ::fstat(file, &now) != 0)
         return 0;
+    return now.st_mode & SPECIAL_BITS;
+}
+
+/// Gives `file` the owner, group and mode of `old`, of which `former` tells, as far as they last;
+/// 0, or 1 after a report. Both may be the same file.
+int restorePermissions(const Target& target, int file, int old,
+                       const struct stat& former) noexcept {
+    const mode_t mode = (former.st_mode & ACCESSPERMS) | specialBits(target, old, former);
+    safe_path::PermissionStep failed{};
+    if (safe_path::setOwnerAndMode(file, former.st_uid, former.st_gid, mode, &failed) == 0)
+        return 0;
+    const char* const path = target.path();
     if (failed == safe_path::PermissionStep::chown)
         messlog2(0, 0, "file_str: ERROR: Unable to chown file %s: %s", path, std::strerror(errno));
     else
@@ -104,7 +119,7 @@ int appendTo(corvo::UniqueFd& file, const struct stat& former, const Target& tar
         takeBack(target, file.get(), former, isNew);
         return 1;
     }
-    return isNew ? 0 : restorePermissions(file.get(), former, target.path());
+    return isNew ? 0 : restorePermissions(target, file.get(), file.get(), former);
 }
 
 int append(const Target& target, const char* const* list, bool isNew) noexcept {
@@ -140,7 +155,7 @@ int appendLine(const Target& target, const char* line, bool isNew) noexcept {
 int finish(Replacement& fresh, const LineReader& old, const Target& target) noexcept {
     if (old.failed())
         return unableToRead(target.path());
-    if (restorePermissions(fresh.file(), old.seen(), target.path()) != 0)
+    if (restorePermissions(target, fresh.file(), old.file(), old.seen()) != 0)
         return 1;
     return fresh.close() == 0 ? 0 : unableToClose(fresh.path());
 }

@@ -3,7 +3,8 @@
 // Functions return 0, or 1 on failure with the errno of what failed; the reason has then been
 // reported once, through messlog2 except where stated. None throws. Readers take no lock: a rewrite
 // is written to "<path>.tmp", gets the owner, group and mode of the old file and is renamed over
-// it, or is removed when it did not reach the disk whole. A new file has the process's owner and
+// it, or is removed when it did not reach the disk whole. Set-id and sticky bits stay only with a
+// file of root's in a directory that root alone may write. A new file has the process's owner and
 // umask. Files are opened as utils/safe_path.h says.
 
 #pragma once

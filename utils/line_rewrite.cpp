@@ -46,6 +46,10 @@ bool Target::isNameOf(int file) const noexcept {
            entry.st_ino == opened.st_ino;
 }
 
+bool Target::isRootsOwn(const struct stat& file) const noexcept {
+    return file.st_uid == 0 && safe_path::isRootsEntry(base(), name(), file);
+}
+
 bool LineReader::open(const Target& target) noexcept {
     file_ = safe_path::openFile(target.base(), target.name(), O_RDONLY, 0, seen_);
     if (!file_)

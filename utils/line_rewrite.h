@@ -34,6 +34,10 @@ public:
     /// Whether the name is that of an open file, which no link stands for.
     bool isNameOf(int file) const noexcept;
 
+    /// Whether an open file, of which fstat says this, is root's, and so is the entry (see
+    /// safe_path::isRootsEntry).
+    bool isRootsOwn(const struct stat& file) const noexcept;
+
     /// 0 when the file is there, ENOENT, or the errno that hides it.
     int look() const noexcept;
 
@@ -61,6 +65,9 @@ public:
     /// Whether the reading ended before the end, with errno: EFBIG for a file that grew beyond
     /// LARGEST_REWRITE meanwhile.
     bool failed() const noexcept { return failed_; }
+
+    /// The file that is read.
+    int file() const noexcept { return file_.get(); }
 
     /// The file's status as of the open.
     const struct stat& seen() const noexcept { return seen_; }

@@ -51,6 +51,16 @@ struct Growth {
     off_t size = 0;
 } growth;
 
+/// A file that others write to as soon as something is read.
+const char* writtenToWhenRead = nullptr;
+
+/// What the kernel does when somebody writes who is not root.
+void loseSpecialBits(const char* path) {
+    struct stat seen = {};
+    if (::stat(path, &seen) != 0 || ::chmod(path, seen.st_mode & ACCESSPERMS) != 0)
+        std::abort();
+}
+
 }  // namespace
 
 // In front of the C library's.
@@ -71,6 +81,8 @@ extern "C" int close(int fd) {
 extern "C" ssize_t read(int fd, void* block, std::size_t size) {
     if (growth.path != nullptr && ::truncate(growth.path, growth.size) != 0)
         std::abort();
+    if (writtenToWhenRead != nullptr)
+        loseSpecialBits(writtenToWhenRead);
     return ::syscall(SYS_read, fd, block, size);
 }
 
@@ -253,13 +265,39 @@ TEST_F(LineFileTest, OneLineIsAListOfOne) {
     EXPECT_EQ(contentsOf(PATH), "b\n");
 }
 
-TEST_F(LineFileTest, SpecialModeBitsAreKept) {
-    writeFile(PATH, "a\nb\n", POPUSER_UID, POPUSER_GID, 0600);
-    ASSERT_EQ(::chmod(PATH.c_str(), 06751), 0);
-    EXPECT_EQ(change({"a"}, FILE_STRINGS_REMOVE, 1), 0);
-    EXPECT_EQ(modeOf(PATH), "6751");
-    EXPECT_EQ(change({"a"}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 0);
-    EXPECT_EQ(modeOf(PATH), "6751");
+TEST_F(LineFileTest, SpecialModeBitsStayWithRootsFilesInRootsDirectories) {
+    const struct {
+        const char* what;
+        uid_t fileOwner;
+        uid_t folderOwner;
+        mode_t folderMode;
+        const char* mode;
+    } cases[] = {{"root's in root's", 0, 0, 0755, "7751"},
+                 {"popuser's in root's", POPUSER_UID, 0, 0755, "0751"},
+                 {"root's in popuser's", 0, POPUSER_UID, 0755, "0751"},
+                 {"root's where others may write", 0, 0, 0777, "0751"}};
+    for (const auto& [what, fileOwner, folderOwner, folderMode, mode] : cases) {
+        SCOPED_TRACE(what);
+        for (const int action : {FILE_STRINGS_ADD, FILE_STRINGS_REMOVE}) {
+            writeFile(PATH, "a\nb\n", fileOwner, STRANGER_GID, 07751);
+            ASSERT_EQ(::chown(HOME.c_str(), folderOwner, 0), 0);
+            ASSERT_EQ(::chmod(HOME.c_str(), folderMode), 0);
+            EXPECT_EQ(change({"a"}, action, FILE_STRINGS_APPEND), 0);
+            EXPECT_EQ(modeOf(PATH), mode) << "action " << action;
+            EXPECT_EQ(ownerOf(PATH),
+                      std::to_string(fileOwner) + ":" + std::to_string(STRANGER_GID));
+        }
+    }
+}
+
+TEST_F(LineFileTest, SpecialModeBitsThatVanishWhileTheFileIsReadStayAway) {
+    for (const int action : {FILE_STRINGS_ADD, FILE_STRINGS_REMOVE, FILE_STRINGS_REMOVE_PATTERN}) {
+        writeFile(PATH, "a\nb\n", 0, STRANGER_GID, 02775);
+        writtenToWhenRead = PATH.c_str();
+        EXPECT_EQ(change({"a"}, action, 0), 0);
+        writtenToWhenRead = nullptr;
+        EXPECT_EQ(modeOf(PATH), "0775") << "action " << action;
+    }
 }
 
 TEST_F(LineFileTest, LockFileOfThePathStays) {
