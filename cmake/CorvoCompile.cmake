@@ -16,7 +16,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(corvo_compile INTERFACE -Wno-restrict -Wno-maybe-uninitialized)
 endif()
 
-# Hardening that costs nothing at this program's scale; _FORTIFY_SOURCE needs the optimiser.
+# Hardening that costs nothing at this program's scale.
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)
@@ -25,11 +25,16 @@ target_compile_options(corvo_compile INTERFACE -fstack-protector-strong)
 target_compile_options(corvo_compile INTERFACE -fno-plt)
 target_link_options(corvo_compile INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,--as-needed)
 if(NOT CORVO_SANITIZE)
-  target_compile_options(corvo_compile INTERFACE
-    $<$<CONFIG:Release,RelWithDebInfo>:-U_FORTIFY_SOURCE>
-    $<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>
-    $<$<CONFIG:Release,RelWithDebInfo>:-fstack-clash-protection>)
+  target_compile_options(corvo_compile INTERFACE -fstack-clash-protection)
+  include(CorvoFortify)
 endif()
+
+# What is shipped does not say where it was built; with link-time optimisation the linker compiles,
+# too. In a debug build, debuggers and coverage have to find the sources.
+set(prefix_maps
+  "-ffile-prefix-map=${PROJECT_BINARY_DIR}=build" "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.")
+target_compile_options(corvo_compile INTERFACE "$<$<NOT:$<CONFIG:Debug>>:${prefix_maps}>")
+target_link_options(corvo_compile INTERFACE "$<$<NOT:$<CONFIG:Debug>>:${prefix_maps}>")
 
 if(CORVO_SANITIZE)
   target_compile_options(corvo_compile INTERFACE
