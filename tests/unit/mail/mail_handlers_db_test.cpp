@@ -780,8 +780,7 @@ TEST_P(MailHandlersOperationTest, OnReadOnlyFileSystemOnlyReadingWorks) {
 TEST_P(MailHandlersOperationTest, ReportsFailingStep) {
     const TestDatabase db(FILE_PATH);
     db.execute("SELECT * FROM handlers");  // it knows the schema from now on
-    sqlite3_progress_handler(
-        db.get(), 1, [](void*) { return 1; }, nullptr);
+    interruptSteps(db.get());
     EXPECT_EQ(run(db.get()), -1);
     expectLogged({stepFailure("interrupted")});
     EXPECT_EQ(rows("name"), Rows{"n"});

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
@@ -194,6 +195,15 @@ inline void refuseTransactionStatements(sqlite3* database) {
 inline void refuseCommits(sqlite3* database) {
     sqlite3_commit_hook(
         database, [](void*) { return 1; }, nullptr);
+}
+
+/// A hook: statements are interrupted as they run; not as they are prepared, where newer releases of
+/// SQLite make the same call.
+inline void interruptSteps(sqlite3* database) {
+    const auto isRunning = [](void* connection) {
+        return sqlite3_stmt_busy(sqlite3_next_stmt(static_cast<sqlite3*>(connection), nullptr));
+    };
+    sqlite3_progress_handler(database, 1, isRunning, database);
 }
 
 /// A hook: SQL's room(text) finds the disk full for "b".
