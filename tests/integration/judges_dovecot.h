@@ -13,52 +13,53 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
 #include "tests/support/files.h"
-#include "tests/support/installation.h"
+#include "tests/support/process.h"
 
 namespace corvo::test {
 
-/// What docs/DELIVERY.md tells an administrator to write.
-inline const std::string DOVECOT_CONF =
+/// The example that docs/DELIVERY.md gives an administrator under this line.
+inline std::string exampleUnder(const std::string& line) {
+    const std::string page = contentsOf(CORVO_DELIVERY_PAGE);
+    const std::string opening = "\n" + line + "\n\n```\n";
+    const auto at = page.find(opening);
+    if (at == std::string::npos)
+        throw std::runtime_error("no example under: " + line);
+    const auto begin = at + opening.size();
+    return page.substr(begin, page.find("```\n", begin) - begin);
+}
+
+/// Before 2.4 settings had other names, and a limit came from the quota file where none was set.
+inline bool isDovecotOfOldDialect() {
+    return run({"dovecot", "--version"}).out.starts_with("2.3");
+}
+
+/// What a throw-away server needs beside the example.
+inline const std::string DOVECOT_SURROUNDINGS =
     "base_dir = /run/dovecot\n"
     "state_dir = /run/dovecot\n"
     "log_path = /dev/stderr\n"
     "stats_writer_socket_path =\n"
     "protocols =\n"
     "ssl = no\n"
-    "first_valid_uid = 1\n"
-    "postmaster_address = postmaster@example.com\n"
-    "mail_location = maildir:~/Maildir\n"
-    "mail_plugins = quota\n"
-    "plugin {\n"
-    "  quota = maildir:User quota\n"
-    "  quota_grace = 0\n"
-    "}\n"
-    "passdb {\n"
-    "  driver = static\n"
-    "}\n"
-    "userdb {\n"
-    "  driver = sql\n"
-    "  args = /etc/dovecot/userdb.conf\n"
-    "}\n"
-    "service auth {\n"
-    "  unix_listener auth-userdb {\n"
-    "    user = popuser\n"
-    "  }\n"
-    "}\n";
+    "postmaster_address = postmaster@example.com\n";
 
-inline const std::string DOVECOT_USERDB_CONF =
-    "driver = sqlite\n"
-    "connect = " +
-    USERDB +
-    "\n"
-    "user_query = SELECT '/var/qmail/mailnames/%d/%n' AS home, "
-    "'popuser' AS uid, 'popuser' AS gid, "
-    "CASE WHEN quota='0B' THEN NULL ELSE '*:storage='||quota END AS quota_rule "
-    "FROM mailbox_quota WHERE domain_name='%d' AND mailbox_name='%n'\n";
+inline void configureDovecot() {
+    const std::string file = "/etc/dovecot/dovecot.conf";
+    if (isDovecotOfOldDialect()) {
+        const std::string queries = "/etc/dovecot/userdb.conf";
+        writeFile(file, exampleUnder("`" + file + "` of Dovecot 2.3:") + DOVECOT_SURROUNDINGS +
+                            "passdb {\n  driver = static\n}\n");
+        writeFile(queries, exampleUnder("`" + queries + "` of Dovecot 2.3:"));
+    } else {
+        writeFile(file, exampleUnder("`" + file + "` of Dovecot 2.4:") + DOVECOT_SURROUNDINGS +
+                            "passdb static {\n}\n");
+    }
+}
 
 /// Where a service manager would listen for a service's "I am ready".
 class ReadySocket {
@@ -97,8 +98,7 @@ private:
 class Dovecot {
 public:
     Dovecot() {
-        writeFile("/etc/dovecot/dovecot.conf", DOVECOT_CONF);
-        writeFile("/etc/dovecot/userdb.conf", DOVECOT_USERDB_CONF);
+        configureDovecot();
         const ReadySocket ready;
         start();
         try {
