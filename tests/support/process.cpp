@@ -122,6 +122,7 @@ ProcessResult run(const std::vector<std::string>& arguments, const Environment& 
         [&] {
             for (const auto& [name, value] : environment)
                 ::setenv(name.c_str(), value.c_str(), 1);
+            ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
             ::execvp(argv[0], argv.data());
             std::perror(argv[0]);
             ::_exit(127);

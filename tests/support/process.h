@@ -18,8 +18,9 @@ struct ProcessResult {
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
-/// Runs a program to its end, both streams captured apart, standard input empty. `environment` is
-/// added to this process's. Ends it by SIGKILL after `timeoutSeconds`.
+/// Runs a program to its end, both streams captured apart, standard input empty, and no descriptor
+/// open beside them. `environment` is added to this process's. Ends it by SIGKILL after
+/// `timeoutSeconds`.
 ProcessResult run(const std::vector<std::string>& arguments, const Environment& environment = {},
                   int timeoutSeconds = 120);
 
