@@ -35,9 +35,9 @@ const Field& Result::row_t::operator[](const std::string& name) const {
     return findField(fields, name);
 }
 
-void Result::Release::operator()(st_mysql_res* stored) const noexcept {
+void Result::Release::operator()(st_mysql_res* result) const noexcept {
     const ErrnoGuard keepErrno;
-    mysql_free_result(stored);
+    mysql_free_result(result);
 }
 
 Result::Result(st_mysql_res* result) : stored(result), columns(mysql_fetch_fields(result)) {}

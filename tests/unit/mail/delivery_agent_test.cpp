@@ -40,7 +40,7 @@ TEST_F(DeliveryAgentTest, KindIsThatOfTheProgramFound) {
 }
 
 TEST_F(DeliveryAgentTest, AnyExecuteBitWillDo) {
-    for (const mode_t mode : {0100, 0010, 0001}) {
+    for (const mode_t mode : {0100U, 0010U, 0001U}) {
         detectedImapPop3Server = DELIVERY_AGENT_UNKNOWN;
         install(DELIVERQUOTA, mode);
         EXPECT_EQ(detectImapPop3Server(), 0) << mode;

@@ -215,7 +215,7 @@ std::string listOfNewHome() {
 }
 
 TEST_F(MaildirManagerTest, HomeIsTheWholeSkeletonWhateverTheUmask) {
-    for (const mode_t mask : {0000, 0022, 0077, 0777}) {
+    for (const mode_t mask : {0000U, 0022U, 0077U, 0777U}) {
         SCOPED_TRACE(mask);
         resetSandbox();
         ::umask(mask);

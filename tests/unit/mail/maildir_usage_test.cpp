@@ -323,7 +323,7 @@ std::string longPath(std::size_t length, const std::string& name) {
 TEST_F(MaildirUsageTest, MessagePathMayHave4095Characters) {
     const std::string name(200, 'm');
     writeFile("cur/" + name, "12345");
-    for (const std::size_t length : {4095, 4096}) {
+    for (const std::size_t length : {4095U, 4096U}) {
         SCOPED_TRACE(length);
         const std::string directory = longPath(length - 1 - name.size(), "cur");
         bytes = 0;
@@ -347,7 +347,7 @@ TEST_F(MaildirUsageTest, MessageWithItsSizeInTheNameNeedsNoPath) {
 TEST_F(MaildirUsageTest, FolderPathMustLeaveRoomForItsMarkerFile) {
     // "/maildirfolder" has 14 characters
     makeDirectory(".Sent");
-    for (const std::size_t length : {4081, 4082}) {
+    for (const std::size_t length : {4081U, 4082U}) {
         SCOPED_TRACE(length);
         const std::string folder = longPath(length, ".Sent");
         errno = 0;

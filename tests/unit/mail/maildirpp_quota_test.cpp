@@ -53,7 +53,7 @@ TEST_F(StoreQuotaTest, HeaderFollowsFromTheQuota) {
 }
 
 TEST_F(StoreQuotaTest, FileBelongsToPopuserWithModeLessTheUmask) {
-    for (const mode_t wanted : {022, 077, 0}) {
+    for (const mode_t wanted : {022U, 077U, 0U}) {
         mask = wanted;
         umask(mask);
         EXPECT_EQ(store(5), 1);

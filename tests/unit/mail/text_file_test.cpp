@@ -23,7 +23,7 @@ protected:
 };
 
 TEST_F(TextFileTest, NewFileIsForItsOwnerAloneWhateverTheUmask) {
-    for (const mode_t mask : {0000, 0022, 0077}) {
+    for (const mode_t mask : {0000U, 0022U, 0077U}) {
         SCOPED_TRACE(mask);
         resetSandbox();
         ::umask(mask);

@@ -118,7 +118,7 @@ TEST_F(MessageLog, KeepsErrnoWhenNothingCanBeWritten) {
 }
 
 TEST_F(MessageLog, PrintsMessagesOfAnyLength) {
-    for (const std::size_t length : {4094, 4095, 4096, 4097, 100000}) {
+    for (const std::size_t length : {4094U, 4095U, 4096U, 4097U, 100000U}) {
         const std::string text(length, 'x');
         errno = 0;
         messlog2(0, 0, "%s", text.c_str());
