@@ -1,7 +1,7 @@
 # The libraries that the system calls; script/bootstrap installs them.
 
 find_package(PkgConfig REQUIRED)
-find_package(Boost 1.71 REQUIRED)
+find_package(Boost 1.71 REQUIRED CONFIG)
 find_package(OpenSSL REQUIRED)
 pkg_check_modules(MARIADB REQUIRED IMPORTED_TARGET libmariadb)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
