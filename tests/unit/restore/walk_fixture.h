@@ -118,8 +118,8 @@ protected:
 
     /// Has the server end the program's connections, and waits until it has.
     void killConnections() {
-        for (const std::string& id : connections())
-            killConnection(panel, id);
+        panel.execute("KILL USER '" + panel.user() + "'");
+        waitUntilDisconnected();
     }
 
     PanelDatabase panel;
