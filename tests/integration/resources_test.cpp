@@ -26,14 +26,18 @@ namespace {
 
 using ::testing::IsEmpty;
 
+const std::string LOG = "/run/valgrind.log";
+
 // What valgrind says about descriptors that the program opened and left, and about lost memory.
 std::vector<std::string> complaintsIn(const std::string& log) {
     std::vector<std::string> complaints;
     std::istringstream lines(log);
-    for (std::string line; std::getline(lines, line);)
-        if (line.find("== Open ") != std::string::npos ||
-            line.find("lost in loss record") != std::string::npos)
+    for (std::string line; std::getline(lines, line);) {
+        // Some releases count the log itself.
+        const bool isOpen = line.find("== Open ") != std::string::npos && !line.ends_with(LOG);
+        if (isOpen || line.find("lost in loss record") != std::string::npos)
             complaints.push_back(line);
+    }
     return complaints;
 }
 
@@ -106,10 +110,10 @@ TEST_F(Resources, ValgrindFindsNoErrorLeakOrOpenDescriptor) {
         const ProcessResult result =
             run({"valgrind", "--quiet", "--track-fds=yes", "--leak-check=full",
                  "--show-leak-kinds=definite,indirect,possible", "--error-exitcode=99",
-                 "--log-file=/run/valgrind.log", mailRebuildBinary(), mode});
+                 "--log-file=" + LOG, mailRebuildBinary(), mode});
 
         EXPECT_EQ(result.status, mode == "--unknown" ? 1 : 0);
-        EXPECT_THAT(complaintsIn(contentsOf("/run/valgrind.log")), IsEmpty());
+        EXPECT_THAT(complaintsIn(contentsOf(LOG)), IsEmpty());
     }
 }
 

@@ -103,6 +103,7 @@ TEST_F(SqliteNeighboursTest, LeaveASessionItsDefence) {
     const TestDatabase theirs(OURS);
     theirs.execute("SELECT * FROM mailbox_quota");
     writeFile("/var/lib/corvo/victim", "", 0, 0, 0600);
+    chownToPopuser(std::filesystem::path(OURS).parent_path());
     std::filesystem::create_hard_link("/var/lib/corvo/victim", OURS + "-journal");
     EXPECT_FALSE(helper.userdbStoreMboxQuota("a.com", "x", 5));
     expectLogged({"Unable to set quota for 'x@a.com': unable to open database file"});
