@@ -58,6 +58,7 @@ void furnishOldHomes() {
     setOwnerAndMode(test::MAILNAMES + "/example.com/office/Maildir/cur", 0, POPUSER_GID, 0750);
 
     store("example.com/former/.qmail", "./Maildir/\n");
+    setOwnerAndMode(test::MAILNAMES + "/example.com/former/.qmail", 0, 0, 0600);
     store("example.com/team/.qmail", "| true\n&gone@example.org\n&info@example.com\n");
     store("example.com/team/Maildir/maildirsize", "half", 0644);
 }

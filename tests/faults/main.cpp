@@ -27,7 +27,7 @@ constexpr int FAILED = 2;
 
 const Mechanism MECHANISMS[] = {
     {"kill", "SIGKILL before and after each system call", corvo::faults::killPoints},
-    {"error", "an error from each system call", corvo::faults::errorPoints},
+    {"error", "errors from each system call, once and lasting", corvo::faults::errorPoints},
     {"allocation", "an allocation that fails, once or for good", corvo::faults::allocationPoints},
     {"disk", "small, full and read-only file systems", corvo::faults::diskLimits},
     {"limits", "limits on file size and descriptors", corvo::faults::processLimits},

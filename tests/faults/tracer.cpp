@@ -1,6 +1,7 @@
 #include "tests/faults/tracer.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/personality.h>
@@ -73,17 +74,10 @@ bool isAmong(long call, const long (&calls)[size]) {
 /// The whole of what PTRACE_GET_SYSCALL_INFO tells.
 using CallInfo = __ptrace_syscall_info;
 
-bool isOpenForWriting(const CallInfo& info) {
-    constexpr std::uint64_t LEAVES_TRACES = O_CREAT | O_TRUNC;
-    return info.entry.nr == SYS_openat && (info.entry.args[2] & LEAVES_TRACES) != 0;
-}
-
-Call callFrom(const CallInfo& info) {
-    const auto number = static_cast<long>(info.entry.nr);
-    return {{},
-            number,
-            isAmong(number, CHANGING) || isOpenForWriting(info),
-            !isAmong(number, INFALLIBLE)};
+bool writesToStandardStream(const CallInfo& info) {
+    constexpr long WRITING[] = {SYS_write, SYS_writev};
+    return isAmong(static_cast<long>(info.entry.nr), WRITING) &&
+           info.entry.args[0] <= STDERR_FILENO;
 }
 
 /// Both processes on one processor: they take turns, and each turn is then a plain switch.
@@ -126,12 +120,17 @@ public:
 
     /// Stands before the first call of main() at first. Goes from the entry of a call to its exit,
     /// or from there to the entry of the next. False when the run has ended.
-    bool goOn() { return resume(PTRACE_SYSCALL, 0) && awaitCall(); }
+    bool goOn() {
+        isAtEntry_ = !isAtEntry_;
+        return resume(PTRACE_SYSCALL, 0) && awaitCall();
+    }
 
     /// Goes to the entry of the next call; false when the run has ended.
     bool goToNext() {
-        if (!goOn() || !goOn())
-            return false;
+        do
+            if (!goOn())
+                return false;
+        while (!isAtEntry_);
         const long number =
             ::ptrace(PTRACE_PEEKUSER, pid_, registerAt(offsetof(user_regs_struct, orig_rax)), 0);
         position_ = isAmong(number, LOOKING) ? Position{position_.call, position_.look + 1}
@@ -146,6 +145,20 @@ public:
         if (::ptrace(PTRACE_GET_SYSCALL_INFO, pid_, sizeof info, &info) < 0)
             fail("PTRACE_GET_SYSCALL_INFO");
         return info;
+    }
+
+    /// At the entry of a call.
+    Call call() const {
+        constexpr int LEAVES_TRACES = O_CREAT | O_TRUNC;
+        const CallInfo entered = info();
+        Call call;
+        call.position = position_;
+        call.number = static_cast<long>(entered.entry.nr);
+        call.openFlags = openFlags(entered);
+        call.changes = isAmong(call.number, CHANGING) || (call.openFlags & LEAVES_TRACES) != 0;
+        call.mayFail = !isAmong(call.number, INFALLIBLE);
+        call.speaks = writesToStandardStream(entered);
+        return call;
     }
 
     /// At the entry of a call: nothing is executed.
@@ -180,9 +193,12 @@ private:
     }
 
     void reachMain() {
-        while (goOn())
-            if (opensFirst(info()))
-                return;
+        while (goOn()) {
+            if (!opensFirst(info()))
+                continue;
+            isAtEntry_ = true;
+            return;
+        }
         fail("the run does not reach main()");
     }
 
@@ -190,11 +206,24 @@ private:
         if (info.op != PTRACE_SYSCALL_INFO_ENTRY || info.entry.nr != SYS_openat)
             return false;
         std::array<char, FIRST_OPENED.size() + 1> path{};
-        const iovec here = {path.data(), path.size()};
-        const iovec there = {reinterpret_cast<void*>(info.entry.args[1]), path.size()};
-        return ::process_vm_readv(pid_, &here, 1, &there, 1, 0) ==
-                   static_cast<ssize_t>(path.size()) &&
+        return readMemory(info.entry.args[1], path.data(), path.size()) &&
                path.data() == FIRST_OPENED;
+    }
+
+    int openFlags(const CallInfo& info) const {
+        if (info.entry.nr == SYS_openat)
+            return static_cast<int>(info.entry.args[2]);
+        struct open_how how = {};
+        if (info.entry.nr == SYS_openat2 && readMemory(info.entry.args[2], &how, sizeof how))
+            return static_cast<int>(how.flags);
+        return 0;
+    }
+
+    /// False when it does not have as much at that address.
+    bool readMemory(std::uint64_t address, void* copy, std::size_t size) const {
+        const iovec here = {copy, size};
+        const iovec there = {reinterpret_cast<void*>(address), size};
+        return ::process_vm_readv(pid_, &here, 1, &there, 1, 0) == static_cast<ssize_t>(size);
     }
 
     /// Lets the run go to its next stop; false when it has ended instead.
@@ -228,6 +257,7 @@ private:
 
     pid_t pid_ = -1;
     Position position_{1, 0};
+    bool isAtEntry_ = false;  // of a call, or else at its exit
     int stop_ = 0;
     int status_ = -1;
     bool ended_ = false;
@@ -293,6 +323,27 @@ void failToMoveEnd(Tracee& run) {
         run.setFirstArgument(wanted);
 }
 
+/// To the next call of a kind; false when the run has ended.
+bool goTo(Tracee& run, const std::function<bool(const Call&)>& isOfTheKind) {
+    while (run.goToNext())
+        if (isOfTheKind(run.call()))
+            return true;
+    return false;
+}
+
+/// From the entry of a call to its exit, with this error as its result.
+void failCall(Tracee& run, int error) {
+    const long number = run.call().number;
+    if (number == SYS_brk) {
+        failToMoveEnd(run);
+        return;
+    }
+    if (!isAmong(number, RELEASING))
+        run.skipCall();
+    if (run.goOn())
+        run.setResult(-error);
+}
+
 }  // namespace
 
 std::string nameOf(const Position& position) {
@@ -303,10 +354,9 @@ std::string nameOf(const Position& position) {
 std::vector<Call> callsOfRun() {
     std::vector<Call> calls;
     Tracee run(loseStreams);
-    do {
-        calls.push_back(callFrom(run.info()));
-        calls.back().position = run.position();
-    } while (run.goToNext());
+    do
+        calls.push_back(run.call());
+    while (run.goToNext());
     return calls;
 }
 
@@ -326,18 +376,17 @@ FaultyRun killAt(const Position& position, Moment moment) {
 }
 
 FaultyRun failAt(const Position& position, int error) {
-    return disturb(position, [error](Tracee& run) {
-        const Call call = callFrom(run.info());
-        if (!call.mayFail)
+    return failFrom(position, error, 0, [](const Call&) { return false; });
+}
+
+FaultyRun failFrom(const Position& position, int error, std::size_t further,
+                   const std::function<bool(const Call&)>& isOfTheKind) {
+    return disturb(position, [&](Tracee& run) {
+        if (!run.call().mayFail)
             return false;
-        if (call.number == SYS_brk) {
-            failToMoveEnd(run);
-            return true;
-        }
-        if (!isAmong(call.number, RELEASING))
-            run.skipCall();
-        if (run.goOn())
-            run.setResult(-error);
+        failCall(run, error);
+        for (std::size_t left = further; left > 0 && goTo(run, isOfTheKind); --left)
+            failCall(run, error);
         return true;
     });
 }

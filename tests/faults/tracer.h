@@ -3,8 +3,8 @@
 // Counting begins with main(): its first call opens /dev/null, and neither the dynamic linker nor a
 // library opens that before it. That call is number 1. How often a run looks for an answer of the
 // database server is a matter of moments, so these calls have numbers of their own behind the call
-// before them: 137, 137.1, 137.2, 138. The process has one thread, and once the fault has happened
-// the rest of the run is left alone, at full speed.
+// before them: 137, 137.1, 137.2, 138. The process has one thread, and once the last fault
+// has happened the rest of the run is left alone, at full speed.
 
 #pragma once
 
@@ -34,6 +34,8 @@ struct Call {
     long number = -1;      // as the kernel numbers it
     bool changes = false;  // may leave something that outlives the process
     bool mayFail = true;   // false for the calls that always succeed
+    int openFlags = 0;     // of one that opens a path
+    bool speaks = false;   // writes to a standard stream
 };
 
 /// The calls of an undisturbed run, in their order.
@@ -58,5 +60,9 @@ FaultyRun killAt(const Position& position, Moment moment);
 /// Makes a call fail with `error`. It is not executed; one that releases something is, and only its
 /// result changes.
 FaultyRun failAt(const Position& position, int error);
+
+/// The same, and `further` calls after it fail, too: those that `isOfTheKind`.
+FaultyRun failFrom(const Position& position, int error, std::size_t further,
+                   const std::function<bool(const Call&)>& isOfTheKind);
 
 }  // namespace corvo::faults

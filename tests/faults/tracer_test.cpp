@@ -1,11 +1,14 @@
 #include "tests/faults/tracer.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -18,6 +21,13 @@ namespace corvo::faults {
 namespace {
 
 using ::testing::HasSubstr;
+
+std::ptrdiff_t countOf(const std::string& words, const std::string& text) {
+    std::ptrdiff_t count = 0;
+    for (std::size_t at = text.find(words); at != std::string::npos; at = text.find(words, at + 1))
+        ++count;
+    return count;
+}
 
 /// Of a run's first call of a kind.
 Position positionOf(long number) {
@@ -83,6 +93,36 @@ TEST_F(TracerTest, AnErrorReachesTheProgramAndTheCallIsNotExecuted) {
     EXPECT_EQ(run.outcome.status, 0);
     EXPECT_THAT(run.outcome.err, HasSubstr("unable to commit written data to file"));
     EXPECT_THAT(run.outcome.err, HasSubstr("System error 5"));
+}
+
+bool isFlush(const Call& call) {
+    return call.number == SYS_fsync;
+}
+
+TEST_F(TracerTest, AsManyFurtherCallsOfAKindFail) {
+    const Position first = positionOf(SYS_fsync);
+    const auto failures = [&](std::size_t further) {
+        const std::string err = failFrom(first, EIO, further, isFlush).outcome.err;
+        return countOf("unable to commit written data to file", err);
+    };
+    const auto calls = callsOfRun();
+    EXPECT_EQ(failures(0), 1);
+    EXPECT_EQ(failures(2), 3);
+    EXPECT_EQ(failures(SIZE_MAX), std::count_if(calls.begin(), calls.end(), isFlush));
+}
+
+TEST_F(TracerTest, CallsTellWhatTheyOpenAndWhatTheySay) {
+    world.reset(Start::damaged);
+    std::size_t creations = 0;
+    std::size_t messages = 0;
+    for (const Call& call : callsOfRun()) {
+        const bool isOpen = call.number == SYS_openat || call.number == SYS_openat2;
+        EXPECT_TRUE(isOpen || call.openFlags == 0);
+        creations += (call.openFlags & O_CREAT) != 0 && call.changes ? 1 : 0;
+        messages += call.speaks ? 1 : 0;
+    }
+    EXPECT_GT(creations, 8U);
+    EXPECT_GT(messages, 0U);
 }
 
 TEST_F(TracerTest, APointBehindTheEndIsNotMet) {
