@@ -27,7 +27,7 @@ constexpr std::chrono::milliseconds STALL{200};
 constexpr std::size_t HEADER = 4;  // three bytes of length, low byte first, and a number
 constexpr std::size_t PIECE = 65536;
 
-unsigned char byteAt(const std::string& bytes, std::size_t position) {
+unsigned byteAt(const std::string& bytes, std::size_t position) {
     return static_cast<unsigned char>(bytes[position]);
 }
 
