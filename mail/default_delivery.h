@@ -6,8 +6,8 @@
 #pragma once
 
 /// The line without its line end, newly allocated; free with free(). The file must be a regular
-/// one that is not empty (EINVAL), and no hard link to another's (EPERM); the line must be text
-/// (EINVAL) of at most 64 KiB (EFBIG).
+/// one that is not empty (EINVAL), and no foreign hard link (EPERM, see utils/safe_path.h); the
+/// line must be text (EINVAL) of at most 64 KiB (EFBIG).
 int get_default_delivery_string(char** line) noexcept;
 
 /// Makes `line` the whole content of the file, byte by byte, owned by popuser with mode 0600. A
