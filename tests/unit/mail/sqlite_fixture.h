@@ -197,8 +197,8 @@ inline void refuseCommits(sqlite3* database) {
         database, [](void*) { return 1; }, nullptr);
 }
 
-/// A hook: statements are interrupted as they run; not as they are prepared, where newer releases of
-/// SQLite make the same call.
+/// A hook: statements are interrupted as they run; not as they are prepared, where newer releases
+/// of SQLite make the same call.
 inline void interruptSteps(sqlite3* database) {
     const auto isRunning = [](void* connection) {
         return sqlite3_stmt_busy(sqlite3_next_stmt(static_cast<sqlite3*>(connection), nullptr));
