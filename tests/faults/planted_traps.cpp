@@ -240,10 +240,11 @@ int leaseBreakTime() {
 
 /// The run waits, and restores all.
 Violations PlantedTraps::judgeLease(const std::string& key, Holder holder) const {
+    const int patience = WATCHDOG + (holder == Holder::isStubborn ? leaseBreakTime() : 0);
     const Trial trial = tryRun([&] {
         const Background lease(
             [&](const Background::Ready& ready) { return holdLease(atPath(key), holder, ready); });
-        return watched([] { executeRun(); }, WATCHDOG + leaseBreakTime());
+        return watched([] { executeRun(); }, patience);
     });
     Violations violations = judgeTrial(trial, scene_.golden(), spoilsNothing);
     append(violations, judgeRows(scene_.golden(), Restored::look(), spoilsNothing));
