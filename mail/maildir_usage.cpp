@@ -44,6 +44,8 @@ int process_maildirpp_subfolder(const char* folder, long long* bytes, long long*
 
 int get_maildirpp_messages_usage(long long* bytes, long long* messages,
                                  std::time_t* newest) noexcept {
+    *bytes = 0;  // the caller need not have set them
+    *messages = 0;
     return count_into(bytes, messages, newest, corvo::mail::countMaildir);
 }
 
