@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "mail/maildir_usage.h"
+#include "mail/quota/maildir_usage.h"
 #include "tests/support/files.h"
 #include "tests/support/sandbox.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "mail/maildirsize.h"
+#include "mail/quota/maildirsize.h"
 
 namespace {
 

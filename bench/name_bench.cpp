@@ -5,7 +5,7 @@
 #include <climits>
 #include <string>
 
-#include "mail/mail_paths.h"
+#include "mail/home/mail_paths.h"
 #include "tests/support/files.h"
 #include "tests/support/sandbox.h"
 

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "mail/mail_handlers_db.h"
+#include "mail/handlers/mail_handlers_db.h"
 #include "utils/log.h"
 
 namespace {

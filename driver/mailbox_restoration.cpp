@@ -6,10 +6,10 @@
 #include <stdexcept>
 
 #include "driver/check_quota_handler.h"
-#include "mail/dotqmail_manager.h"
-#include "mail/mail_user_db.h"
-#include "mail/maildir_manager.h"
-#include "mail/maildirpp_quota.h"
+#include "mail/delivery/dotqmail_manager.h"
+#include "mail/home/maildir_manager.h"
+#include "mail/quota/mail_user_db.h"
+#include "mail/quota/maildirpp_quota.h"
 
 namespace corvo {
 

@@ -3,7 +3,7 @@
 #include <regex.h>
 
 #include "fuzz/support.h"
-#include "mail/mail_paths.h"
+#include "mail/home/mail_paths.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <limits>
 
 #include "fuzz/support.h"
-#include "mail/maildirsize.h"
+#include "mail/quota/maildirsize.h"
 
 namespace {
 

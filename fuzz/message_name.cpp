@@ -11,7 +11,7 @@
 #include <optional>
 
 #include "fuzz/support.h"
-#include "mail/maildir_usage.h"
+#include "mail/quota/maildir_usage.h"
 #include "utils/safe_path.h"
 
 namespace {

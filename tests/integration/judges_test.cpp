@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/maildirpp_quota.h"
+#include "mail/quota/maildirpp_quota.h"
 #include "tests/integration/judges_dovecot.h"
 #include "tests/support/files.h"
 #include "tests/support/installation.h"

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "mail/mail_handlers_creation.h"
-#include "mail/mail_user_db.h"
+#include "mail/handlers/mail_handlers_creation.h"
+#include "mail/quota/mail_user_db.h"
 #include "tests/support/files.h"
 #include "tests/support/installation.h"
 #include "tests/support/panel.h"

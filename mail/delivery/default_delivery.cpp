@@ -1,0 +1,112 @@
+#include "mail/delivery/default_delivery.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "mail/delivery/text_file.h"
+#include "utils/accounts.h"
+#include "utils/files.h"
+#include "utils/guards.h"
+#include "utils/log.h"
+#include "utils/safe_path.h"
+
+namespace {
+
+namespace safe_path = corvo::safe_path;
+
+constexpr const char* DEFAULT_DELIVERY = "/var/qmail/mailnames/.default_delivery";
+
+// In bytes. The file belongs to popuser, who must not make this program read without end.
+constexpr std::size_t MAX_LINE = 65536;
+
+// Opens the file: none, with errno, unless it has content that is popuser's to see.
+corvo::UniqueFd openWithContent() noexcept {
+    struct stat seen {};
+    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, DEFAULT_DELIVERY, O_RDONLY, 0, seen);
+    if (!file)
+        return file;
+    // The first line goes into files that popuser may read.
+    const bool foreign = safe_path::isForeignHardLink(AT_FDCWD, DEFAULT_DELIVERY, seen);
+    if (!foreign && seen.st_size > 0)
+        return file;
+    file.reset();
+    errno = foreign ? EPERM : EINVAL;
+    return file;
+}
+
+// Whether an open failed for want of a regular file with content, and not of rights or resources.
+bool isNoUsableFile(int error) noexcept {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EINVAL;
+}
+
+// Logs why the file was not opened.
+void logNotOpened() noexcept {
+    const corvo::ErrnoGuard keepErrno;
+    if (isNoUsableFile(errno))
+        corvo_log(3, "Unable to get default delivery transport string from %s\n", DEFAULT_DELIVERY);
+    else
+        corvo_log(3, "Unable to open default delivery config file(%s): %s\n", DEFAULT_DELIVERY,
+                  std::strerror(errno));
+}
+
+// 0, or -1 with errno, for a line of `length` bytes that was read to `line`.
+int judgeLine(const char* line, std::size_t length) noexcept {
+    if (length > MAX_LINE)
+        errno = EFBIG;
+    else if (length != ::strnlen(line, length))
+        errno = EINVAL;
+    else
+        return 0;
+    return -1;
+}
+
+// The first line without its line end, or null with errno.
+corvo::UniqueCString readLine(int file) noexcept {
+    corvo::UniqueCString line(static_cast<char*>(std::malloc(MAX_LINE + 1)));
+    if (!line)
+        return nullptr;
+    const ssize_t got = corvo::retryOnEintr([&] { return ::read(file, line.get(), MAX_LINE + 1); });
+    if (got < 0)
+        return nullptr;
+    const auto size = static_cast<std::size_t>(got);
+    const void* const end = std::memchr(line.get(), '\n', size);
+    const std::size_t length =
+        end != nullptr ? static_cast<std::size_t>(static_cast<const char*>(end) - line.get())
+                       : size;
+    if (judgeLine(line.get(), length) != 0)
+        return nullptr;
+    line.get()[length] = '\0';
+    return line;
+}
+
+}  // namespace
+
+int get_default_delivery_string(char** line) noexcept {
+    const corvo::UniqueFd file = openWithContent();
+    if (!file) {
+        logNotOpened();
+        return -1;
+    }
+    corvo::UniqueCString first = readLine(file.get());
+    if (!first) {
+        const corvo::ErrnoGuard keepErrno;
+        corvo_log(3, "Unable to read line from file: %s: %s\n", DEFAULT_DELIVERY,
+                  std::strerror(errno));
+        return -1;
+    }
+    *line = first.release();
+    return 0;
+}
+
+int set_default_delivery_string(const char* line) noexcept {
+    // Private before anything is in it.
+    if (create_empty_file(DEFAULT_DELIVERY) != 0 ||
+        file_set_user_mode(DEFAULT_DELIVERY, POPUSER, 0600) != 0)
+        return -1;
+    return write_text_file(DEFAULT_DELIVERY, line);
+}

@@ -1,0 +1,45 @@
+#include "mail/delivery/text_file.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "utils/files.h"
+#include "utils/guards.h"
+#include "utils/log.h"
+#include "utils/safe_path.h"
+
+namespace {
+
+namespace safe_path = corvo::safe_path;
+
+corvo::UniqueFd openEmpty(const char* path) noexcept {
+    return safe_path::openFile(AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+}
+
+int writeAndClose(corvo::UniqueFd file, const char* text) noexcept {
+    if (write_fully(file.get(), text) != 0)
+        return -1;
+    return file.close();
+}
+
+}  // namespace
+
+int write_text_file(const char* path, const char* text) noexcept {
+    corvo::UniqueFd file = openEmpty(path);
+    if (!file) {
+        const corvo::ErrnoGuard keepErrno;
+        corvo_log(3, "Unable to open '%s': %s", path, std::strerror(errno));
+        return -1;
+    }
+    if (writeAndClose(std::move(file), text) != 0) {
+        const corvo::ErrnoGuard keepErrno;
+        const int error = errno;
+        (void)safe_path::unlinkEntry(AT_FDCWD, path);
+        corvo_log(3, "Unable to write to '%s': %s", path, std::strerror(error));
+        return -1;
+    }
+    return 0;
+}

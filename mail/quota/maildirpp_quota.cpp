@@ -1,0 +1,315 @@
+#include "mail/quota/maildirpp_quota.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <string_view>
+
+#include "mail/home/mail_paths.h"
+#include "mail/quota/maildir_scan.h"
+#include "mail/quota/maildirsize.h"
+#include "utils/accounts.h"
+#include "utils/directories.h"
+#include "utils/files.h"
+#include "utils/guards.h"
+#include "utils/idn.h"
+#include "utils/log.h"
+#include "utils/messlog.h"
+#include "utils/numeric.h"
+#include "utils/runtime_config.h"
+#include "utils/safe_path.h"
+#include "utils/strings.h"
+
+namespace {
+
+using corvo::addSaturated;
+using corvo::ErrnoGuard;
+using corvo::UniqueCString;
+using corvo::UniqueFd;
+using corvo::WorkingDirectoryGuard;
+using corvo::mail::countMaildir;
+using corvo::mail::isPathComponent;
+using corvo::mail::MaildirUsage;
+namespace safe_path = corvo::safe_path;
+
+constexpr const char* MAILDIRSIZE = "maildirsize";
+constexpr std::size_t MAILDIRSIZE_READ_MAX = 5120;
+constexpr long long LARGEST = std::numeric_limits<long long>::max();
+
+constexpr int CREATE_ATTEMPTS = 5;
+constexpr unsigned ATTEMPT_PAUSE_SECONDS = 2;
+
+/// Delivery agents believe a `maildirsize` for 15 minutes; one dated this far back is counted anew.
+constexpr std::time_t OUTDATED_SECONDS = 960;
+
+using HostName = char[65];
+using TemporaryName = char[192];
+
+/// Writes the path of a mail name's home; false when it is too long, which is logged.
+bool format_home(char (&home)[PATH_MAX], const char* domain, const char* mailname) noexcept {
+    const int length = std::snprintf(home, sizeof home, "%s/%s/%s",
+                                     vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D), domain, mailname);
+    if (length >= 0 && length < PATH_MAX) {
+        strtolower(home);
+        return true;
+    }
+    errno = 0;
+    messlog2(0, 0, "domain and/or user name too long to be stored on the filesystem");
+    errno = ENAMETOOLONG;
+    return false;
+}
+
+int change_to_home(const char* home, bool soundNames) noexcept {
+    if (soundNames) {
+        if (safe_path::changeDirectory(home) == 0)
+            return 0;
+    } else {
+        errno = EINVAL;
+    }
+    messlog2(0, 0, "unable to change to mbox folder %s: %s", home, std::strerror(errno));
+    return -1;
+}
+
+int get_host_name(HostName& host) noexcept {
+    if (gethostname(host, sizeof host) != 0)
+        return -1;
+    host[sizeof host - 1] = '\0';
+    std::replace(host, host + std::strlen(host), '/', '_');
+    return 0;
+}
+
+/// Creates a file in "tmp" under a name that nobody used before: O_EXCL opens no file that was
+/// there.
+UniqueFd create_temporary(const HostName& host, TemporaryName& name) noexcept {
+    for (int attempt = 0; attempt < CREATE_ATTEMPTS; ++attempt) {
+        (void)std::snprintf(name, sizeof name, "tmp/%lu.%u.%s-maildirsize",
+                            static_cast<unsigned long>(std::time(nullptr)),
+                            static_cast<unsigned>(getpid()), host);
+        UniqueFd file = safe_path::openFile(AT_FDCWD, name, O_WRONLY | O_CREAT | O_EXCL, 0644);
+        if (file)
+            return file;
+        sleep(ATTEMPT_PAUSE_SECONDS);
+    }
+    errno = EAGAIN;
+    messlog2(0, 0, "Maximal allowed number of attempts to create a maildirsize file exceeded");
+    return UniqueFd();
+}
+
+/// Writes the content and closes the file; what fails is logged.
+int commit(UniqueFd& file, const char* content, std::size_t length) noexcept {
+    if (write_fully(file.get(), {content, length}) != 0) {
+        messlog2(0, 0, "unable to write data to file");
+        return -1;
+    }
+    if (fsync(file.get()) != 0 || file.close() != 0) {
+        messlog2(0, 0, "unable to commit written data to file");
+        return -1;
+    }
+    return 0;
+}
+
+struct Limits {
+    long long bytes;
+    long long messages;
+};
+
+/// Counts the current Maildir into a new file; `newest` is the time of what was counted.
+int write_counted(UniqueFd& file, uid_t uid, gid_t gid, const Limits& limits,
+                  timespec* newest) noexcept {
+    MaildirUsage usage{};
+    if (fchown(file.get(), uid, gid) != 0 || !countMaildir(usage))
+        return -1;
+    *newest = usage.newest;
+    char content[MAILDIRSIZE_CONTENT_MAX];
+    const std::size_t length =
+        format_maildirsize(content, limits.bytes, limits.messages, usage.bytes, usage.messages);
+    return commit(file, content, length);
+}
+
+/// Dates the file back when messages came or went since the count, or when that cannot be told.
+void mark_if_outdated(const timespec& counted) noexcept {
+    timespec newest{};
+    if (corvo::mail::raiseToMaildir(newest) && !corvo::mail::isLater(newest, counted))
+        return;
+    const UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_WRONLY);
+    const timespec times[] = {{0, UTIME_NOW}, {counted.tv_sec - OUTDATED_SECONDS, 0}};
+    if (file)
+        (void)futimens(file.get(), times);
+}
+
+/// Writes `maildirsize` of a Maildir, into which the process changes.
+int write_within(const char* maildir, uid_t uid, gid_t gid, const Limits& limits) noexcept {
+    if (safe_path::changeDirectory(maildir) != 0)
+        return 0;
+    HostName host;
+    if (get_host_name(host) != 0) {
+        messlog2(0, 0, "Unable to receive hostname");
+        return 0;
+    }
+    TemporaryName name;
+    UniqueFd file = create_temporary(host, name);
+    if (!file)
+        return 0;
+    timespec counted{};
+    if (write_counted(file, uid, gid, limits, &counted) != 0 ||
+        safe_path::renameEntry(AT_FDCWD, name, MAILDIRSIZE) != 0) {
+        const ErrnoGuard keepErrno;
+        file.reset();
+        (void)safe_path::unlinkEntry(AT_FDCWD, name);
+        return 0;
+    }
+    mark_if_outdated(counted);
+    return 1;
+}
+
+/// Writes `maildirsize` for popuser, with a quota for the bytes. Changes into the Maildir.
+int write_for_popuser(const char* maildir, long long quota) noexcept {
+    // A byte limit of 0 means none, so that a quota of 0 needs the next best.
+    const long long byteLimit = quota < 0 ? 0 : std::max(quota, 1LL);
+    const uid_t uid = corvo_ugid(POPUSER, 0);
+    const gid_t gid = corvo_ugid(POPUSER, 1);
+    return write_within(maildir, uid, gid, {byteLimit, 0});
+}
+
+/// Takes the size of the attachments, which lie outside the Maildir, off the quota: 0, or -1 when
+/// they cannot be counted, which is logged.
+int subtract_attachments(long long& quota) noexcept {
+    static constexpr char ATTACHMENTS[] = "@attachments";
+    struct stat status {};
+    if (safe_path::status(AT_FDCWD, ATTACHMENTS, status) != 0 || !S_ISDIR(status.st_mode))
+        return 0;
+    const long long size = get_dir_size(ATTACHMENTS);
+    if (size < 0) {
+        messlog2(0, 0, "unable to count attachments folder size");
+        return -1;
+    }
+    quota -= size;
+    if (quota < 0) {
+        quota = 0;
+        errno = 0;
+        messlog2(0, 0, "WARNING: @attachments directory is big enough to disable delivery!");
+    }
+    return 0;
+}
+
+int store_home_quota(const char* home, bool soundNames, long long quota) noexcept {
+    WorkingDirectoryGuard back;
+    if (!back.remembered()) {
+        messlog2(0, 0, "unable to get current working directory");
+        return 0;
+    }
+    if (change_to_home(home, soundNames) != 0)
+        return 0;
+    if (quota >= 0 && subtract_attachments(quota) != 0) {
+        back.release();  // intended: after this failure the process stays in the home
+        return 0;
+    }
+    return write_for_popuser("./Maildir", quota);  // `back` leads out of it, too
+}
+
+/// Reads `maildirsize` of the current directory: its length, or -1 with errno; EFBIG when it is
+/// longer than anything that is believed.
+ssize_t read_maildirsize(char (&text)[MAILDIRSIZE_READ_MAX + 1]) noexcept {
+    const UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_RDONLY);
+    if (!file)
+        return -1;
+    const ssize_t length = read_fully(file.get(), text, sizeof text);
+    if (length <= static_cast<ssize_t>(MAILDIRSIZE_READ_MAX))
+        return length;
+    errno = EFBIG;
+    return -1;
+}
+
+int read_usage_and_limits(long long* bytes, long long* messages, long long* byteLimit,
+                          long long* countLimit) noexcept {
+    char buffer[MAILDIRSIZE_READ_MAX + 1];
+    const ssize_t length = read_maildirsize(buffer);
+    if (length < 0)
+        return 0;
+    const std::string_view text(buffer, static_cast<std::size_t>(length));
+    const std::size_t header = text.find('\n');
+    if (header == std::string_view::npos)
+        errno = EINVAL;
+    else if (parse_header_string(text.substr(0, header), byteLimit, countLimit))
+        return parse_usage_lines(text.substr(header + 1), bytes, messages);
+    const ErrnoGuard keepErrno;
+    corvo_log(3, "maildirsize quota header is corrupted. Please run mail_rebuild utility to fix.");
+    return 0;
+}
+
+}  // namespace
+
+int store_mbox_quota(const char* domain, const char* mailname, long long quota) noexcept {
+    const bool convertible = isPathComponent(domain);
+    errno = 0;  // a failed conversion has no system error; the message must not show an old one
+    const UniqueCString converted(convertible ? idn_toascii(domain) : nullptr);
+    if (convertible && !converted) {
+        messlog2(0, 0, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_errno));
+        errno = EINVAL;
+        return 0;
+    }
+    const char* ascii = convertible ? converted.get() : domain;
+    // The conversion makes dots and slashes out of other characters, so its result is looked at.
+    const bool soundNames = isPathComponent(ascii) && isPathComponent(mailname);
+    char home[PATH_MAX];
+    return format_home(home, ascii, mailname) ? store_home_quota(home, soundNames, quota) : 0;
+}
+
+int store_maildirpp_quota_raw(const char* maildir, long long quota) noexcept {
+    const WorkingDirectoryGuard back;
+    return back.remembered() ? write_for_popuser(maildir, quota) : 0;
+}
+
+int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid, long long byteLimit,
+                                long long countLimit) noexcept {
+    const WorkingDirectoryGuard back;
+    return back.remembered() ? write_within(maildir, uid, gid, {byteLimit, countLimit}) : 0;
+}
+
+int get_maildirpp_usage_and_limits(const char* maildir, int strict, long long* bytes,
+                                   long long* messages, long long* byteLimit,
+                                   long long* countLimit) noexcept {
+    *byteLimit = LARGEST;
+    *countLimit = LARGEST;
+    const WorkingDirectoryGuard back;
+    if (!back.remembered() || safe_path::changeDirectory(maildir) != 0)
+        return 0;
+    if (read_usage_and_limits(bytes, messages, byteLimit, countLimit))
+        return 1;
+    if (strict)
+        return 0;
+    MaildirUsage usage{};
+    const int result = countMaildir(usage);
+    *bytes = usage.bytes;
+    *messages = usage.messages;
+    return result;
+}
+
+int get_maildirpp_usage(const char* maildir, long long* bytes, long long* messages) noexcept {
+    long long byteLimit = 0;
+    long long countLimit = 0;
+    return get_maildirpp_usage_and_limits(maildir, 0, bytes, messages, &byteLimit, &countLimit);
+}
+
+int check_maildirpp_overquota(const char* maildir, long long bytes, long long messages) noexcept {
+    long long usedBytes = 0;
+    long long usedMessages = 0;
+    Limits limits{};
+    if (!get_maildirpp_usage_and_limits(maildir, 0, &usedBytes, &usedMessages, &limits.bytes,
+                                        &limits.messages))
+        return 0;
+    // A limit of 0 is none.
+    const long long byteLimit = limits.bytes == 0 ? LARGEST : limits.bytes;
+    const long long countLimit = limits.messages == 0 ? LARGEST : limits.messages;
+    return byteLimit < addSaturated(bytes, std::max(usedBytes, 0LL)) ||
+           addSaturated(messages, std::max(usedMessages, 0LL)) > countLimit;
+}
