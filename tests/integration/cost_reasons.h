@@ -93,7 +93,7 @@ inline const std::vector<Reason> REASONS = {
      Tree::either,
      {.deliveries = 1, .forwards = 1},
      "Before a line is added to a .qmail its last byte is read: it may lack its line end."},
-    {{"open", "close", "stat", "read", "mmap", "mprotect", "brk", "futex"},
+    {{"open", "close", "stat", "read", "mmap", "mprotect", "futex"},
      Tree::either,
      {.runs = 12},
      "The C++ runtime is loaded and made ready, and the standard descriptors are seen to."},
