@@ -33,10 +33,10 @@ st_mysql* attempt(Pauses pauses, db_connect_failure& failure) {
 
 mysql::Connection PatientConnector::open() {
     db_connect_failure failure;
-    st_mysql* const handle = attempt(isPatient ? Pauses(PAUSES) : Pauses(), failure);
+    st_mysql* const handle = attempt(isPatient_ ? Pauses(PAUSES) : Pauses(), failure);
     if (handle == nullptr)
         print_db_connect_failure(failure);
-    isPatient = handle != nullptr || (isPatient && !may_pass_by_itself(failure));
+    isPatient_ = handle != nullptr || (isPatient_ && !may_pass_by_itself(failure));
     return mysql::Connection::owning(handle);
 }
 

@@ -16,7 +16,7 @@ public:
     mysql::Connection open();
 
 private:
-    bool isPatient = true;
+    bool isPatient_ = true;
 };
 
 }  // namespace corvo::mail::restore

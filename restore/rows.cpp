@@ -8,11 +8,11 @@
 namespace corvo::mail::restore {
 
 Rows::Rows(mysql::Connection& connection, const std::string& statement, CycleLabel label)
-    : cycle(std::move(label)) {
+    : cycle_(std::move(label)) {
     try {
-        result.emplace(connection << statement << mysql::Query::fetch);
+        result_.emplace(connection << statement << mysql::Query::fetch);
     } catch (const mysql::mError& error) {
-        uerr << "Warning: MySQL Query error on " << cycle.name << ": " << error.what()
+        uerr << "Warning: MySQL Query error on " << cycle_.name << ": " << error.what()
              << ", ignored" << std::endl;
     }
 }
@@ -29,14 +29,14 @@ bool Rows::fetchOnce(Row& row) {
 }
 
 Rows::Fetched Rows::fetch(Row& row) {
-    if (!result)
+    if (!result_)
         return Fetched::END;
     try {
-        return result->fetch(&row) ? Fetched::ROW : Fetched::END;
+        return result_->fetch(&row) ? Fetched::ROW : Fetched::END;
     } catch (const mysql::mError& error) {
-        uerr << "Warning: MySQL Fetch Row Error on " << cycle.name << cycle.separator
+        uerr << "Warning: MySQL Fetch Row Error on " << cycle_.name << cycle_.separator
              << error.what() << ", row ignored" << std::endl;
-        progress(cycle.skipMark);
+        progress(cycle_.skipMark);
         return Fetched::NOTHING;
     }
 }

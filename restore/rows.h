@@ -36,8 +36,8 @@ private:
     enum class Fetched { ROW, NOTHING, END };
     Fetched fetch(Row& row);
 
-    CycleLabel cycle;
-    std::optional<mysql::Result> result;  // empty when the statement failed
+    CycleLabel cycle_;
+    std::optional<mysql::Result> result_;  // empty when the statement failed
 };
 
 }  // namespace corvo::mail::restore

@@ -67,7 +67,7 @@ int UtilityErrorStreamBuf::sync() {
 
 // The base is made before the buffer, which it may only be told of here.
 UtilityErrorStream::UtilityErrorStream() : std::ostream(nullptr) {
-    rdbuf(&buffer);
+    rdbuf(&buffer_);
 }
 
 UtilityErrorStream::~UtilityErrorStream() = default;

@@ -39,7 +39,7 @@ public:
     UtilityErrorStream& operator=(const UtilityErrorStream&) = delete;
 
 private:
-    UtilityErrorStreamBuf buffer;
+    UtilityErrorStreamBuf buffer_;
 };
 
 /// The one instance. End each message with std::endl: standard output then keeps the order of
@@ -57,7 +57,7 @@ public:
     UtilityErrorStreamInit& operator=(const UtilityErrorStreamInit&) = delete;
 
 private:
-    std::ios_base::Init standardStreams;  // made before uerr, and outlive it
+    std::ios_base::Init standardStreams_;  // made before uerr, and outlive it
 };
 
 static const UtilityErrorStreamInit uerrInit;

@@ -182,7 +182,7 @@ const char* idn_strerror(int code) noexcept {
 namespace corvo::idn {
 
 const char* IdnaError::what() const noexcept {
-    return idn_strerror(errorCode);
+    return idn_strerror(errorCode_);
 }
 
 std::string toAscii(const std::string& name) {

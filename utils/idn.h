@@ -44,12 +44,12 @@ namespace corvo::idn {
 /// A failed conversion; what() is idn_strerror(code()).
 class IdnaError : public std::exception {
 public:
-    explicit IdnaError(int code) noexcept : errorCode(code) {}
-    int code() const noexcept { return errorCode; }
+    explicit IdnaError(int code) noexcept : errorCode_(code) {}
+    int code() const noexcept { return errorCode_; }
     const char* what() const noexcept override;
 
 private:
-    int errorCode;
+    int errorCode_;
 };
 
 /// The forms of a host name. Throw IdnaError, with code 3 for a name that holds a zero byte, or

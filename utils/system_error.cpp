@@ -10,16 +10,16 @@ SystemError::SystemError(const std::string& message, int code)
     : SystemError(Code{code != 0 ? code : errno}, message) {}
 
 SystemError::SystemError(Code code, const std::string& message)
-    : std::runtime_error(message), errorCode(code.value) {}
+    : std::runtime_error(message), errorCode_(code.value) {}
 
 const char* SystemError::what() const noexcept {
-    if (fullText.empty()) {
-        fullText = std::runtime_error::what();
-        if (!fullText.empty())
-            fullText += ": ";
-        fullText += std::strerror(errorCode);
+    if (fullText_.empty()) {
+        fullText_ = std::runtime_error::what();
+        if (!fullText_.empty())
+            fullText_ += ": ";
+        fullText_ += std::strerror(errorCode_);
     }
-    return fullText.c_str();
+    return fullText_.c_str();
 }
 
 }  // namespace corvo

@@ -14,7 +14,7 @@ public:
     explicit SystemError(const std::string& message, int code = 0);
 
     /// The errno value.
-    int code() const noexcept { return errorCode; }
+    int code() const noexcept { return errorCode_; }
 
     /// Built at the first call and kept. Running out of memory there ends the process.
     const char* what() const noexcept override;
@@ -25,8 +25,8 @@ private:
     };
     SystemError(Code code, const std::string& message);
 
-    int errorCode;
-    mutable std::string fullText;
+    int errorCode_;
+    mutable std::string fullText_;
 };
 
 }  // namespace corvo

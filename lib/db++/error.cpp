@@ -17,9 +17,9 @@ std::string describeLastError(st_mysql* handle, const std::string& context) {
 
 }  // namespace
 
-mError::mError(std::string text) : message(std::move(text)) {}
+mError::mError(std::string text) : message_(std::move(text)) {}
 
 mError::mError(st_mysql* handle, const std::string& context)
-    : message(describeLastError(handle, context)) {}
+    : message_(describeLastError(handle, context)) {}
 
 }  // namespace corvo::mysql

@@ -17,10 +17,10 @@ public:
     /// <text><context>", or "Unknown error\n<context>" when the client gives no error number.
     mError(st_mysql* handle, const std::string& context);
 
-    const char* what() const noexcept override { return message.c_str(); }
+    const char* what() const noexcept override { return message_.c_str(); }
 
 private:
-    std::string message;
+    std::string message_;
 };
 
 }  // namespace corvo::mysql

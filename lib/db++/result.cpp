@@ -28,11 +28,11 @@ auto& findField(Fields& row, const std::string& name) {
 }  // namespace
 
 Field& Result::row_t::operator[](const std::string& name) {
-    return findField(fields, name);
+    return findField(fields_, name);
 }
 
 const Field& Result::row_t::operator[](const std::string& name) const {
-    return findField(fields, name);
+    return findField(fields_, name);
 }
 
 void Result::Release::operator()(st_mysql_res* result) const noexcept {
@@ -40,18 +40,18 @@ void Result::Release::operator()(st_mysql_res* result) const noexcept {
     mysql_free_result(result);
 }
 
-Result::Result(st_mysql_res* result) : stored(result), columns(mysql_fetch_fields(result)) {}
+Result::Result(st_mysql_res* result) : stored_(result), columns_(mysql_fetch_fields(result)) {}
 
 bool Result::fetch(row_t* row) {
-    const MYSQL_ROW values = mysql_fetch_row(stored.get());
-    const unsigned long* lengths = mysql_fetch_lengths(stored.get());
+    const MYSQL_ROW values = mysql_fetch_row(stored_.get());
+    const unsigned long* lengths = mysql_fetch_lengths(stored_.get());
     if (values == nullptr)
         return false;
-    row->fields.clear();
-    const unsigned int count = mysql_num_fields(stored.get());
+    row->fields_.clear();
+    const unsigned int count = mysql_num_fields(stored_.get());
     for (unsigned int i = 0; i < count; ++i) {
         const auto [column, isNew] =
-            row->fields.try_emplace(std::string(columns[i].name, columns[i].name_length));
+            row->fields_.try_emplace(std::string(columns_[i].name, columns_[i].name_length));
         if (!isNew)
             throw mError("duplicated field " + column->first + " in query");
         fill(column->second, values[i], lengths[i]);

@@ -31,16 +31,16 @@ public:
         Field& operator[](const std::string& name);
         const Field& operator[](const std::string& name) const;
 
-        bool contains(const std::string& name) const { return fields.contains(name); }
-        std::size_t size() const noexcept { return fields.size(); }
+        bool contains(const std::string& name) const { return fields_.contains(name); }
+        std::size_t size() const noexcept { return fields_.size(); }
 
         /// The pairs of column name and field, in the order of the names.
-        Fields::const_iterator begin() const noexcept { return fields.begin(); }
-        Fields::const_iterator end() const noexcept { return fields.end(); }
+        Fields::const_iterator begin() const noexcept { return fields_.begin(); }
+        Fields::const_iterator end() const noexcept { return fields_.end(); }
 
     private:
         friend class Result;
-        Fields fields;
+        Fields fields_;
     };
 
     /// Takes ownership of a stored result.
@@ -56,8 +56,8 @@ private:
         void operator()(st_mysql_res* stored) const noexcept;
     };
 
-    std::unique_ptr<st_mysql_res, Release> stored;
-    st_mysql_field* columns;  // owned by the stored result
+    std::unique_ptr<st_mysql_res, Release> stored_;
+    st_mysql_field* columns_;  // owned by the stored result
 };
 
 }  // namespace corvo::mysql

@@ -52,7 +52,7 @@ DotQMailManager::DotQMailManager(const std::filesystem::path& place)
                       isDeliveryFile(place) || isHome(place)) {}
 
 DotQMailManager::DotQMailManager(std::filesystem::path file, bool isMailnames)
-    : path(std::move(file)), belongsToMailname(isMailnames) {}
+    : path_(std::move(file)), belongsToMailname_(isMailnames) {}
 
 DotQMailManager DotQMailManager::inHome(const std::filesystem::path& home) {
     return {home / FILE_NAME, isHome(home)};
@@ -79,9 +79,9 @@ void DotQMailManager::reset() {
 }
 
 const char* DotQMailManager::file() const {
-    if (!belongsToMailname)
+    if (!belongsToMailname_)
         fail(EINVAL);
-    return path.c_str();
+    return path_.c_str();
 }
 
 const char* DotQMailManager::wholeText(const std::string& address) const {
@@ -96,7 +96,7 @@ void DotQMailManager::check(int result) const {
 }
 
 void DotQMailManager::fail(int error) const {
-    throw SystemError("unable to modify " + path.native(), error);
+    throw SystemError("unable to modify " + path_.native(), error);
 }
 
 }  // namespace corvo::mail

@@ -40,8 +40,8 @@ private:
     void check(int result) const;
     [[noreturn]] void fail(int error) const;
 
-    std::filesystem::path path;
-    bool belongsToMailname;
+    std::filesystem::path path_;
+    bool belongsToMailname_;
 };
 
 }  // namespace corvo::mail

@@ -138,8 +138,8 @@ void MaildirManager::init() {
     const struct passwd* const account = ::getpwnam(POPUSER);
     if (account == nullptr)
         throw std::runtime_error(std::string("user ") + POPUSER + "not found");  // sic
-    ownerUid = account->pw_uid;
-    ownerGid = account->pw_gid;
+    ownerUid_ = account->pw_uid;
+    ownerGid_ = account->pw_gid;
 }
 
 fs::path MaildirManager::getDomainRelativeRoot(const std::string& domain) const {
@@ -207,7 +207,7 @@ UniqueFd MaildirManager::makeEntry(int parent, const fs::path& home,
 void MaildirManager::takeOver(int directory, mode_t mode, const fs::path& top,
                               std::string_view entry) const {
     safe_path::PermissionStep failed{};
-    if (safe_path::setOwnerAndMode(directory, ownerUid, ownerGid, mode, &failed) != 0) {
+    if (safe_path::setOwnerAndMode(directory, ownerUid_, ownerGid_, mode, &failed) != 0) {
         const int error = errno;
         throw FSError(failed == safe_path::PermissionStep::chmod ? "chmod" : "chown",
                       entry.empty() ? top : top / entry, error);

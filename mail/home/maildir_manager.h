@@ -74,8 +74,8 @@ private:
     void takeOver(int directory, mode_t mode, const std::filesystem::path& top,
                   std::string_view entry = {}) const;
 
-    uid_t ownerUid = 0;
-    gid_t ownerGid = 0;
+    uid_t ownerUid_ = 0;
+    gid_t ownerGid_ = 0;
 };
 
 class MaildirPPManager : public MaildirManager {
