@@ -10,7 +10,6 @@
 namespace corvo {
 
 namespace mail {
-class DotQMailManager;
 class MaildirManager;
 }  // namespace mail
 
@@ -40,10 +39,7 @@ public:
     void enableRejectOverquota(bool reject, bool permanent);
 
 private:
-    mail::DotQMailManager deliveryFile(const std::string& domain,
-                                       const std::string& mailname) const;
-
-    mail::MaildirManager* maildirManager;  // the process-wide one
+    mail::MaildirManager* maildirManager_;  // the process-wide one
 };
 
 /// Binds the walker's slots to the actions that belong to a mode. Must outlive the walk.
@@ -54,13 +50,13 @@ public:
     MailboxRestorationAdaptor(const MailboxRestorationAdaptor&) = delete;
     MailboxRestorationAdaptor& operator=(const MailboxRestorationAdaptor&) = delete;
 
-    mail::restore::MailsrvEntitiesCallbacks& callbacks() noexcept { return slots; }
+    mail::restore::MailsrvEntitiesCallbacks& callbacks() noexcept { return slots_; }
 
 private:
     void bindStorage();
     void bindHandlers();
 
-    mail::restore::MailsrvEntitiesCallbacks slots;
+    mail::restore::MailsrvEntitiesCallbacks slots_;
 };
 
 }  // namespace corvo

@@ -10,20 +10,22 @@
 
 namespace corvo::mail {
 
+class Mailname;
+
 class DotQMailManager {
 public:
     /// Where a line goes. Every line is appended, whatever is asked for.
     enum class Position { first = 0, last = 1, anywhere = 2 };
 
+    /// The file in a home. Of a mail name that is not sound every method fails with EINVAL and
+    /// touches nothing.
+    explicit DotQMailManager(const Mailname& mailname);
+
     /// `place` is the delivery file itself when its last name is ".qmail", else the home that the
     /// file ".qmail" lies in. Below the mail names root a home lies exactly a domain's and a mail
-    /// name's directory deep, and only a path of one name more can be the file. With any other path
-    /// there, as odd names make them, every method fails with EINVAL and touches nothing.
+    /// name's directory deep, and only a path of one name more can be the file: any other path
+    /// there, as odd names make them, is that of no sound mail name.
     explicit DotQMailManager(const std::filesystem::path& place);
-
-    /// The file in a home, for a path that is made of names from elsewhere: it is never taken for
-    /// the file itself.
-    static DotQMailManager inHome(const std::filesystem::path& home);
 
     /// An address that holds a zero byte fails with EINVAL.
     void addRedirect(const std::string& address, Position position);
@@ -33,15 +35,13 @@ public:
     void reset();
 
 private:
-    DotQMailManager(std::filesystem::path file, bool isMailnames);
-
     const char* file() const;
     const char* wholeText(const std::string& address) const;
     void check(int result) const;
     [[noreturn]] void fail(int error) const;
 
     std::filesystem::path path_;
-    bool belongsToMailname_;
+    bool isSound_;
 };
 
 }  // namespace corvo::mail

@@ -94,13 +94,20 @@ Formatted formatPath(char* dst, std::size_t size, const char* mailname, const ch
     // The conversion makes dots and slashes out of other characters, so its result is looked at.
     if (!corvo::mail::isPathComponent(asciiDomain.get()))
         return refuseNames();
-    const int length =
-        std::snprintf(dst, size, "%s/%s/%s%s", vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D),
-                      asciiDomain.get(), mailname, file);
-    if (length < 0 || static_cast<std::size_t>(length) >= size)
-        return Formatted::tooLong;
-    strtolower(dst);
-    return Formatted::done;
+    return corvo::mail::formatHome(dst, size, asciiDomain.get(), mailname, file)
+               ? Formatted::done
+               : Formatted::tooLong;
+}
+
+// False for a path that is not made of so many names.
+bool isMadeOf(std::size_t names, std::string_view path) noexcept {
+    for (; names > 1; --names) {
+        const std::size_t slash = path.find('/');
+        if (slash == std::string_view::npos || !corvo::mail::isPathComponent(path.substr(0, slash)))
+            return false;
+        path.remove_prefix(slash + 1);
+    }
+    return corvo::mail::isPathComponent(path);
 }
 
 int conclude(Formatted result) noexcept {
@@ -148,6 +155,26 @@ int get_dotqmail_path(char* dst, std::size_t size, const char* mailname,
 
 namespace corvo::mail {
 
+bool formatHome(char* dst, std::size_t size, const char* domain, const char* mailname,
+                const char* file) noexcept {
+    const int length =
+        std::snprintf(dst, size, "%s/%s/%s%s", vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D), domain,
+                      mailname, file);
+    if (length < 0 || static_cast<std::size_t>(length) >= size)
+        return false;
+    strtolower(dst);
+    return true;
+}
+
+// Joined as texts: a name that begins with "/" must not take the place of the root.
+std::string homeOf(std::string_view domain, std::string_view mailname) {
+    return mailnamesPrefix().append(relativeHomeOf(domain, mailname));
+}
+
+std::string relativeHomeOf(std::string_view domain, std::string_view mailname) {
+    return to_lower(std::string(domain)).append("/").append(to_lower(std::string(mailname)));
+}
+
 std::string mailnamesPrefix() {
     const std::string_view root = vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D);
     const bool needsSlash = !root.empty() && !root.ends_with('/');
@@ -158,6 +185,13 @@ std::string mailnamesPrefix() {
 
 bool isPathComponent(std::string_view name) noexcept {
     return safe_path::isComponent(name);
+}
+
+bool isNamesDeep(std::string_view path, std::size_t names) {
+    const std::string prefix = mailnamesPrefix();
+    if (!path.starts_with(prefix))
+        return path.find('\0') == std::string_view::npos;
+    return isMadeOf(names, path.substr(prefix.size()));
 }
 
 }  // namespace corvo::mail

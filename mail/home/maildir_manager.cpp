@@ -7,12 +7,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <initializer_list>
 #include <stdexcept>
 #include <string_view>
 
 #include "mail/home/fs_error.h"
 #include "mail/home/mail_paths.h"
+#include "mail/home/mailname.h"
 #include "utils/accounts.h"
 #include "utils/safe_path.h"
 #include "utils/strings.h"
@@ -65,14 +65,9 @@ std::error_code codeOf(int error) {
     return {error, std::generic_category()};
 }
 
-std::string relativeHome(const std::string& domain, const std::string& mailname) {
-    return to_lower(domain).append("/").append(to_lower(mailname));
-}
-
 // Names come from a database: one that is no single component would lead to another place.
-void requireComponents(std::initializer_list<std::string_view> names, const char* failure,
-                       const fs::path& path) {
-    if (!std::all_of(names.begin(), names.end(), isPathComponent))
+void require(bool soundNames, const char* failure, const fs::path& path) {
+    if (!soundNames)
         throw fs::filesystem_error(failure, path, codeOf(EINVAL));
 }
 
@@ -148,7 +143,7 @@ fs::path MaildirManager::getDomainRelativeRoot(const std::string& domain) const 
 
 fs::path MaildirManager::getMailnameRelativeHome(const std::string& domain,
                                                  const std::string& mailname) const {
-    return relativeHome(domain, mailname);
+    return relativeHomeOf(domain, mailname);
 }
 
 // Joined as texts: a name that begins with "/" must not take the place of the root.
@@ -158,19 +153,23 @@ fs::path MaildirManager::getDomainRoot(const std::string& domain) const {
 
 fs::path MaildirManager::getMailnameHome(const std::string& domain,
                                          const std::string& mailname) const {
-    return mailnamesPrefix().append(relativeHome(domain, mailname));
+    return homeOf(domain, mailname);
 }
 
 void MaildirManager::createDomainRoot(const std::string& domain) {
     const fs::path root = getDomainRoot(domain);
-    requireComponents({domain}, "cannot create directories", root);
+    require(isPathComponent(domain), "cannot create directories", root);
     const UmaskGuard ownerOnly(CREATION_UMASK);
     makeTop(root, DOMAIN_ROOT_MODE);
 }
 
 void MaildirManager::createMailnameHome(const std::string& domain, const std::string& mailname) {
-    const fs::path home = getMailnameHome(domain, mailname);
-    requireComponents({domain, mailname}, "cannot create directories", home);
+    createMailnameHome(Mailname(domain, mailname));
+}
+
+void MaildirManager::createMailnameHome(const Mailname& mailname) {
+    const fs::path& home = mailname.home();
+    require(mailname.isSound(), "cannot create directories", home);
     const UmaskGuard ownerOnly(CREATION_UMASK);
     // The home, then the directory made last at each level below it: the next one's parent.
     std::array<UniqueFd, SKELETON_LEVELS + 1> opened;
@@ -216,20 +215,21 @@ void MaildirManager::takeOver(int directory, mode_t mode, const fs::path& top,
 
 void MaildirManager::renameDomainRoot(const std::string& oldDomain, const std::string& newDomain) {
     const fs::path root = getDomainRoot(oldDomain);
-    requireComponents({oldDomain, newDomain}, "cannot rename", root);
+    require(isPathComponent(oldDomain) && isPathComponent(newDomain), "cannot rename", root);
     renameDirectory(root, getDomainRoot(newDomain));
 }
 
 void MaildirManager::renameMailnameHome(const std::string& domain, const std::string& oldMailname,
                                         const std::string& newMailname) {
-    const fs::path home = getMailnameHome(domain, oldMailname);
-    requireComponents({domain, oldMailname, newMailname}, "cannot rename", home);
-    renameDirectory(home, getMailnameHome(domain, newMailname));
+    const Mailname from(domain, oldMailname);
+    const Mailname to(domain, newMailname);
+    require(from.isSound() && to.isSound(), "cannot rename", from.home());
+    renameDirectory(from.home(), to.home());
 }
 
 void MaildirManager::removeDomainRoot(const std::string& domain) {
     const fs::path root = getDomainRoot(domain);
-    requireComponents({domain}, "cannot remove all", root);
+    require(isPathComponent(domain), "cannot remove all", root);
     fs::path saved;
     if (!backupRename(root, saved))
         removeDirectory(root);
@@ -238,21 +238,21 @@ void MaildirManager::removeDomainRoot(const std::string& domain) {
 }
 
 void MaildirManager::removeMailnameHome(const std::string& domain, const std::string& mailname) {
-    const fs::path home = getMailnameHome(domain, mailname);
-    requireComponents({domain, mailname}, "cannot remove all", home);
-    removeDirectory(home);
+    const Mailname name(domain, mailname);
+    require(name.isSound(), "cannot remove all", name.home());
+    removeDirectory(name.home());
 }
 
 void MaildirManager::backupDomainRoot(const std::string& domain) {
     const fs::path root = getDomainRoot(domain);
-    requireComponents({domain}, "cannot rename", root);
+    require(isPathComponent(domain), "cannot rename", root);
     backup(root);
 }
 
 void MaildirManager::backupMailnameHome(const std::string& domain, const std::string& mailname) {
-    const fs::path home = getMailnameHome(domain, mailname);
-    requireComponents({domain, mailname}, "cannot rename", home);
-    backup(home);
+    const Mailname name(domain, mailname);
+    require(name.isSound(), "cannot rename", name.home());
+    backup(name.home());
 }
 
 }  // namespace corvo::mail

@@ -21,6 +21,7 @@
 
 namespace corvo::mail {
 
+class Mailname;
 struct SkeletonEntry;  // a directory of every home
 
 class MaildirManager {
@@ -46,6 +47,7 @@ public:
     /// 0700. Throw FSError for an owner ("chown") or a mode ("chmod") that cannot be set.
     void createDomainRoot(const std::string& domain);
     void createMailnameHome(const std::string& domain, const std::string& mailname);
+    void createMailnameHome(const Mailname& mailname);
 
     /// The new place's parent must exist.
     void renameDomainRoot(const std::string& oldDomain, const std::string& newDomain);

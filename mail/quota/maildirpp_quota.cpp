@@ -25,9 +25,7 @@
 #include "utils/log.h"
 #include "utils/messlog.h"
 #include "utils/numeric.h"
-#include "utils/runtime_config.h"
 #include "utils/safe_path.h"
-#include "utils/strings.h"
 
 namespace {
 
@@ -56,12 +54,8 @@ using TemporaryName = char[192];
 
 /// Writes the path of a mail name's home; false when it is too long, which is logged.
 bool format_home(char (&home)[PATH_MAX], const char* domain, const char* mailname) noexcept {
-    const int length = std::snprintf(home, sizeof home, "%s/%s/%s",
-                                     vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D), domain, mailname);
-    if (length >= 0 && length < PATH_MAX) {
-        strtolower(home);
+    if (corvo::mail::formatHome(home, sizeof home, domain, mailname))
         return true;
-    }
     errno = 0;
     messlog2(0, 0, "domain and/or user name too long to be stored on the filesystem");
     errno = ENAMETOOLONG;

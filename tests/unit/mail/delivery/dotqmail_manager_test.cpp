@@ -8,6 +8,7 @@
 
 #include "mail/delivery/delivery_agent.h"
 #include "mail/home/maildir_manager.h"
+#include "mail/home/mailname.h"
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/sandbox.h"
@@ -19,6 +20,7 @@ using namespace corvo::test;
 using corvo::SystemError;
 using corvo::mail::DotQMailManager;
 using corvo::mail::MaildirManager;
+using corvo::mail::Mailname;
 using Position = DotQMailManager::Position;
 
 const std::string HOME = MAILNAMES + "/example.com/info";
@@ -121,14 +123,14 @@ TEST_F(DotQMailManagerTest, FileAtAnotherDepthBelowTheMailNamesRootIsRefused) {
     EXPECT_EQ(fingerprint("/var/qmail"), before);
 }
 
-TEST_F(DotQMailManagerTest, HomeIsNeverTakenForTheFileWhenItIsSaidToBeOne) {
+TEST_F(DotQMailManagerTest, MailNameThatLooksLikeAnothersFileIsRefused) {
     manager.reset();
     const std::string before = fingerprint(MAILNAMES);
-    auto odd = DotQMailManager::inHome(DOTQMAIL);
+    DotQMailManager odd(Mailname("example.com", "info/.qmail"));
     EXPECT_EQ(failureOf([&] { odd.addRedirect("a@b.c", Position::anywhere); }, EINVAL),
               "unable to modify " + DOTQMAIL + "/.qmail: Invalid argument");
     EXPECT_EQ(fingerprint(MAILNAMES), before);
-    DotQMailManager::inHome(HOME).enableDelivery();
+    DotQMailManager(Mailname("example.com", "info")).enableDelivery();
     EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n./Maildir/\n");
 }
 
