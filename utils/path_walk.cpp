@@ -13,6 +13,10 @@ namespace {
 
 constexpr int MAX_LINKS = 40;
 
+bool isSame(const struct stat& one, const struct stat& other) noexcept {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 /// Opens a path that has no link in it, in one system call; ELOOP at a link.
 UniqueFd openWithoutLinks(int base, const char* path, int flags, mode_t mode) noexcept {
     struct open_how how = {};
@@ -47,6 +51,19 @@ UniqueFd openByWalking(int base, const char* path, int flags, mode_t mode) noexc
 }
 
 }  // namespace
+
+bool isRootsEntry(int directory, const char* name, const struct stat& seen) noexcept {
+    struct stat folder = {};
+    struct stat entry = {};
+    return ::fstatat(directory, "", &folder, AT_EMPTY_PATH) == 0 && folder.st_uid == 0 &&
+           (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+           ::fstatat(directory, name, &entry, AT_SYMLINK_NOFOLLOW) == 0 && isSame(entry, seen);
+}
+
+bool isTrustedLink(int directory, const char* name, const struct stat& link) noexcept {
+    const bool isOurs = link.st_uid == 0 || link.st_uid == ::geteuid();
+    return isOurs && (link.st_nlink == 1 || isRootsEntry(directory, name, link));
+}
 
 bool Walk::start(int base, const char* path) noexcept {
     base_ = base;

@@ -1,5 +1,5 @@
-// The way along a path that others may tamper with: what utils/safe_path.h promises about links,
-// for its sources alone.
+// The way along a path that others may tamper with: which links are followed, and how. Most callers
+// want utils/safe_path.h, which is built on it. Nothing here logs, throws or allocates.
 
 #pragma once
 
@@ -10,12 +10,23 @@
 #include <climits>
 
 #include "utils/guards.h"
-#include "utils/safe_path.h"
 
 namespace corvo::safe_path {
 
 /// For a directory that serves as a base only: it need not be readable.
 inline constexpr int BASE_FLAGS = O_PATH | O_DIRECTORY | O_CLOEXEC;
+
+/// What becomes of a link that is the last component.
+enum class LastLink { follow, keep };
+
+/// True when `name` in a directory is the entry of which `seen` tells, and nobody but root can have
+/// put it there: the directory is root's, and neither its group (nor anybody in an ACL, whose mask
+/// stands in the group's bits) nor others may write it. A sticky bit would not keep them from that.
+[[nodiscard]] bool isRootsEntry(int directory, const char* name, const struct stat& seen) noexcept;
+
+/// Whether a link, of which lstat says this, is followed: root's or the running user's, and either
+/// under a single name or an entry of root's.
+[[nodiscard]] bool isTrustedLink(int directory, const char* name, const struct stat& link) noexcept;
 
 /// Opens whatever is there, as open does with `flags` (O_PATH and O_NOFOLLOW included). Everything
 /// that is opened along a path is opened by this function.

@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "utils/accounts.h"
-#include "utils/path_walk.h"
 
 namespace corvo::safe_path {
 
@@ -85,10 +84,6 @@ UniqueFd openAnew(int descriptor, int flags) noexcept {
 int refuse(int error) noexcept {
     errno = error;
     return -1;
-}
-
-bool isSame(const struct stat& one, const struct stat& other) noexcept {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 bool isPopuser(uid_t uid) noexcept {
@@ -281,25 +276,12 @@ UniqueFd awaitLease(UniqueFd opened, int base, const char* path, int flags) noex
     return opened;
 }
 
-bool isRootsEntry(int directory, const char* name, const struct stat& seen) noexcept {
-    struct stat folder = {};
-    struct stat entry = {};
-    return ::fstatat(directory, "", &folder, AT_EMPTY_PATH) == 0 && folder.st_uid == 0 &&
-           (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
-           ::fstatat(directory, name, &entry, AT_SYMLINK_NOFOLLOW) == 0 && isSame(entry, seen);
-}
-
 bool isForeignHardLink(int base, const char* path, const struct stat& file) noexcept {
     if (!S_ISREG(file.st_mode) || file.st_nlink <= 1 || isPopuser(file.st_uid))
         return false;
     Location place;
     return locate(base, path, LastLink::follow, place) != 0 ||
            !isRootsEntry(place.parent.get(), place.name, file);
-}
-
-bool isTrustedLink(int directory, const char* name, const struct stat& link) noexcept {
-    const bool isOurs = link.st_uid == 0 || link.st_uid == ::geteuid();
-    return isOurs && (link.st_nlink == 1 || isRootsEntry(directory, name, link));
 }
 
 ssize_t readTrustedLink(int base, const char* path, char* target, std::size_t size) noexcept {

@@ -4,8 +4,8 @@
 // runs as root. Here a path is walked on descriptors, and a symbolic link is followed only when
 // root or the running user owns the link itself, at most 40 of them; any other link is ELOOP. A
 // link with several names may have been planted under one of them, and is followed only where
-// nobody but root can have put it (see isRootsEntry). A path without links costs one system call
-// where the kernel can walk it so.
+// nobody but root can have put it (see isRootsEntry in utils/path_walk.h). A path without links
+// costs one system call where the kernel can walk it so.
 //
 // `base` is a directory's descriptor or AT_FDCWD; it matters for relative paths only. Functions
 // return a descriptor or 0, or -1 (an empty guard) with errno, except where stated; none logs or
@@ -23,6 +23,7 @@
 
 #include "utils/dir_entries.h"
 #include "utils/guards.h"
+#include "utils/path_walk.h"
 
 namespace corvo::safe_path {
 
@@ -39,9 +40,6 @@ struct Location {
     UniqueFd parent;
     char name[NAME_MAX + 1] = {};
 };
-
-/// What becomes of a link that is the last component.
-enum class LastLink { follow, keep };
 
 /// Walks to the parent of the last component, which need not exist. With LastLink::follow a trusted
 /// link there is followed in turn. Paths that end in "/", "." or ".." have no last component:
@@ -72,20 +70,11 @@ enum class LastLink { follow, keep };
 /// else, as it does without /proc.
 [[nodiscard]] UniqueFd awaitLease(UniqueFd opened, int base, const char* path, int flags) noexcept;
 
-/// True when `name` in a directory is the entry of which `seen` tells, and nobody but root can have
-/// put it there: the directory is root's, and neither its group (nor anybody in an ACL, whose mask
-/// stands in the group's bits) nor others may write it. A sticky bit would not keep them from that.
-[[nodiscard]] bool isRootsEntry(int directory, const char* name, const struct stat& seen) noexcept;
-
 /// True for a file with several names that is not popuser's own: it may be another's file that was
 /// linked into the mail tree, and nothing may be written to it or handed out from it. `file` is
-/// what fstat says of what `path` led to. Where that is an entry of root's (see above), its further
-/// names are root's own business.
+/// what fstat says of what `path` led to. Where that is an entry of root's (see isRootsEntry), its
+/// further names are root's own business.
 [[nodiscard]] bool isForeignHardLink(int base, const char* path, const struct stat& file) noexcept;
-
-/// Whether a link, of which lstat says this, is followed: root's or the running user's, and either
-/// under a single name or an entry of root's.
-[[nodiscard]] bool isTrustedLink(int directory, const char* name, const struct stat& link) noexcept;
 
 /// readlink, for a link that is followed: its target's length; ELOOP for any other. The target is
 /// not ended by a zero byte.
