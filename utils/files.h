@@ -45,11 +45,3 @@ int p_fclose(std::FILE* stream) noexcept;
 /// file without a line is ENODATA, a line that does not fit in `size` - 1 characters ERANGE, as is
 /// a size of 0. After a failure the buffer's contents are undefined.
 int get_string_from_file(const char* path, char* buffer, std::size_t size) noexcept;
-
-/// "regular file", "directory", "symbolic link", "block device", "character device", "fifo",
-/// "socket" or "unknown", for the st_mode of a file.
-const char* filetype_to_string(mode_t mode) noexcept;
-
-/// A newly allocated formatted string; free with free(). Ends the process with status 1 when there
-/// is no memory.
-char* asprintf_safe(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));

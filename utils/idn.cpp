@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "utils/files.h"
+#include "utils/format.h"
 #include "utils/guards.h"
 #include "utils/messlog.h"
 
