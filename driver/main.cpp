@@ -8,7 +8,9 @@
 
 #include "driver/exception_report.h"
 #include "driver/run.h"
+#include "utils/accounts.h"
 #include "utils/messlog.h"
+#include "utils/safe_path.h"
 
 namespace {
 
@@ -47,6 +49,7 @@ int main(int argc, char** argv) {
     ignoreWriteSignals();
     sleepNoLongerThanAsked();
     leaveOutOfSqliteWhatNobodyUses();
+    corvo::safe_path::setStorageOwner(is_popuser);
     PROGNAME = argv[0];
     try {
         return do_main(argc, argv);

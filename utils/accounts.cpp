@@ -41,6 +41,15 @@ struct group* lookupGid(const char* digits) noexcept {
 
 }  // namespace
 
+// Leaves alone what getpwnam keeps for others.
+bool is_popuser(uid_t uid) noexcept {
+    struct passwd entry = {};
+    struct passwd* found = nullptr;
+    char strings[4096];
+    return ::getpwnam_r(POPUSER, &entry, strings, sizeof strings, &found) == 0 &&
+           found != nullptr && found->pw_uid == uid;
+}
+
 struct group* lookup_group(const char* name_or_number) noexcept {
     if (name_or_number == nullptr || *name_or_number == '\0')
         return nullptr;

@@ -1,6 +1,6 @@
 // The password and group databases.
 //
-// Look-ups that fail are reported once through messlog2, except in get_user_name. errno is cleared
+// Look-ups that fail are reported once through messlog2, except where stated. errno is cleared
 // before a look-up, so that "not found" (0) and "could not look" differ. None throws.
 
 #pragma once
@@ -10,6 +10,9 @@
 
 /// The account that owns all mail storage.
 inline constexpr const char* POPUSER = "popuser";
+
+/// Whether the uid is popuser's; false without such an account. Logs nothing; may leave any errno.
+bool is_popuser(uid_t uid) noexcept;
 
 /// A group by name, or by number when the text is all digits. Null for an empty or null text
 /// (silently) and when there is none. The result lives in the C library's static storage.
@@ -31,6 +34,6 @@ id_t corvo_ugid(const char* name, int want_gid) noexcept;
 /// The uid, or 0.
 uid_t get_user_id(const char* name) noexcept;
 
-/// The name, or the number in decimal. The result lives in one static buffer of 4096 bytes that
-/// the next call overwrites.
+/// The name, or the number in decimal; logs nothing. The result lives in one static buffer of 4096
+/// bytes that the next call overwrites.
 const char* get_user_name(uid_t uid) noexcept;

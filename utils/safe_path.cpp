@@ -1,18 +1,21 @@
 #include "utils/safe_path.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "utils/accounts.h"
-
 namespace corvo::safe_path {
 
 namespace {
+
+bool isNobody(uid_t /*uid*/) noexcept {
+    return false;
+}
+
+OwnerTest isStorageOwner = isNobody;
 
 /// The parent of a path's last component, for the calls that follow no link there. The name points
 /// into the path and keeps what slashes follow it, so that the kernel judges them.
@@ -84,14 +87,6 @@ UniqueFd openAnew(int descriptor, int flags) noexcept {
 int refuse(int error) noexcept {
     errno = error;
     return -1;
-}
-
-bool isPopuser(uid_t uid) noexcept {
-    struct passwd entry = {};
-    struct passwd* found = nullptr;
-    char strings[4096];
-    return ::getpwnam_r(POPUSER, &entry, strings, sizeof strings, &found) == 0 &&
-           found != nullptr && found->pw_uid == uid;
 }
 
 /// Is the file that a path led to one to be worked on? 0, or -1 with errno.
@@ -213,6 +208,10 @@ int failToOpen(PermissionStep* failed) noexcept {
 
 }  // namespace
 
+void setStorageOwner(OwnerTest isOwner) noexcept {
+    isStorageOwner = isOwner;
+}
+
 bool isComponent(std::string_view name) noexcept {
     return !name.empty() && name != "." && name != ".." &&
            name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
@@ -277,7 +276,7 @@ UniqueFd awaitLease(UniqueFd opened, int base, const char* path, int flags) noex
 }
 
 bool isForeignHardLink(int base, const char* path, const struct stat& file) noexcept {
-    if (!S_ISREG(file.st_mode) || file.st_nlink <= 1 || isPopuser(file.st_uid))
+    if (!S_ISREG(file.st_mode) || file.st_nlink <= 1 || isStorageOwner(file.st_uid))
         return false;
     Location place;
     return locate(base, path, LastLink::follow, place) != 0 ||

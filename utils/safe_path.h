@@ -9,7 +9,7 @@
 //
 // `base` is a directory's descriptor or AT_FDCWD; it matters for relative paths only. Functions
 // return a descriptor or 0, or -1 (an empty guard) with errno, except where stated; none logs or
-// throws, and only those that read directories or look popuser up allocate. Descriptors are
+// throws, and only those that read directories or ask whose a uid is allocate. Descriptors are
 // close-on-exec. For a path that nobody tampers with, results and errno are those of the plain
 // calls, except where stated.
 
@@ -70,10 +70,17 @@ struct Location {
 /// else, as it does without /proc.
 [[nodiscard]] UniqueFd awaitLease(UniqueFd opened, int base, const char* path, int flags) noexcept;
 
-/// True for a file with several names that is not popuser's own: it may be another's file that was
-/// linked into the mail tree, and nothing may be written to it or handed out from it. `file` is
-/// what fstat says of what `path` led to. Where that is an entry of root's (see isRootsEntry), its
-/// further names are root's own business.
+/// Tells whether a uid is that of the account that owns the storage.
+using OwnerTest = bool (*)(uid_t uid) noexcept;
+
+/// Says whose own files may have several names. A program that works on mail storage says so before
+/// it opens anything there, with is_popuser of utils/accounts.h; until then they are nobody's.
+void setStorageOwner(OwnerTest isOwner) noexcept;
+
+/// True for a file with several names that is not the storage owner's own (see setStorageOwner): it
+/// may be another's file that was linked into the mail tree, and nothing may be written to it or
+/// handed out from it. `file` is what fstat says of what `path` led to. Where that is an entry of
+/// root's (see isRootsEntry), its further names are root's own business.
 [[nodiscard]] bool isForeignHardLink(int base, const char* path, const struct stat& file) noexcept;
 
 /// readlink, for a link that is followed: its target's length; ELOOP for any other. The target is

@@ -9,6 +9,8 @@
 #include "tests/support/capture.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/skip.h"
+#include "utils/accounts.h"
+#include "utils/safe_path.h"
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
@@ -20,5 +22,6 @@ int main(int argc, char** argv) {
         }
     }
     corvo::test::reportPastCaptures();
+    corvo::safe_path::setStorageOwner(is_popuser);  // as the program says it
     return RUN_ALL_TESTS();
 }

@@ -58,6 +58,14 @@ ProcessResult runWithUnreadableDatabases(const std::function<void()>& body) {
 
 }  // namespace
 
+TEST_F(AccountsTest, PopuserIsKnownByItsUid) {
+    EXPECT_TRUE(is_popuser(POPUSER_UID));
+    EXPECT_FALSE(is_popuser(POPUSER_GID));
+    EXPECT_FALSE(is_popuser(0));
+    removeUser("popuser");
+    EXPECT_FALSE(is_popuser(POPUSER_UID));
+}
+
 TEST_F(AccountsTest, GroupIsFoundByName) {
     const struct group* const found = lookup_group("popuser");
     ASSERT_NE(found, nullptr);

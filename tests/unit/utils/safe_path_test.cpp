@@ -30,6 +30,7 @@
 #include "tests/support/lease_holder.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "utils/accounts.h"
 
 namespace safe_path = corvo::safe_path;
 using namespace corvo::test;
@@ -415,6 +416,16 @@ TEST_F(SafePathTest, WithoutPopuserEveryHardLinkIsForeign) {
     chownToPopuser(HOME);
     removeUser("popuser");
     EXPECT_EQ(openError(FILE_PATH, O_WRONLY | O_TRUNC), EPERM);
+    EXPECT_EQ(contentsOf(FILE_PATH), "old\n");
+}
+
+TEST_F(SafePathTest, OnlyTheOwnHardLinksOfTheStoragesOwnerAreWritten) {
+    std::filesystem::create_hard_link(FILE_PATH, HOME + "/second");
+    chownToPopuser(HOME);
+    safe_path::setStorageOwner([](uid_t uid) noexcept { return uid == POPUSER_UID + 1; });
+    const int error = openError(FILE_PATH, O_WRONLY | O_TRUNC);
+    safe_path::setStorageOwner(is_popuser);
+    EXPECT_EQ(error, EPERM);
     EXPECT_EQ(contentsOf(FILE_PATH), "old\n");
 }
 
