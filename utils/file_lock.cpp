@@ -48,6 +48,33 @@ lock_handle* makeHandle(char* lockPath) noexcept {
     return lock;
 }
 
+/// mk_lock_, silently; `opened` tells whether the lock file could be opened.
+lock_handle* takeLock(const char* path, int open_flags, int flock_op, int by_name,
+                      bool& opened) noexcept {
+    opened = true;
+    char* const lockPath = by_name != 0 ? mk_flock_path(path) : strdup(path);
+    if (lockPath == nullptr)
+        return nullptr;
+    if (keptLock && std::strcmp(keptLock->path, lockPath) == 0)
+        keptLock.reset();
+    lock_handle* const lock = makeHandle(lockPath);
+    if (lock == nullptr)
+        return nullptr;
+    corvo::UniqueFd file = openLockFile(lock->path, open_flags);
+    opened = static_cast<bool>(file);
+    if (!opened)
+        return lock;
+    if (corvo::retryOnEintr([&] { return flock(file.get(), flock_op); }) == 0)
+        lock->fd = file.release();
+    else if (errno == EAGAIN)
+        lock->fd = 0;
+    return lock;
+}
+
+void logNotOpened(const lock_handle* lock) noexcept {
+    messlog2(0, 0, "Unable to open file \"%s\": %s.", lock->path, std::strerror(errno));
+}
+
 }  // namespace
 
 char* mk_flock_path(const char* path) noexcept {
@@ -59,23 +86,10 @@ char* mk_flock_path(const char* path) noexcept {
 }
 
 lock_handle* mk_lock_(const char* path, int open_flags, int flock_op, int by_name) noexcept {
-    char* const lockPath = by_name != 0 ? mk_flock_path(path) : strdup(path);
-    if (lockPath == nullptr)
-        return nullptr;
-    if (keptLock && std::strcmp(keptLock->path, lockPath) == 0)
-        keptLock.reset();
-    lock_handle* const lock = makeHandle(lockPath);
-    if (lock == nullptr)
-        return nullptr;
-    corvo::UniqueFd file = openLockFile(lock->path, open_flags);
-    if (!file) {
-        messlog2(0, 0, "Unable to open file \"%s\": %s.", lock->path, std::strerror(errno));
-        return lock;
-    }
-    if (corvo::retryOnEintr([&] { return flock(file.get(), flock_op); }) == 0)
-        lock->fd = file.release();
-    else if (errno == EAGAIN)
-        lock->fd = 0;
+    bool opened = false;
+    lock_handle* const lock = takeLock(path, open_flags, flock_op, by_name, opened);
+    if (!opened)
+        logNotOpened(lock);
     return lock;
 }
 

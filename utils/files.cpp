@@ -135,6 +135,13 @@ int write_fully(int fd, std::string_view data) noexcept {
     return 0;
 }
 
+int flush_data(int fd) noexcept {
+    if (corvo::retryOnEintr([&] { return fdatasync(fd); }) == 0)
+        return 0;
+    const bool canBeFlushed = errno != EINVAL && errno != ENOSYS && errno != ENOTSUP;
+    return canBeFlushed ? -1 : 0;
+}
+
 ssize_t read_fully(int fd, char* buffer, std::size_t size) noexcept {
     std::size_t filled = 0;
     while (filled < size) {

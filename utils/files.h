@@ -34,6 +34,10 @@ int create_file(const char* path) noexcept;
 /// nothing.
 int write_fully(int fd, std::string_view data) noexcept;
 
+/// Brings what was written to an open file to the disk, with what is needed to read it again; 0
+/// also where the file is none that can be flushed. Logs nothing.
+int flush_data(int fd) noexcept;
+
 /// Reads up to `size` bytes of an open file into `buffer`, fewer only where it ends; what is
 /// interrupted is repeated. Returns the number of bytes. Logs nothing.
 ssize_t read_fully(int fd, char* buffer, std::size_t size) noexcept;

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "utils/file_lock.h"
+#include "utils/files.h"
 #include "utils/guards.h"
 #include "utils/line_rewrite.h"
 #include "utils/messlog.h"
@@ -97,7 +98,9 @@ int writeAtEnd(corvo::UniqueFd& file, const char* const* list, const char* path)
         return unableToOpen(path);
     if (write_strings(stream.get(), list) != 0)
         return unableToWriteData(path);
-    return std::fclose(stream.release()) == 0 ? 0 : unableToClose(path);
+    if (std::fclose(stream.release()) != 0)
+        return unableToClose(path);
+    return flush_data(file.get()) == 0 ? 0 : unableToWriteData(path);
 }
 
 /// Takes back what a failed append left behind: the next one would continue half a line.

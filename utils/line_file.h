@@ -5,7 +5,8 @@
 // is written to "<path>.tmp", gets the owner, group and mode of the old file and is renamed over
 // it, or is removed when it did not reach the disk whole. Set-id and sticky bits stay only with a
 // file of root's in a directory that root alone may write. A new file has the process's owner and
-// umask. Files are opened as utils/safe_path.h says.
+// umask. What is written is on the disk before it takes an old file's place or the function ends; a
+// flush that fails is a write that fails. Files are opened as utils/safe_path.h says.
 
 #pragma once
 

@@ -119,8 +119,9 @@ bool Replacement::create() noexcept {
 }
 
 int Replacement::close() noexcept {
-    const bool isWritten = std::fclose(stream_.release()) == 0;
-    return isWritten ? file_.close() : -1;
+    if (std::fclose(stream_.release()) != 0 || flush_data(file_.get()) != 0)
+        return -1;
+    return file_.close();
 }
 
 int Replacement::moveIntoPlace() noexcept {

@@ -110,7 +110,7 @@ public:
     /// The temporary file's path.
     const char* path() const noexcept { return path_; }
 
-    /// Writes what is buffered and closes: 0, or -1 with errno.
+    /// Brings what is buffered to the disk and closes: 0, or -1 with errno.
     int close() noexcept;
 
     /// Renames over the target: 0, or -1 with errno.

@@ -20,7 +20,7 @@ corvo::UniqueFd openEmpty(const char* path) noexcept {
 }
 
 int writeAndClose(corvo::UniqueFd file, const char* text) noexcept {
-    if (write_fully(file.get(), text) != 0)
+    if (write_fully(file.get(), text) != 0 || flush_data(file.get()) != 0)
         return -1;
     return file.close();
 }
