@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "utils/digest.h"
 #include "utils/guards.h"
@@ -144,3 +145,37 @@ void keep_lock(lock_handle* lock) noexcept {
     if (lock != nullptr)
         keptLock.reset(lock);
 }
+
+namespace corvo {
+
+LineLock::LineLock(const char* path) noexcept
+    : path_(path), lock_(takeLock(path, EXCLUSIVE_OPEN, LOCK_EX, 1, opened_)) {
+    if (!isHeld())
+        error_ = errno;
+}
+
+LineLock::~LineLock() {
+    free_lock(lock_);
+}
+
+void LineLock::report() const noexcept {
+    errno = error_;
+    if (!opened_)
+        logNotOpened(lock_);
+    errno = error_;
+    messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path_, std::strerror(error_));
+    errno = error_;
+}
+
+int LineLock::release() noexcept {
+    if (rm_lock(std::exchange(lock_, nullptr)) == 0)
+        return 0;
+    messlog2(0, 0, "Error occurred while unlocking the file %s: %s\n", path_, std::strerror(errno));
+    return -1;
+}
+
+void LineLock::keep() noexcept {
+    keep_lock(std::exchange(lock_, nullptr));
+}
+
+}  // namespace corvo

@@ -51,3 +51,35 @@ void free_lock(lock_handle* lock) noexcept;
 /// again: one lock is kept at most, and the next mk_lock_ of its lock file frees it first, so that
 /// a process never waits for itself. Null is allowed and changes nothing.
 void keep_lock(lock_handle* lock) noexcept;
+
+namespace corvo {
+
+/// The lock by name under which a file of lines is changed: taken when this is made, waiting
+/// without limit, and released when it goes, both silently.
+class LineLock {
+public:
+    /// `path` must outlive the lock.
+    explicit LineLock(const char* path) noexcept;
+    ~LineLock();
+    LineLock(const LineLock&) = delete;
+    LineLock& operator=(const LineLock&) = delete;
+
+    bool isHeld() const noexcept { return is_locked(lock_); }
+
+    /// Logs why it is not held, through messlog2; errno is then that reason.
+    void report() const noexcept;
+
+    /// Releases: 0, or -1 with errno after logging through messlog2.
+    int release() noexcept;
+
+    /// Leaves it as keep_lock does.
+    void keep() noexcept;
+
+private:
+    const char* path_;
+    bool opened_ = false;
+    lock_handle* lock_;
+    int error_ = 0;
+};
+
+}  // namespace corvo

@@ -280,34 +280,25 @@ int perform(const Target& target, const char* const* list, int action, int where
     return 0;
 }
 
-int unlock(lock_handle* lock, const char* path) noexcept {
-    if (rm_lock(lock) == 0)
-        return 0;
-    messlog2(0, 0, "Error occurred while unlocking the file %s: %s\n", path, std::strerror(errno));
-    return 1;
-}
-
 /// Runs `change` on the file under its lock, with whether it is a new one.
 template <typename Change>
 int changeLocked(const char* path, Change change) noexcept {
-    lock_handle* const lock = mk_lock(path, 1);
-    if (!is_locked(lock)) {
-        messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path,
-                 std::strerror(errno));
-        free_lock(lock);
+    corvo::LineLock lock(path);
+    if (!lock.isHeld()) {
+        lock.report();
         return 1;
     }
     const Target target(path);
     const int hidden = target.look();
     if (hidden != 0 && hidden != ENOENT) {
         messlog2(0, 0, "file_str: Unable to stat file %s: %s\n", path, std::strerror(hidden));
-        keep_lock(lock);
+        lock.keep();
         return 1;
     }
     if (change(target, hidden == ENOENT) == 0)
-        return unlock(lock, path);
+        return lock.release() == 0 ? 0 : 1;
     const corvo::ErrnoGuard keepErrno;
-    (void)unlock(lock, path);
+    (void)lock.release();
     return 1;
 }
 
