@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "mail/delivery/text_file.h"
 #include "utils/accounts.h"
@@ -44,14 +45,12 @@ bool isNoUsableFile(int error) noexcept {
     return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EINVAL;
 }
 
-// Logs why the file was not opened.
-void logNotOpened() noexcept {
-    const corvo::ErrnoGuard keepErrno;
-    if (isNoUsableFile(errno))
+void logNotOpened(int error) noexcept {
+    if (isNoUsableFile(error))
         corvo_log(3, "Unable to get default delivery transport string from %s\n", DEFAULT_DELIVERY);
     else
         corvo_log(3, "Unable to open default delivery config file(%s): %s\n", DEFAULT_DELIVERY,
-                  std::strerror(errno));
+                  std::strerror(error));
 }
 
 // 0, or -1 with errno, for a line of `length` bytes that was read to `line`.
@@ -87,19 +86,12 @@ corvo::UniqueCString readLine(int file) noexcept {
 }  // namespace
 
 int get_default_delivery_string(char** line) noexcept {
-    const corvo::UniqueFd file = openWithContent();
-    if (!file) {
-        logNotOpened();
+    corvo::mail::DefaultDelivery found = corvo::mail::readDefaultDelivery();
+    if (!found.line) {
+        reportMissingLine(found);
         return -1;
     }
-    corvo::UniqueCString first = readLine(file.get());
-    if (!first) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to read line from file: %s: %s\n", DEFAULT_DELIVERY,
-                  std::strerror(errno));
-        return -1;
-    }
-    *line = first.release();
+    *line = found.line.release();
     return 0;
 }
 
@@ -110,3 +102,25 @@ int set_default_delivery_string(const char* line) noexcept {
         return -1;
     return write_text_file(DEFAULT_DELIVERY, line);
 }
+
+namespace corvo::mail {
+
+DefaultDelivery readDefaultDelivery() noexcept {
+    const UniqueFd file = openWithContent();
+    if (!file)
+        return {nullptr, false, errno};
+    UniqueCString line = readLine(file.get());
+    const int error = line ? 0 : errno;
+    return {std::move(line), true, error};
+}
+
+void reportMissingLine(const DefaultDelivery& missing) noexcept {
+    if (missing.isOpened)
+        corvo_log(3, "Unable to read line from file: %s: %s\n", DEFAULT_DELIVERY,
+                  std::strerror(missing.error));
+    else
+        logNotOpened(missing.error);
+    errno = missing.error;
+}
+
+}  // namespace corvo::mail

@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include "utils/guards.h"
+
 /// The line without its line end, newly allocated; free with free(). The file must be a regular
 /// one that is not empty (EINVAL), and no foreign hard link (EPERM, see utils/safe_path.h); the
 /// line must be text (EINVAL) of at most 64 KiB (EFBIG).
@@ -13,3 +15,20 @@ int get_default_delivery_string(char** line) noexcept;
 /// Makes `line` the whole content of the file, byte by byte, owned by popuser with mode 0600. A
 /// file that cannot be written is removed.
 int set_default_delivery_string(const char* line) noexcept;
+
+namespace corvo::mail {
+
+/// What reading the line came to.
+struct DefaultDelivery {
+    UniqueCString line;  // null when there is none to be had
+    bool isOpened;       // what failed is the reading
+    int error;           // an errno, unless there is a line
+};
+
+/// get_default_delivery_string that logs nothing.
+DefaultDelivery readDefaultDelivery() noexcept;
+
+/// Logs why there is no line. errno is the reason afterwards.
+void reportMissingLine(const DefaultDelivery& missing) noexcept;
+
+}  // namespace corvo::mail

@@ -4,10 +4,11 @@
 
 #include <cerrno>
 
-#include "utils/guards.h"
 #include "utils/log.h"
 
 namespace {
+
+using corvo::mail::AgentSearch;
 
 struct DeliveryAgent {
     int kind;
@@ -24,23 +25,16 @@ bool isExecutable(const struct stat& file) noexcept {
     return S_ISREG(file.st_mode) && (file.st_mode & 0111) != 0;
 }
 
-int detect() noexcept {
+AgentSearch search() noexcept {
     for (const DeliveryAgent& agent : DELIVERY_AGENTS) {
         struct stat file {};
         if (::stat(agent.path, &file) != 0)  // a root-owned path
             continue;
         if (isExecutable(file))
-            return agent.kind;
-        corvo_log(3,
-                  "Unable to detect IMAP/POP3 server type - LDA is present at '%s' but is not a "
-                  "regular file or is not executable",
-                  agent.path);
-        errno = EACCES;
-        return DELIVERY_AGENT_UNKNOWN;
+            return {agent.kind, nullptr, 0};
+        return {DELIVERY_AGENT_UNKNOWN, agent.path, EACCES};
     }
-    const corvo::ErrnoGuard keepErrno;
-    corvo_log(3, "Unable to detect IMAP/POP3 server type - no LDA found");
-    return DELIVERY_AGENT_UNKNOWN;
+    return {DELIVERY_AGENT_UNKNOWN, nullptr, errno};
 }
 
 }  // namespace
@@ -48,7 +42,31 @@ int detect() noexcept {
 int detectedImapPop3Server = DELIVERY_AGENT_UNKNOWN;
 
 int detectImapPop3Server() noexcept {
-    if (detectedImapPop3Server == DELIVERY_AGENT_UNKNOWN)
-        detectedImapPop3Server = detect();
-    return detectedImapPop3Server;
+    const AgentSearch found = corvo::mail::searchDeliveryAgent();
+    if (found.kind == DELIVERY_AGENT_UNKNOWN)
+        reportMissingAgent(found);
+    return found.kind;
 }
+
+namespace corvo::mail {
+
+AgentSearch searchDeliveryAgent() noexcept {
+    if (detectedImapPop3Server != DELIVERY_AGENT_UNKNOWN)
+        return {detectedImapPop3Server, nullptr, 0};
+    const AgentSearch found = search();
+    detectedImapPop3Server = found.kind;
+    return found;
+}
+
+void reportMissingAgent(const AgentSearch& search) noexcept {
+    if (search.unusable != nullptr)
+        corvo_log(3,
+                  "Unable to detect IMAP/POP3 server type - LDA is present at '%s' but is not a "
+                  "regular file or is not executable",
+                  search.unusable);
+    else
+        corvo_log(3, "Unable to detect IMAP/POP3 server type - no LDA found");
+    errno = search.error;
+}
+
+}  // namespace corvo::mail

@@ -14,3 +14,20 @@ extern int detectedImapPop3Server;
 /// in detectedImapPop3Server. A failure is logged at priority 3 and not kept; errno is then ENOENT
 /// (or why an agent could not be looked up), or EACCES for one that is no executable file.
 int detectImapPop3Server() noexcept;
+
+namespace corvo::mail {
+
+/// What a look for the delivery agent came to.
+struct AgentSearch {
+    int kind;              // as detectImapPop3Server tells
+    const char* unusable;  // an agent that is no executable file; null when there is none at all
+    int error;             // an errno, unless the kind is known
+};
+
+/// detectImapPop3Server that logs nothing.
+AgentSearch searchDeliveryAgent() noexcept;
+
+/// Logs why no agent was found. errno is the search's afterwards.
+void reportMissingAgent(const AgentSearch& search) noexcept;
+
+}  // namespace corvo::mail
