@@ -9,9 +9,9 @@ namespace corvo::mail::restore {
 
 /// Reports every domain with its catch-all setting, its aliases and its mail names. `connection` is
 /// busy with the domains while each of them opens one of its own. A stage's failure is reported and
-/// the next stage runs; a domain whose registration fails is left out. Throws what cannot be laid
-/// at one domain's door: a status that is no number (boost::bad_lexical_cast), a connection that
-/// cannot be opened (mError), std::bad_alloc.
+/// the next stage runs; a domain whose registration fails is left out. Throws what is not one
+/// domain's fault: a status that is no number (boost::bad_lexical_cast), a connection that cannot
+/// be opened (mError), std::bad_alloc.
 void processDomainCycle(MailsrvEntitiesCallbacks& callbacks, mysql::Connection& connection);
 
 }  // namespace corvo::mail::restore

@@ -30,9 +30,9 @@ lock_handle* mk_lock(const char* path, int by_name) noexcept;
 /// As mk_lock, but a busy lock gives fd 0 at once.
 lock_handle* mk_nonblock_lock(const char* path, int by_name) noexcept;
 
-/// An exclusive lock on the lock folder itself, for who wants to be the only one of his kind; it is
-/// held until the descriptor is closed. Waits for it without limit. None, silently, when the folder
-/// cannot be opened or locked.
+/// An exclusive lock on the lock folder itself, for a program that must run alone; it is held until
+/// the descriptor is closed. Waits for it without limit. None, silently, when the folder cannot be
+/// opened or locked.
 corvo::UniqueFd lock_folder() noexcept;
 
 bool is_locked(const lock_handle* lock) noexcept;
@@ -47,9 +47,9 @@ int rm_lock(lock_handle* lock) noexcept;
 /// Releases and frees without logging; keeps errno. Null is allowed.
 void free_lock(lock_handle* lock) noexcept;
 
-/// Leaves the lock held until the process ends, keeps another lock, or takes the same lock file
-/// again: one lock is kept at most, and the next mk_lock_ of its lock file frees it first, so that
-/// a process never waits for itself. Null is allowed and changes nothing.
+/// Keeps the lock until the process ends, another lock is kept, or this file is locked again: one
+/// lock is kept at most, and the next mk_lock_ of its lock file frees it first, so that a process
+/// never waits for itself. Null is allowed and changes nothing.
 void keep_lock(lock_handle* lock) noexcept;
 
 namespace corvo {

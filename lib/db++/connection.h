@@ -70,7 +70,8 @@ public:
     /// Runs the statement and returns its rows, stored on the client's side.
     Result operator<<(Query::fetch_t);
 
-    /// Prints escape_name's answers to four texts on standard error, for a look by eye.
+    /// Prints escape_name's answers to four texts on standard error, for inspection by a person;
+    /// part of the interface.
     static void test();
 
 private:
