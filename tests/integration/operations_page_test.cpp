@@ -22,6 +22,8 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
 // The first block of commands after these words of the page.
@@ -43,12 +45,20 @@ protected:
 
     // As an administrator would, with the panel's own credentials.
     ProcessResult runCommandsAfter(const std::string& words) const {
-        std::string password = contentsOf("/etc/vhc/.vhc.shadow");
-        password.pop_back();  // the line end
-        return run({"bash", "-c", commandsAfter(words)},
+        return runAsAdministrator(commandsAfter(words));
+    }
+
+    ProcessResult runAsAdministrator(const std::string& commands) const {
+        return run({"bash", "-c", commands},
                    {{"PANEL", "--no-defaults --user=" + panel.user() +
                                   " --socket=" + PanelDatabase::SOCKET_LINK + " " + panel.name()},
-                    {"MYSQL_PWD", password}});
+                    {"MYSQL_PWD", password()}});
+    }
+
+    static std::string password() {
+        std::string password = contentsOf("/etc/vhc/.vhc.shadow");
+        password.pop_back();  // the line end
+        return password;
     }
 
     // A full run that has nothing to complain of.
@@ -208,6 +218,120 @@ TEST_F(OperationsPage, NamesTheMailNamesThatARunSkips) {
 
     EXPECT_EQ(result.out, "lost\tweb-only.example\norphan\tNULL\n");
     EXPECT_EQ(result.err, "");
+}
+
+// --- how far a run is
+
+TEST_F(OperationsPage, CountsTheMailNamesThatHadTheirTurn) {
+    loadSample(panel);
+    const std::string log = "/run/rebuild.log";
+    const ProcessResult rebuilt = run({"bash", "-c", mailRebuildBinary() + " --all 2>" + log});
+    ASSERT_EQ(rebuilt.status, 0);
+
+    std::string commands = commandsAfter("Each mail name leaves one");
+    const std::string logOfThePage = "/root/rebuild.log";
+    commands.replace(commands.find(logOfThePage), logOfThePage.size(), log);
+
+    EXPECT_EQ(runAsAdministrator(commands).out, "7\n7\n");
+}
+
+// --- whose line it is
+
+TEST_F(OperationsPage, FindsTheMailboxesThatRefuseAllMail) {
+    auto domain = panel.domain("example.com");
+    domain.mailname("info").quota(1000);
+    domain.mailname("former").quota(0);
+    domain.mailname("office").quota(1000000);
+    restore();
+    writeFile(MAILNAMES + "/example.com/info/@attachments/catalogue.pdf", std::string(20000, 'x'));
+    EXPECT_THAT(run({mailRebuildBinary()}).err, HasSubstr("WARNING: @attachments"));
+
+    const ProcessResult result = runCommandsAfter("Without another run, this finds");
+
+    EXPECT_THAT(result.out, MatchesRegex("[0-9.]+K?\t" + MAILNAMES +
+                                         "/example.com/former/@attachments\n"
+                                         "2[0-9]K\t" +
+                                         MAILNAMES + "/example.com/info/@attachments\n"));
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(OperationsPage, ShowsTheLinesOfADebugRunAsTheyAre) {
+    panel.domain("example.com").mailname("info").quota(1048576);
+    restore();
+    const std::string attachment = MAILNAMES + "/example.com/info/@attachments/film";
+    writeFile(attachment, "");
+    std::filesystem::resize_file(attachment, 1048577);
+
+    const ProcessResult result = run({mailRebuildBinary()}, {{"CORVO_INSTALLER_DEBUG", "1"}});
+
+    EXPECT_THAT(result.err, HasSubstr(commandsAfter("all others above")));
+}
+
+// --- logging in to the panel database
+
+class LogIn : public OperationsPage {
+protected:
+    ProcessResult logIn() const {
+        return run({"bash", "-c", commandsAfter("**To log in as the run does**")});
+    }
+
+    std::string identity() const { return panel.user() + "@localhost\t" + panel.name() + "\n"; }
+
+    void setDsn(const std::string& lines) const {
+        writeFile("/etc/vhc/private/dsn.ini", "[other]\nusername = nobody\n[corvo]\n" + lines);
+    }
+};
+
+TEST_F(LogIn, ReadsTheFilesThatTheRunReads) {
+    const ProcessResult result = logIn();
+
+    EXPECT_EQ(result.out, identity());
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(LogIn, TakesThePasswordThatTheIniFileHas) {
+    setDsn("  username =" + panel.user() + " ; the first counts\nusername = nobody\ndbname=" +
+           panel.name() + "\r\npassword = " + password() + "\n");
+    writeFile("/etc/vhc/.vhc.shadow", "wrong\n");
+
+    const ProcessResult result = logIn();
+
+    EXPECT_EQ(result.out, identity());
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(LogIn, TakesTheDefaultsForWhatNoFileSays) {
+    std::filesystem::remove("/etc/vhc/private/dsn.ini");
+    std::filesystem::remove("/etc/vhc/vhc.conf");
+
+    const ProcessResult result =
+        run({"bash", "-c",
+             "mariadb() { echo \"$@\"; }\n" + commandsAfter("**To log in as the run does**")});
+
+    EXPECT_THAT(result.out, StartsWith("--no-defaults --user=admin"
+                                       " --socket=/var/lib/mysql/mysql.sock vhc -N -e"));
+}
+
+TEST_F(LogIn, TakesTheNetworkForAnotherHost) {
+    setDsn("host = 192.0.2.1\nport = 3307\n");
+
+    const ProcessResult result =
+        run({"bash", "-c",
+             "mariadb() { echo \"$@\"; }\n" + commandsAfter("**To log in as the run does**")});
+
+    EXPECT_THAT(result.out,
+                StartsWith("--no-defaults --user=admin --host=192.0.2.1 --port=3307 vhc -N -e"));
+}
+
+// --- the files
+
+TEST_F(OperationsPage, NamesTheLockFileOfADeliveryFile) {
+    panel.domain("example.com").mailname("info");
+    restore();
+
+    const std::string digest = runCommandsAfter("The name of a lock file").out.substr(0, 32);
+
+    EXPECT_THAT(namesIn("/run/lock/files"), ElementsAre(digest));
 }
 
 // --- a lost part, rebuilt by hand
