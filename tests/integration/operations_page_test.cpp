@@ -31,12 +31,12 @@ std::string commandsAfter(const std::string& words) {
     static const std::string fence = "```\n";
     const std::string page = contentsOf(CORVO_OPERATIONS_PAGE);
     const std::size_t at = page.find(words);
-    const std::size_t opening = page.find("\n" + fence, at);
-    const std::size_t closing = page.find("\n" + fence, opening + 1);
+    const std::size_t opening = page.find(fence, at);
+    const std::size_t closing = page.find(fence, opening + 1);
     if (at == std::string::npos || closing == std::string::npos)
         throw std::runtime_error("the page has no commands after \"" + words + "\"");
-    const std::size_t first = opening + 1 + fence.size();
-    return page.substr(first, closing + 1 - first);
+    const std::size_t first = opening + fence.size();
+    return page.substr(first, closing - first);
 }
 
 class OperationsPage : public SandboxTest {
@@ -70,6 +70,19 @@ protected:
 
     PanelDatabase panel;
 };
+
+// --- what the right database holds
+
+TEST_F(OperationsPage, ShowsSomeMailNamesAndHowManyThereAre) {
+    auto domain = panel.domain("example.com");
+    domain.mailname("info");
+    domain.mailname("office");
+
+    const ProcessResult result = runCommandsAfter("**The panel database must be the right one.**");
+
+    EXPECT_EQ(result.out, "info\texample.com\noffice\texample.com\n2\n");
+    EXPECT_EQ(result.err, "");
+}
 
 // --- the mailboxes that should deliver and do not
 
@@ -321,6 +334,35 @@ TEST_F(LogIn, TakesTheNetworkForAnotherHost) {
 
     EXPECT_THAT(result.out,
                 StartsWith("--no-defaults --user=admin --host=192.0.2.1 --port=3307 vhc -N -e"));
+}
+
+// --- a database that cannot be opened
+
+TEST_F(OperationsPage, RollsBackTheJournalThatAKilledRunHasLeft) {
+    panel.domain("example.com").mailname("info").quota(10485760);
+    restore();
+    const std::string journal = USERDB + "-journal";
+    (void)run({"sqlite3", "-cmd", "PRAGMA cache_size=1", USERDB,
+               "BEGIN; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000)"
+               " INSERT INTO mailbox_quota SELECT 'a', i, '0B' FROM n;",
+               ".system kill -9 $PPID"});
+    ASSERT_TRUE(std::filesystem::exists(journal));
+
+    const ProcessResult result = runCommandsAfter("2. **A killed run has left its journal**");
+
+    EXPECT_EQ(result.out + result.err, "");
+    EXPECT_FALSE(std::filesystem::exists(journal));
+    EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|10485760B"));
+}
+
+TEST_F(OperationsPage, PutsTheUserDatabaseBackOutOfWalMode) {
+    run({"sqlite3", USERDB, "PRAGMA journal_mode=WAL"});
+
+    EXPECT_EQ(runCommandsAfter("3. **Somebody has put the user database into WAL mode**").out,
+              "delete\n");
+
+    restore();
+    EXPECT_EQ(sqliteRows(USERDB, "PRAGMA journal_mode"), std::vector<std::string>{"delete"});
 }
 
 // --- the files
