@@ -277,7 +277,7 @@ TEST_F(OperationsPage, ShowsTheLinesOfADebugRunAsTheyAre) {
 
     const ProcessResult result = run({mailRebuildBinary()}, {{"CORVO_INSTALLER_DEBUG", "1"}});
 
-    EXPECT_THAT(result.err, HasSubstr(commandsAfter("all others above")));
+    EXPECT_THAT(result.err, HasSubstr(commandsAfter("### Whose line is it?")));
 }
 
 // --- logging in to the panel database
