@@ -342,9 +342,10 @@ TEST_F(OperationsPage, RollsBackTheJournalThatAKilledRunHasLeft) {
     panel.domain("example.com").mailname("info").quota(10485760);
     restore();
     const std::string journal = USERDB + "-journal";
-    (void)run({"sqlite3", "-cmd", "PRAGMA cache_size=1", USERDB,
-               "BEGIN; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000)"
-               " INSERT INTO mailbox_quota SELECT 'a', i, '0B' FROM n;",
+    const std::string moreThanTheCacheHolds =
+        "BEGIN; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000)"
+        " INSERT INTO mailbox_quota SELECT 'a', i, '0B' FROM n;";
+    (void)run({"sqlite3", "-cmd", "PRAGMA cache_size=1", USERDB, moreThanTheCacheHolds,
                ".system kill -9 $PPID"});
     ASSERT_TRUE(std::filesystem::exists(journal));
 
