@@ -16,6 +16,11 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(corvo_compile INTERFACE -Wno-restrict -Wno-maybe-uninitialized)
 endif()
 
+# CMake before 3.23 leaves out how many jobs the linker may run, and GCC warns that it will run one.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(TRANSFORM CMAKE_CXX_COMPILE_OPTIONS_IPO REPLACE "^-flto$" "-flto=auto")
+endif()
+
 # Hardening that costs nothing at this program's scale.
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)

@@ -127,7 +127,7 @@ TEST_F(SqliteNeighboursTest, UseSessionsInSeveralThreads) {
 
 // Where SQLite was not in use before.
 TEST_F(SqliteNeighboursTest, KeepTheirMutexesAndMemoryStatistics) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(
         {
             const SqliteSession session = open();
@@ -150,7 +150,7 @@ int countOpened(const char* path, int flags, int mode) {
 class SqliteNeighboursFirstTest : public SqliteTest {};
 
 TEST_F(SqliteNeighboursFirstTest, KeepSystemCallsOfTheirOwn) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ::testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(
         {
             sqlite3_vfs* const vfs = sqlite3_vfs_find(nullptr);
