@@ -156,9 +156,10 @@ UniqueFd openExistingPart(int base, const char* path, std::size_t& length) noexc
     return directory;
 }
 
-/// Makes the directory `name` unless it exists, and opens it.
-UniqueFd enterDirectory(int parent, const char* name, mode_t mode) noexcept {
-    if (::mkdirat(parent, name, mode) != 0 && errno != EEXIST)
+/// Makes the directory `name` unless it exists, which `made` tells, and opens it.
+UniqueFd enterDirectory(int parent, const char* name, mode_t mode, bool& made) noexcept {
+    made = ::mkdirat(parent, name, mode) == 0;
+    if (!made && errno != EEXIST)
         return UniqueFd();
     return openDirectory(parent, name);
 }
@@ -340,22 +341,25 @@ int makeDirectory(int base, const char* path, mode_t mode) noexcept {
     return errno == EEXIST ? 1 : -1;
 }
 
-UniqueFd makeDirectories(int base, const char* path, mode_t mode) noexcept {
+UniqueFd makeDirectories(int base, const char* path, mode_t mode, bool* made) noexcept {
     std::size_t done = std::strlen(path);
     if (done == 0 || done >= PATH_MAX) {
         errno = done == 0 ? ENOENT : ENAMETOOLONG;
         return UniqueFd();
     }
+    bool lastMade = false;
     UniqueFd directory = openExistingPart(base, path, done);
     while (directory && path[done] != '\0') {
         char name[PATH_MAX];
         const std::size_t length = std::strcspn(path + done, "/");
         std::memcpy(name, path + done, length);
         name[length] = '\0';
-        directory = enterDirectory(directory.get(), name, mode);
+        directory = enterDirectory(directory.get(), name, mode, lastMade);
         done += length;
         done += std::strspn(path + done, "/");
     }
+    if (made != nullptr)
+        *made = lastMade;
     return directory;
 }
 

@@ -114,8 +114,10 @@ enum class PermissionStep { open, chown, chmod };
 [[nodiscard]] int makeDirectory(int base, const char* path, mode_t mode) noexcept;
 
 /// Makes a directory and its missing parents, and opens it as openDirectory does. An existing
-/// directory is opened. What a dangling link points at is not made: ENOENT.
-[[nodiscard]] UniqueFd makeDirectories(int base, const char* path, mode_t mode) noexcept;
+/// directory is opened. What a dangling link points at is not made: ENOENT. `made` (may be null)
+/// receives whether the last directory was missing and made here.
+[[nodiscard]] UniqueFd makeDirectories(int base, const char* path, mode_t mode,
+                                       bool* made = nullptr) noexcept;
 
 /// Renames within walked parents; links as last components are renamed, not followed.
 [[nodiscard]] int renameEntry(int base, const char* from, const char* to) noexcept;

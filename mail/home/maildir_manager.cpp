@@ -13,6 +13,7 @@
 #include "mail/home/fs_error.h"
 #include "mail/home/mail_paths.h"
 #include "mail/home/mailname.h"
+#include "mail/home/skeleton.h"
 #include "utils/accounts.h"
 #include "utils/safe_path.h"
 #include "utils/strings.h"
@@ -21,45 +22,12 @@ namespace corvo::mail {
 
 namespace fs = std::filesystem;
 
-struct SkeletonEntry {
-    std::string_view path;  // below the home
-    const char* name;
-    std::size_t depth;  // how many directories of the skeleton it lies in
-};
-
 namespace {
-
-constexpr mode_t DOMAIN_ROOT_MODE = 0750;
-constexpr mode_t HOME_MODE = 0700;
 
 // While directories are made, nobody else gets into them. An umask alone would not see to that:
 // where the parent has a default ACL, it does not count.
 constexpr mode_t CREATION_MODE = 0700;
 constexpr mode_t CREATION_UMASK = 077;
-
-// What a home holds, in the order of creation: a directory comes before what is in it.
-constexpr std::array<std::string_view, 21> SKELETON_PATHS = {
-    "Maildir",         "Maildir/tmp",         "Maildir/new",         "Maildir/cur",
-    "Maildir/.Spam",   "Maildir/.Spam/tmp",   "Maildir/.Spam/new",   "Maildir/.Spam/cur",
-    "Maildir/.Sent",   "Maildir/.Sent/tmp",   "Maildir/.Sent/new",   "Maildir/.Sent/cur",
-    "Maildir/.Drafts", "Maildir/.Drafts/tmp", "Maildir/.Drafts/new", "Maildir/.Drafts/cur",
-    "Maildir/.Trash",  "Maildir/.Trash/tmp",  "Maildir/.Trash/new",  "Maildir/.Trash/cur",
-    "@attachments",
-};
-
-constexpr SkeletonEntry entryOf(std::string_view path) {
-    return {.path = path,
-            .name = path.substr(path.rfind('/') + 1).data(),  // the end of a literal
-            .depth = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'))};
-}
-
-constexpr auto SKELETON = [] {
-    std::array<SkeletonEntry, SKELETON_PATHS.size()> entries{};
-    std::transform(SKELETON_PATHS.begin(), SKELETON_PATHS.end(), entries.begin(), entryOf);
-    return entries;
-}();
-
-constexpr std::size_t SKELETON_LEVELS = 3;
 
 std::error_code codeOf(int error) {
     return {error, std::generic_category()};
@@ -73,12 +41,13 @@ void require(bool soundNames, const char* failure, const fs::path& path) {
 
 // Makes a directory and opens it; an existing one is opened. What else is there is in the way:
 // EEXIST, but ELOOP for a link that is not followed.
-UniqueFd makeOrOpen(int parent, const char* name) {
+UniqueFd makeOrOpen(int parent, const char* name, bool& isNew) {
     const int made = safe_path::makeDirectory(parent, name, CREATION_MODE);
+    isNew = made == 0;
     if (made < 0)
         return UniqueFd();
     UniqueFd directory = safe_path::openDirectory(parent, name);
-    if (!directory && made == 1 && (errno == ENOTDIR || errno == ENOENT))
+    if (!directory && !isNew && (errno == ENOTDIR || errno == ENOENT))
         errno = EEXIST;
     return directory;
 }
@@ -156,11 +125,19 @@ fs::path MaildirManager::getMailnameHome(const std::string& domain,
     return homeOf(domain, mailname);
 }
 
+Ownership MaildirManager::domainRootOwnership() const noexcept {
+    return {ownerUid_, ownerGid_, DOMAIN_ROOT_MODE};
+}
+
+Ownership MaildirManager::homeOwnership() const noexcept {
+    return {ownerUid_, ownerGid_, HOME_MODE};
+}
+
 void MaildirManager::createDomainRoot(const std::string& domain) {
     const fs::path root = getDomainRoot(domain);
     require(isPathComponent(domain), "cannot create directories", root);
     const UmaskGuard ownerOnly(CREATION_UMASK);
-    makeTop(root, DOMAIN_ROOT_MODE);
+    makeTop(root, domainRootOwnership());
 }
 
 void MaildirManager::createMailnameHome(const std::string& domain, const std::string& mailname) {
@@ -171,42 +148,61 @@ void MaildirManager::createMailnameHome(const Mailname& mailname) {
     const fs::path& home = mailname.home();
     require(mailname.isSound(), "cannot create directories", home);
     const UmaskGuard ownerOnly(CREATION_UMASK);
-    // The home, then the directory made last at each level below it: the next one's parent.
-    std::array<UniqueFd, SKELETON_LEVELS + 1> opened;
-    opened[0] = makeTop(home, HOME_MODE);
-    for (const SkeletonEntry& entry : SKELETON)
-        opened.at(entry.depth + 1) = makeEntry(opened.at(entry.depth).get(), home, entry);
+    // The home, then the directory seen to last at each level below it: the next one's parent.
+    std::array<Level, SKELETON_LEVELS + 1> levels;
+    levels[0] = makeTop(home, homeOwnership());
+    const int top = levels[0].directory.get();
+    for (const SkeletonEntry& entry : SKELETON) {
+        Level& parent = levels.at(entry.depth);
+        levels.at(entry.depth + 1) = !parent.isNew && isRight(top, entry)
+                                         ? Level{.path = entry.path}
+                                         : makeEntry(top, parent, home, entry);
+    }
 }
 
 // Makes a domain root or a home with its missing parents and opens it.
-UniqueFd MaildirManager::makeTop(const fs::path& path, mode_t mode) const {
-    UniqueFd directory = safe_path::makeDirectories(AT_FDCWD, path.c_str(), CREATION_MODE);
-    if (!directory) {
+MaildirManager::Level MaildirManager::makeTop(const fs::path& path, const Ownership& wanted) const {
+    Level top;
+    top.directory = safe_path::makeDirectories(AT_FDCWD, path.c_str(), CREATION_MODE, &top.isNew);
+    if (!top.directory) {
         const int error = errno;
         throw fs::filesystem_error("cannot create directories", path, codeOf(error));
     }
-    takeOver(directory.get(), mode, path);
-    return directory;
+    if (top.isNew || directoryDifferences(top.directory.get(), "", wanted).any())
+        takeOver(top.directory.get(), wanted, path);
+    return top;
 }
 
-// Makes an entry of the skeleton in its open parent and opens it.
-UniqueFd MaildirManager::makeEntry(int parent, const fs::path& home,
-                                   const SkeletonEntry& entry) const {
-    UniqueFd directory = makeOrOpen(parent, entry.name);
-    if (!directory) {
+// One call by the path below the home: what the entry lies in was a directory when it was looked at
+// or opened just before. A link that popuser puts there since can only make us leave something
+// alone: whatever is changed is opened first.
+bool MaildirManager::isRight(int home, const SkeletonEntry& entry) const {
+    return !directoryDifferences(home, entry.path, homeOwnership()).any();
+}
+
+// Makes an entry of the skeleton, or takes over what is there, and keeps it open. Its parent is
+// opened now where it was right itself.
+MaildirManager::Level MaildirManager::makeEntry(int home, Level& parent, const fs::path& homePath,
+                                                const SkeletonEntry& entry) const {
+    if (!parent.directory)
+        parent.directory = safe_path::openDirectory(home, parent.path);
+    Level level{.path = entry.path};
+    if (parent.directory)
+        level.directory = makeOrOpen(parent.directory.get(), entry.name, level.isNew);
+    if (!level.directory) {
         const int error = errno;
-        throw fs::filesystem_error("cannot create directory", home / entry.path, codeOf(error));
+        throw fs::filesystem_error("cannot create directory", homePath / entry.path, codeOf(error));
     }
-    takeOver(directory.get(), HOME_MODE, home, entry.path);
-    return directory;
+    takeOver(level.directory.get(), homeOwnership(), homePath, entry.path);
+    return level;
 }
 
 // `top` and the entry below it, if any, are put together for a message only: there are many
 // entries.
-void MaildirManager::takeOver(int directory, mode_t mode, const fs::path& top,
+void MaildirManager::takeOver(int directory, const Ownership& wanted, const fs::path& top,
                               std::string_view entry) const {
     safe_path::PermissionStep failed{};
-    if (safe_path::setOwnerAndMode(directory, ownerUid_, ownerGid_, mode, &failed) != 0) {
+    if (safe_path::setOwnerAndMode(directory, wanted.uid, wanted.gid, wanted.mode, &failed) != 0) {
         const int error = errno;
         throw FSError(failed == safe_path::PermissionStep::chmod ? "chmod" : "chown",
                       entry.empty() ? top : top / entry, error);

@@ -17,12 +17,13 @@
 #include <string>
 #include <string_view>
 
+#include "mail/home/differences.h"
 #include "utils/guards.h"
 
 namespace corvo::mail {
 
 class Mailname;
-struct SkeletonEntry;  // a directory of every home
+struct SkeletonEntry;
 
 class MaildirManager {
 public:
@@ -42,9 +43,14 @@ public:
     std::filesystem::path getMailnameHome(const std::string& domain,
                                           const std::string& mailname) const;
 
-    /// Make what is missing, parents included, and set owner and mode of all that belongs to the
-    /// root or home, new or old; nothing is ever emptied. Parents that had to be made have mode
-    /// 0700. Throw FSError for an owner ("chown") or a mode ("chmod") that cannot be set.
+    /// Who domain roots belong to, and homes with all that is in them.
+    Ownership domainRootOwnership() const noexcept;
+    Ownership homeOwnership() const noexcept;
+
+    /// Make what is missing, parents included, and set owner and mode of what belongs to the root
+    /// or home, new or old, and is not as it should be; nothing is ever emptied. Parents that had
+    /// to be made have mode 0700. Throw FSError for an owner ("chown") or a mode ("chmod") that
+    /// cannot be set.
     void createDomainRoot(const std::string& domain);
     void createMailnameHome(const std::string& domain, const std::string& mailname);
     void createMailnameHome(const Mailname& mailname);
@@ -70,10 +76,18 @@ protected:
     ~MaildirManager() = default;
 
 private:
-    UniqueFd makeTop(const std::filesystem::path& path, mode_t mode) const;
-    UniqueFd makeEntry(int parent, const std::filesystem::path& home,
-                       const SkeletonEntry& entry) const;
-    void takeOver(int directory, mode_t mode, const std::filesystem::path& top,
+    // A directory on the way to the next entry.
+    struct Level {
+        UniqueFd directory{};  // none for an entry that was right
+        bool isNew = false;
+        const char* path = nullptr;  // of an entry: below the home
+    };
+
+    Level makeTop(const std::filesystem::path& path, const Ownership& wanted) const;
+    bool isRight(int home, const SkeletonEntry& entry) const;
+    Level makeEntry(int home, Level& parent, const std::filesystem::path& homePath,
+                    const SkeletonEntry& entry) const;
+    void takeOver(int directory, const Ownership& wanted, const std::filesystem::path& top,
                   std::string_view entry = {}) const;
 
     uid_t ownerUid_ = 0;

@@ -34,10 +34,18 @@ struct Reason {
 
 inline const std::vector<Reason> REASONS = {
     {{"open", "close"},
-     Tree::either,
+     Tree::fresh,
      {.domains = 1, .names = 21},
      "Directories get owner and mode once they are open: by its name, root could give away what "
      "popuser has put in its place."},
+    {{"open", "close"},
+     Tree::existing,
+     {.domains = 1},
+     "An old domain root is opened to be looked at: on the way to it, links of root are followed."},
+    {{"stat"},
+     Tree::existing,
+     {.domains = 1, .names = 22},
+     "Old directories are looked at: those that are right are left alone."},
     {{"open", "close", "stat"},
      Tree::either,
      {.names = 1, .deliveries = 1, .forwards = 1},

@@ -1,0 +1,33 @@
+#include "mail/home/differences.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+namespace corvo::mail {
+
+namespace {
+
+constexpr mode_t ALL_MODE_BITS = 07777;
+
+Differences differencesOfUnseen(int error) noexcept {
+    const bool missing = error == ENOENT || error == ENOTDIR;
+    return {.missing = missing, .unknown = !missing};
+}
+
+}  // namespace
+
+Differences ownershipDifferences(const struct stat& seen, const Ownership& wanted) noexcept {
+    return {.owner = seen.st_uid != wanted.uid,
+            .group = seen.st_gid != wanted.gid,
+            .mode = (seen.st_mode & ALL_MODE_BITS) != wanted.mode};
+}
+
+Differences directoryDifferences(int base, const char* path, const Ownership& wanted) noexcept {
+    struct stat seen = {};
+    if (::fstatat(base, path, &seen, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
+        return differencesOfUnseen(errno);
+    return S_ISDIR(seen.st_mode) ? ownershipDifferences(seen, wanted) : Differences{.kind = true};
+}
+
+}  // namespace corvo::mail
