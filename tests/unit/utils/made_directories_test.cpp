@@ -21,8 +21,7 @@ protected:
     MadeDirectories() { makeDirectory(PARENT); }
 
     static bool isMade(const std::string& path) {
-        bool made = !exists(path);  // whatever the answer is, it must be given
-        made = !made;
+        bool made = exists(path);  // the wrong answer
         const UniqueFd directory =
             corvo::safe_path::makeDirectories(AT_FDCWD, path.c_str(), 0700, &made);
         EXPECT_TRUE(directory) << path;
