@@ -10,13 +10,13 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <limits>
 #include <string_view>
 
 #include "mail/home/mail_paths.h"
 #include "mail/quota/maildir_scan.h"
 #include "mail/quota/maildirsize.h"
+#include "mail/quota/maildirsize_file.h"
 #include "utils/accounts.h"
 #include "utils/directories.h"
 #include "utils/files.h"
@@ -36,21 +36,14 @@ using corvo::UniqueFd;
 using corvo::WorkingDirectoryGuard;
 using corvo::mail::countMaildir;
 using corvo::mail::isPathComponent;
+using corvo::mail::MAILDIRSIZE;
+using corvo::mail::MaildirsizeLimits;
 using corvo::mail::MaildirUsage;
+using corvo::mail::writeMaildirsize;
 namespace safe_path = corvo::safe_path;
 
-constexpr const char* MAILDIRSIZE = "maildirsize";
 constexpr std::size_t MAILDIRSIZE_READ_MAX = 5120;
 constexpr long long LARGEST = std::numeric_limits<long long>::max();
-
-constexpr int CREATE_ATTEMPTS = 5;
-constexpr unsigned ATTEMPT_PAUSE_SECONDS = 2;
-
-/// Delivery agents believe a `maildirsize` for 15 minutes; one dated this far back is counted anew.
-constexpr std::time_t OUTDATED_SECONDS = 960;
-
-using HostName = char[65];
-using TemporaryName = char[192];
 
 /// Writes the path of a mail name's home; false when it is too long, which is logged.
 bool format_home(char (&home)[PATH_MAX], const char* domain, const char* mailname) noexcept {
@@ -73,96 +66,10 @@ int change_to_home(const char* home, bool soundNames) noexcept {
     return -1;
 }
 
-int get_host_name(HostName& host) noexcept {
-    if (gethostname(host, sizeof host) != 0)
-        return -1;
-    host[sizeof host - 1] = '\0';
-    std::replace(host, host + std::strlen(host), '/', '_');
-    return 0;
-}
-
-/// Creates a file in "tmp" under a name that nobody used before: O_EXCL opens no file that was
-/// there.
-UniqueFd create_temporary(const HostName& host, TemporaryName& name) noexcept {
-    for (int attempt = 0; attempt < CREATE_ATTEMPTS; ++attempt) {
-        (void)std::snprintf(name, sizeof name, "tmp/%lu.%u.%s-maildirsize",
-                            static_cast<unsigned long>(std::time(nullptr)),
-                            static_cast<unsigned>(getpid()), host);
-        UniqueFd file = safe_path::openFile(AT_FDCWD, name, O_WRONLY | O_CREAT | O_EXCL, 0644);
-        if (file)
-            return file;
-        sleep(ATTEMPT_PAUSE_SECONDS);
-    }
-    errno = EAGAIN;
-    messlog2(0, 0, "Maximal allowed number of attempts to create a maildirsize file exceeded");
-    return UniqueFd();
-}
-
-/// Writes the content and closes the file; what fails is logged.
-int commit(UniqueFd& file, const char* content, std::size_t length) noexcept {
-    if (write_fully(file.get(), {content, length}) != 0) {
-        messlog2(0, 0, "unable to write data to file");
-        return -1;
-    }
-    if (fsync(file.get()) != 0 || file.close() != 0) {
-        messlog2(0, 0, "unable to commit written data to file");
-        return -1;
-    }
-    return 0;
-}
-
-struct Limits {
-    long long bytes;
-    long long messages;
-};
-
-/// Counts the current Maildir into a new file; `newest` is the time of what was counted.
-int write_counted(UniqueFd& file, uid_t uid, gid_t gid, const Limits& limits,
-                  timespec* newest) noexcept {
-    MaildirUsage usage{};
-    if (fchown(file.get(), uid, gid) != 0 || !countMaildir(usage))
-        return -1;
-    *newest = usage.newest;
-    char content[MAILDIRSIZE_CONTENT_MAX];
-    const std::size_t length =
-        format_maildirsize(content, limits.bytes, limits.messages, usage.bytes, usage.messages);
-    return commit(file, content, length);
-}
-
-/// Dates the file back when messages came or went since the count, or when that cannot be told.
-void mark_if_outdated(const timespec& counted) noexcept {
-    timespec newest{};
-    if (corvo::mail::raiseToMaildir(newest) && !corvo::mail::isLater(newest, counted))
-        return;
-    const UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_WRONLY);
-    const timespec times[] = {{0, UTIME_NOW}, {counted.tv_sec - OUTDATED_SECONDS, 0}};
-    if (file)
-        (void)futimens(file.get(), times);
-}
-
 /// Writes `maildirsize` of a Maildir, into which the process changes.
-int write_within(const char* maildir, uid_t uid, gid_t gid, const Limits& limits) noexcept {
-    if (safe_path::changeDirectory(maildir) != 0)
-        return 0;
-    HostName host;
-    if (get_host_name(host) != 0) {
-        messlog2(0, 0, "Unable to receive hostname");
-        return 0;
-    }
-    TemporaryName name;
-    UniqueFd file = create_temporary(host, name);
-    if (!file)
-        return 0;
-    timespec counted{};
-    if (write_counted(file, uid, gid, limits, &counted) != 0 ||
-        safe_path::renameEntry(AT_FDCWD, name, MAILDIRSIZE) != 0) {
-        const ErrnoGuard keepErrno;
-        file.reset();
-        (void)safe_path::unlinkEntry(AT_FDCWD, name);
-        return 0;
-    }
-    mark_if_outdated(counted);
-    return 1;
+int write_within(const char* maildir, uid_t uid, gid_t gid,
+                 const MaildirsizeLimits& limits) noexcept {
+    return safe_path::changeDirectory(maildir) == 0 ? writeMaildirsize(uid, gid, limits) : 0;
 }
 
 /// Writes `maildirsize` for popuser, with a quota for the bytes. Changes into the Maildir.
@@ -297,7 +204,7 @@ int get_maildirpp_usage(const char* maildir, long long* bytes, long long* messag
 int check_maildirpp_overquota(const char* maildir, long long bytes, long long messages) noexcept {
     long long usedBytes = 0;
     long long usedMessages = 0;
-    Limits limits{};
+    MaildirsizeLimits limits{};
     if (!get_maildirpp_usage_and_limits(maildir, 0, &usedBytes, &usedMessages, &limits.bytes,
                                         &limits.messages))
         return 0;
