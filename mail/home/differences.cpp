@@ -15,12 +15,20 @@ Differences differencesOfUnseen(int error) noexcept {
     return {.missing = missing, .unknown = !missing};
 }
 
-}  // namespace
-
 Differences ownershipDifferences(const struct stat& seen, const Ownership& wanted) noexcept {
     return {.owner = seen.st_uid != wanted.uid,
             .group = seen.st_gid != wanted.gid,
             .mode = (seen.st_mode & ALL_MODE_BITS) != wanted.mode};
+}
+
+}  // namespace
+
+Differences fileDifferences(const struct stat& seen, const Ownership& wanted) noexcept {
+    if (!S_ISREG(seen.st_mode))
+        return {.kind = true};
+    Differences differences = ownershipDifferences(seen, wanted);
+    differences.names = seen.st_nlink != 1;
+    return differences;
 }
 
 Differences directoryDifferences(int base, const char* path, const Ownership& wanted) noexcept {

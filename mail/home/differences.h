@@ -26,16 +26,17 @@ struct Differences {
     bool owner = false;
     bool group = false;
     bool mode = false;
-    bool names = false;     // a file has other names beside this one
+    bool names = false;     // a file has further names
     bool contents = false;  // of a file
 
     bool any() const noexcept { return *this != Differences{}; }
     friend bool operator==(const Differences&, const Differences&) = default;
 };
 
-/// By what fstat said.
-[[nodiscard]] Differences ownershipDifferences(const struct stat& seen,
-                                               const Ownership& wanted) noexcept;
+/// Of something that should be a regular file with one name, by what fstat said of it; its contents
+/// are not looked at.
+[[nodiscard]] Differences fileDifferences(const struct stat& seen,
+                                          const Ownership& wanted) noexcept;
 
 /// Looks at the directory `path` below the open directory `base`, or at `base` itself for "". One
 /// system call, which follows links on the way to the last component, but no link there.

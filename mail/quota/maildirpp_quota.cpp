@@ -36,6 +36,7 @@ using corvo::UniqueFd;
 using corvo::WorkingDirectoryGuard;
 using corvo::mail::countMaildir;
 using corvo::mail::isPathComponent;
+using corvo::mail::limitsOfQuota;
 using corvo::mail::MAILDIRSIZE;
 using corvo::mail::MaildirsizeLimits;
 using corvo::mail::MaildirUsage;
@@ -74,11 +75,9 @@ int write_within(const char* maildir, uid_t uid, gid_t gid,
 
 /// Writes `maildirsize` for popuser, with a quota for the bytes. Changes into the Maildir.
 int write_for_popuser(const char* maildir, long long quota) noexcept {
-    // A byte limit of 0 means none, so that a quota of 0 needs the next best.
-    const long long byteLimit = quota < 0 ? 0 : std::max(quota, 1LL);
     const uid_t uid = corvo_ugid(POPUSER, 0);
     const gid_t gid = corvo_ugid(POPUSER, 1);
-    return write_within(maildir, uid, gid, {byteLimit, 0});
+    return write_within(maildir, uid, gid, limitsOfQuota(quota));
 }
 
 /// Takes the size of the attachments, which lie outside the Maildir, off the quota: 0, or -1 when

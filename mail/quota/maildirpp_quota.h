@@ -19,7 +19,8 @@ int store_mbox_quota(const char* domain, const char* mailname, long long quota) 
 int store_maildirpp_quota_raw(const char* maildir, long long quota) noexcept;
 
 /// Counts a Maildir and replaces its `maildirsize`; limits of 0 are none. Atomic: the file is the
-/// old or the complete new one. When mail arrived meanwhile, the file is dated back, so that
+/// old or the complete new one. One that is right already gets new times and nothing else; that
+/// they cannot be set is no failure. When mail arrived meanwhile, the file is dated back, so that
 /// delivery agents count anew soon. Waits 2 s after each of five attempts at a temporary file.
 /// Silent when the Maildir cannot be entered, or its messages counted, or the file given away or
 /// renamed.

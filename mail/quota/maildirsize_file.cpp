@@ -10,6 +10,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <optional>
+#include <string_view>
+#include <utility>
 
 #include "mail/quota/maildir_scan.h"
 #include "mail/quota/maildirsize.h"
@@ -22,6 +25,7 @@ namespace corvo::mail {
 
 namespace {
 
+constexpr mode_t CREATION_MODE = 0644;
 constexpr int CREATE_ATTEMPTS = 5;
 constexpr unsigned ATTEMPT_PAUSE_SECONDS = 2;
 
@@ -46,7 +50,8 @@ UniqueFd create_temporary(const HostName& host, TemporaryName& name) noexcept {
         (void)std::snprintf(name, sizeof name, "tmp/%lu.%u.%s-maildirsize",
                             static_cast<unsigned long>(std::time(nullptr)),
                             static_cast<unsigned>(getpid()), host);
-        UniqueFd file = safe_path::openFile(AT_FDCWD, name, O_WRONLY | O_CREAT | O_EXCL, 0644);
+        UniqueFd file =
+            safe_path::openFile(AT_FDCWD, name, O_WRONLY | O_CREAT | O_EXCL, CREATION_MODE);
         if (file)
             return file;
         sleep(ATTEMPT_PAUSE_SECONDS);
@@ -56,9 +61,9 @@ UniqueFd create_temporary(const HostName& host, TemporaryName& name) noexcept {
     return UniqueFd();
 }
 
-/// Writes the content and closes the file; what fails is logged.
-int commit(UniqueFd& file, const char* content, std::size_t length) noexcept {
-    if (write_fully(file.get(), {content, length}) != 0) {
+/// Writes the text and closes the file; what fails is logged.
+int commit(UniqueFd& file, std::string_view text) noexcept {
+    if (write_fully(file.get(), text) != 0) {
         messlog2(0, 0, "unable to write data to file");
         return -1;
     }
@@ -69,33 +74,57 @@ int commit(UniqueFd& file, const char* content, std::size_t length) noexcept {
     return 0;
 }
 
-/// Counts the current Maildir into a new file; `newest` is the time of what was counted.
-int write_counted(UniqueFd& file, uid_t uid, gid_t gid, const MaildirsizeLimits& limits,
-                  timespec* newest) noexcept {
+/// What was counted in the current Maildir, or why it could not be.
+struct Count {
     MaildirUsage usage{};
-    if (fchown(file.get(), uid, gid) != 0 || !countMaildir(usage))
-        return -1;
-    *newest = usage.newest;
-    char content[MAILDIRSIZE_CONTENT_MAX];
-    const std::size_t length =
-        format_maildirsize(content, limits.bytes, limits.messages, usage.bytes, usage.messages);
-    return commit(file, content, length);
+    bool isComplete = false;
+    int error = 0;
+};
+
+Count take_count() noexcept {
+    Count count;
+    count.isComplete = countMaildir(count.usage) != 0;
+    count.error = errno;
+    return count;
 }
 
-/// Dates the file back when messages came or went since the count, or when that cannot be told.
-void mark_if_outdated(const timespec& counted) noexcept {
+/// Writes a new file for the current Maildir, which is counted unless it has been.
+int write_counted(UniqueFd& file, uid_t uid, gid_t gid, const MaildirsizeLimits& limits,
+                  std::optional<Count>& count) noexcept {
+    if (fchown(file.get(), uid, gid) != 0)
+        return -1;
+    if (!count)
+        count = take_count();
+    if (!count->isComplete) {
+        errno = count->error;
+        return -1;
+    }
+    return commit(file, MaildirsizeText(limits, count->usage));
+}
+
+/// Have messages come or gone since the count? True, too, when that cannot be told.
+bool is_outdated(const timespec& counted) noexcept {
     timespec newest{};
-    if (raiseToMaildir(newest) && !isLater(newest, counted))
+    return !raiseToMaildir(newest) || isLater(newest, counted);
+}
+
+/// Dates the file back, so that it is counted anew soon.
+void date_back(int file, const timespec& counted) noexcept {
+    const timespec times[] = {{0, UTIME_NOW}, {counted.tv_sec - OUTDATED_SECONDS, 0}};
+    (void)futimens(file, times);
+}
+
+void mark_if_outdated(const timespec& counted) noexcept {
+    if (!is_outdated(counted))
         return;
     const UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_WRONLY);
-    const timespec times[] = {{0, UTIME_NOW}, {counted.tv_sec - OUTDATED_SECONDS, 0}};
     if (file)
-        (void)futimens(file.get(), times);
+        date_back(file.get(), counted);
 }
 
-}  // namespace
-
-int writeMaildirsize(uid_t uid, gid_t gid, const MaildirsizeLimits& limits) noexcept {
+/// Puts a new file in place of whatever is there.
+int replace(uid_t uid, gid_t gid, const MaildirsizeLimits& limits,
+            std::optional<Count>& count) noexcept {
     HostName host;
     if (get_host_name(host) != 0) {
         messlog2(0, 0, "Unable to receive hostname");
@@ -105,16 +134,90 @@ int writeMaildirsize(uid_t uid, gid_t gid, const MaildirsizeLimits& limits) noex
     UniqueFd file = create_temporary(host, name);
     if (!file)
         return 0;
-    timespec counted{};
-    if (write_counted(file, uid, gid, limits, &counted) != 0 ||
+    if (write_counted(file, uid, gid, limits, count) != 0 ||
         safe_path::renameEntry(AT_FDCWD, name, MAILDIRSIZE) != 0) {
         const ErrnoGuard keepErrno;
         file.reset();
         (void)safe_path::unlinkEntry(AT_FDCWD, name);
         return 0;
     }
-    mark_if_outdated(counted);
+    mark_if_outdated(count->usage.newest);
     return 1;
+}
+
+/// Gives a file that is right the times that a new one would have. A failure is none: it is right.
+void refresh(int file, const timespec& counted) noexcept {
+    if (is_outdated(counted))
+        date_back(file, counted);
+    else
+        (void)futimens(file, nullptr);
+}
+
+Differences differences_of_unopened(int error) noexcept {
+    if (error == ENOENT)
+        return {.missing = true};
+    const bool isNoFile = error == EINVAL || error == ELOOP;
+    return {.kind = isNoFile, .unknown = !isNoFile};
+}
+
+bool holds(int file, std::string_view text) noexcept {
+    char found[MAILDIRSIZE_CONTENT_MAX + 1];  // what has more than the text is read far enough
+    const ssize_t length = retryOnEintr([&] { return ::pread(file, found, sizeof found, 0); });
+    return length >= 0 && std::string_view(found, static_cast<std::size_t>(length)) == text;
+}
+
+/// Leaves a file that is right as it is, but for its times. The Maildir is counted only for one
+/// that might be, and `count` then set in any case.
+bool leave_alone(uid_t uid, gid_t gid, const MaildirsizeLimits& limits,
+                 std::optional<Count>& count) noexcept {
+    struct stat seen = {};
+    if (::fstatat(AT_FDCWD, MAILDIRSIZE, &seen, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    const Ownership wanted = maildirsizeOwnership(uid, gid);
+    if (fileDifferences(seen, wanted).any())
+        return false;
+    count = take_count();
+    if (!count->isComplete)
+        return false;
+    const SeenMaildirsize found = lookAtMaildirsize(wanted, MaildirsizeText(limits, count->usage));
+    if (found.differences.any())
+        return false;
+    refresh(found.file.get(), count->usage.newest);
+    return true;
+}
+
+}  // namespace
+
+MaildirsizeLimits limitsOfQuota(long long quota) noexcept {
+    // A byte limit of 0 means none, so that a quota of 0 needs the next best.
+    return {.bytes = quota < 0 ? 0 : std::max(quota, 1LL), .messages = 0};
+}
+
+MaildirsizeText::MaildirsizeText(const MaildirsizeLimits& limits,
+                                 const MaildirUsage& usage) noexcept
+    : length_(format_maildirsize(content_, limits.bytes, limits.messages, usage.bytes,
+                                 usage.messages)) {}
+
+Ownership maildirsizeOwnership(uid_t uid, gid_t gid) noexcept {
+    const mode_t mask = ::umask(077);
+    ::umask(mask);
+    return {uid, gid, CREATION_MODE & ~mask};
+}
+
+SeenMaildirsize lookAtMaildirsize(const Ownership& wanted, std::string_view text) noexcept {
+    struct stat seen = {};
+    UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_RDONLY, 0, seen);
+    if (!file)
+        return {UniqueFd(), differences_of_unopened(errno)};
+    Differences differences = fileDifferences(seen, wanted);
+    if (!differences.any())
+        differences.contents = !holds(file.get(), text);
+    return {std::move(file), differences};
+}
+
+int writeMaildirsize(uid_t uid, gid_t gid, const MaildirsizeLimits& limits) noexcept {
+    std::optional<Count> count;
+    return leave_alone(uid, gid, limits, count) ? 1 : replace(uid, gid, limits, count);
 }
 
 }  // namespace corvo::mail

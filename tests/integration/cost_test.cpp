@@ -176,9 +176,11 @@ TEST_P(CallsOfAFullRestore, FlushConnectAndLookUpAsOftenAsTheJobNeeds) {
         SCOPED_TRACE(command[0]);
         const Measured measured = measure(command);
         const SystemCalls& calls = measured.calls;
+        // The floor writes what is right, too.
+        const bool leavesAlone = command == product() && GetParam() == Tree::existing;
 
         // Each maildirsize once; each transaction its journal twice, their directory and the file.
-        EXPECT_EQ(calls.count("fsync"), size.names);
+        EXPECT_EQ(calls.count("fsync"), leavesAlone ? 0 : size.names);
         EXPECT_EQ(calls.count("fdatasync"), 4 * (size.names + handlerTransactions()));
         EXPECT_EQ(calls.given("unlink", "userdb.db-journal"), size.names);
         EXPECT_EQ(calls.given("unlink", "handlers.db-journal"), handlerTransactions());

@@ -302,6 +302,7 @@ TEST_F(WriteMaildirsizeTest, FileIsDatedBackWhenMailArrivedMeanwhile) {
         EXPECT_LE(statusOf(QUOTA_FILE).st_atime, now + 60);
         onFsync = nullptr;
         std::filesystem::remove(MAILDIR + "/" + part + "/late,S=50");
+        std::filesystem::remove(QUOTA_FILE);
         setMtime(MAILDIR + "/" + part, 0);
     }
 }
