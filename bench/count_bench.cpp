@@ -22,7 +22,7 @@ std::string messageName(long long number, const std::string& size) {
            "P1.mail.example.com" + size + ":2,S";
 }
 
-/// Makes a Maildir with so many messages in "cur", and changes to it.
+// Makes a Maildir with so many messages in "cur", and changes to it.
 void enterMaildir(long long messages, const std::string& size) {
     resetSandbox();
     const std::string maildir = MAILNAMES + "/example.com/info/Maildir";

@@ -26,7 +26,7 @@ std::string forwards(long long lines) {
     return text;
 }
 
-/// Repeats one action, with a file that it leaves as it found it.
+// Repeats one action, with a file that it leaves as it found it.
 void rewrite(benchmark::State& state, std::vector<const char*> list, int action, int where) {
     resetSandbox();
     const std::string before = forwards(state.range(0));
@@ -41,7 +41,7 @@ void rewrite(benchmark::State& state, std::vector<const char*> list, int action,
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-/// Adds a line to a file that is put back, unmeasured, every time.
+// Adds a line to a file that is put back, unmeasured, every time.
 void add(benchmark::State& state, int where) {
     resetSandbox();
     const std::string before = forwards(state.range(0));

@@ -13,7 +13,7 @@ namespace {
 
 using namespace corvo::test;
 
-/// `length` bytes of "label.label. ...", with labels of up to 63 bytes.
+// `length` bytes of "label.label. ...", with labels of up to 63 bytes.
 std::string labels(std::size_t length) {
     constexpr std::size_t LABEL = 63;
     std::string name(length, 'a');

@@ -15,7 +15,7 @@ using corvo::mysql::Connection;
 using corvo::mysql::Query;
 using corvo::mysql::Result;
 
-/// A statement with so many rows of so many columns, every third of them NULL.
+// A statement with so many rows of so many columns, every third of them NULL.
 std::string rowsOf(long long columns, long long rows) {
     std::string list;
     for (long long i = 0; i < columns; ++i) {
@@ -26,7 +26,7 @@ std::string rowsOf(long long columns, long long rows) {
     return list + " FROM seq_1_to_" + std::to_string(rows);
 }
 
-/// The statement itself is not measured.
+// The statement itself is not measured.
 void fetch(benchmark::State& state) {
     const long long columns = state.range(0);
     const long long rows = state.range(1);

@@ -25,7 +25,7 @@ using corvo::mysql::Query;
 using corvo::mysql::Result;
 using namespace corvo::test;
 
-/// A line of /proc/self/status that is a number of KiB, in bytes.
+// A line of /proc/self/status that is a number of KiB, in bytes.
 double bytesOf(const std::string& name) {
     std::ifstream status("/proc/self/status");
     for (std::string word; status >> word;) {
@@ -36,7 +36,7 @@ double bytesOf(const std::string& name) {
     throw std::runtime_error("no " + name + " in /proc/self/status");
 }
 
-/// The resident memory of the process while it lives: what it began with, and its peak since.
+// The resident memory of the process while it lives: what it began with, and its peak since.
 class ResidentMemory {
 public:
     ResidentMemory() {
@@ -56,7 +56,7 @@ private:
     double start = 0;
 };
 
-/// A panel with one domain. Every mail name has an alias, every tenth is a group with a redirect.
+// A panel with one domain. Every mail name has an alias, every tenth is a group with a redirect.
 class DomainOf {
 public:
     explicit DomainOf(long long mailnames) {
@@ -81,7 +81,7 @@ private:
     int domain = panel.domain("example.com").defaultQuota(1048576).id();
 };
 
-/// The time per mail name, of a benchmark that runs once.
+// The time per mail name, of a benchmark that runs once.
 void reportTime(benchmark::State& state) {
     state.counters["time/name"] = {static_cast<double>(state.range(0)),
                                    benchmark::Counter::kIsRate | benchmark::Counter::kInvert};

@@ -14,7 +14,7 @@ using corvo::fuzz::require;
 constexpr auto MAXIMUM = std::numeric_limits<unsigned int>::max();
 constexpr std::string_view DIGITS = "0123456789";
 
-/// The digits of a well-formed number, none for "+".
+// The digits of a well-formed number, none for "+".
 std::optional<std::string_view> digitsOf(std::string_view text) {
     text = corvo::fuzz::trimmed(text, " \t\n\r");
     if (text.empty())
@@ -26,7 +26,7 @@ std::optional<std::string_view> digitsOf(std::string_view text) {
     return text;
 }
 
-/// The number, or nothing when it does not fit.
+// The number, or nothing when it does not fit.
 std::optional<unsigned int> valueOf(std::string_view digits) {
     unsigned long long number = 0;
     for (const char digit : digits) {

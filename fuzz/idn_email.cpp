@@ -10,7 +10,7 @@ namespace {
 
 using corvo::fuzz::require;
 
-/// Either the text or libidn's code.
+// Either the text or libidn's code.
 struct Converted {
     std::optional<std::string> text;
     int code = 0;

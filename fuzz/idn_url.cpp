@@ -17,7 +17,7 @@ struct Parts {
     std::string_view rest;
 };
 
-/// Splits behind the first `length` characters; nothing when no host begins there.
+// Splits behind the first `length` characters; nothing when no host begins there.
 std::optional<Parts> splitAt(std::string_view url, std::size_t length) {
     const std::string_view behind = url.substr(length);
     const std::string_view host = behind.substr(0, behind.find_first_of("/:"));
@@ -26,7 +26,7 @@ std::optional<Parts> splitAt(std::string_view url, std::size_t length) {
     return Parts{url.substr(0, length), host, behind.substr(host.size())};
 }
 
-/// Splits behind a user, or without one where none leaves a host.
+// Splits behind a user, or without one where none leaves a host.
 std::optional<Parts> splitBehindScheme(std::string_view url, std::size_t scheme) {
     const std::size_t at = url.find('@', scheme);
     if (at != std::string_view::npos && at > scheme) {

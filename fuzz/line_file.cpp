@@ -67,7 +67,7 @@ std::string withoutNewline(const std::string& text) {
     return text.ends_with('\n') ? text.substr(0, text.size() - 1) : text;
 }
 
-/// The lines with their newlines.
+// The lines with their newlines.
 Texts linesOf(const std::string& contents) {
     Texts lines;
     for (std::size_t start = 0; start < contents.size(); start += lines.back().size()) {
@@ -121,7 +121,7 @@ void perform(const std::string& path, const Texts& listed, int action, int where
             "the file keeps its mode");
 }
 
-/// Whether the listed lines, once added, can be told from those that were there.
+// Whether the listed lines, once added, can be told from those that were there.
 bool canBeTakenBack(const Case& given) {
     Case removal = given;
     removal.action = ACTIONS[2];

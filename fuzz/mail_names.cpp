@@ -9,7 +9,7 @@ namespace {
 
 using corvo::fuzz::require;
 
-/// A regular expression and the most bytes that it may match.
+// A regular expression and the most bytes that it may match.
 class Pattern {
 public:
     Pattern(const char* text, std::size_t longest) : longest_(longest) {

@@ -18,7 +18,7 @@ constexpr long long LARGEST = std::numeric_limits<long long>::max();
 constexpr long long SMALLEST = std::numeric_limits<long long>::min();
 constexpr long long UNTOUCHED = -4711;
 
-/// Two numbers, or the errno of a failure.
+// Two numbers, or the errno of a failure.
 struct Numbers {
     int error = 0;
     long long first = UNTOUCHED;
@@ -27,12 +27,12 @@ struct Numbers {
     bool operator==(const Numbers&) const = default;
 };
 
-/// A text from which numbers are taken one after another.
+// A text from which numbers are taken one after another.
 class Reader {
 public:
     explicit Reader(std::string_view text) : text_(text), rest_(text_.c_str()) {}
 
-    /// 0, ERANGE, or EINVAL where no number stands.
+    // 0, ERANGE, or EINVAL where no number stands.
     int take(long long& number) {
         char* end = nullptr;
         errno = 0;
@@ -137,7 +137,7 @@ void checkLine(std::string_view line) {
             "limits are those of the header, or the largest");
 }
 
-/// Writes four numbers, and reads them where they are such as the program writes.
+// Writes four numbers, and reads them where they are such as the program writes.
 void checkWriting(const long (&numbers)[4]) {
     constexpr long MOST_MESSAGES = 99'999'999'999;  // that leave a blank in their column
     const auto [byteLimit, countLimit, bytes, messages] = numbers;

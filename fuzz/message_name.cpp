@@ -21,7 +21,7 @@ using corvo::fuzz::require;
 constexpr long long LARGEST = std::numeric_limits<long long>::max();
 constexpr std::string_view ON_DISK = "message";
 
-/// The number that makes up a text; nothing for any other text, and for one that does not fit.
+// The number that makes up a text; nothing for any other text, and for one that does not fit.
 std::optional<long long> numberIn(const std::string& text) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
         return std::nullopt;
@@ -44,7 +44,7 @@ long long expectedSize(std::string_view name) {
     return static_cast<long long>(ON_DISK.size());
 }
 
-/// Counts the folder on top of what was counted before.
+// Counts the folder on top of what was counted before.
 void requireSize(const std::string& folder, long long before, long long size) {
     long long bytes = before;
     long long messages = 1;

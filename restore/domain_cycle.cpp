@@ -17,21 +17,21 @@ using mysql::Connection;
 
 enum CatchallMode { CATCHALL_NONE = 0, CATCHALL_BOUNCE = 1, CATCHALL_CATCH = 2 };
 
-/// Throws boost::bad_lexical_cast for anything but a decimal number.
+// Throws boost::bad_lexical_cast for anything but a decimal number.
 bool isOff(const mysql::Field& status) {
     return boost::lexical_cast<long long>(status.value) != 0;
 }
 
-/// What happens to mail for unknown recipients is asked again on the domain's own connection; here
-/// its column must merely exist.
+// What happens to mail for unknown recipients is asked again on the domain's own connection; here
+// its column must merely exist.
 Domain readDomain(Row& row) {
     Domain domain{row["id"].value, row["name"].value, isOff(row["status"])};
     (void)row["nonExisting"];
     return domain;
 }
 
-/// A parameter of the domain's mail service, its e-mail domain in ASCII form; empty when there is
-/// none.
+// A parameter of the domain's mail service, its e-mail domain in ASCII form; empty when there is
+// none.
 std::string getDomainCatchallParam(const std::string& domainId, const std::string& domainName,
                                    const std::string& parameterName, Connection& connection) {
     Rows rows(connection,
@@ -49,7 +49,7 @@ std::string getDomainCatchallParam(const std::string& domainId, const std::strin
     return rows.fetchOnce(row) ? idn::emailToAscii(row["value"].value) : std::string();
 }
 
-/// Off only when the database says so.
+// Off only when the database says so.
 bool isMailOn(const Domain& domain, Connection& connection) {
     Rows rows(connection,
               "SELECT status FROM DomainServices WHERE type='mail' AND dom_id=" + domain.id,
@@ -92,7 +92,7 @@ void reportAliases(const Domain& domain, MailsrvEntitiesCallbacks& callbacks,
     }
 }
 
-/// False when the domain could not be registered and nothing more must be said of it.
+// False when the domain could not be registered and nothing more must be said of it.
 bool registerBasics(const Domain& domain, MailsrvEntitiesCallbacks& callbacks) {
     if (!callbacks.registerDomain)
         return true;

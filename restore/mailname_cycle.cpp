@@ -11,7 +11,7 @@ namespace {
 
 using mysql::Connection;
 
-/// Of a mail name: take the domain's default. Of a domain: no limit is known.
+// Of a mail name: take the domain's default. Of a domain: no limit is known.
 constexpr long long NO_QUOTA = -1;
 
 struct Mailname {
@@ -113,7 +113,7 @@ void restoreAliases(const Mailname& mailname, const Domain& domain,
              [&] { processMailAliasesCycle(mailname, domain, callbacks, connection); });
 }
 
-/// Redirects of a mail name that is no mail group are not in force.
+// Redirects of a mail name that is no mail group are not in force.
 void restoreGroupForwards(const Mailname& mailname, const Domain& domain,
                           MailsrvEntitiesCallbacks& callbacks, Connection& connection) {
     if (!callbacks.registerMailRedirect || !mailname.isGroup)

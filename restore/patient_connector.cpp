@@ -14,10 +14,10 @@ using namespace std::chrono_literals;
 
 using Pauses = std::span<const std::chrono::milliseconds>;
 
-/// Between the attempts, three seconds in all.
+// Between the attempts, three seconds in all.
 constexpr std::chrono::milliseconds PAUSES[] = {200ms, 400ms, 800ms, 1600ms};
 
-/// Tries once, and once more after each pause as long as that may help.
+// Tries once, and once more after each pause as long as that may help.
 st_mysql* attempt(Pauses pauses, db_connect_failure& failure) {
     st_mysql* handle = corvo_db_attempt(failure);
     for (const auto pause : pauses) {

@@ -31,7 +31,7 @@ int maskOf(const std::string& text) {
     return static_cast<int>(mask);  // out of range or not: whoever uses the mask judges it
 }
 
-/// Empty, after a warning, when there is no ASCII form.
+// Empty, after a warning, when there is no ASCII form.
 std::optional<std::string> asciiOrWarn(const std::string& domain) {
     try {
         return idn::toAscii(domain);
@@ -46,7 +46,7 @@ bool isSeparator(char c) {
     return std::string_view(" \t;,").find(c) != std::string_view::npos;
 }
 
-/// Without the empty pieces between and beside separators.
+// Without the empty pieces between and beside separators.
 std::vector<std::string> splitServers(const std::string& text) {
     std::vector<std::string> servers;
     boost::split(servers, text, isSeparator);

@@ -11,7 +11,7 @@ namespace {
 using mysql::Connection;
 using mysql::Field;
 
-/// Empty when there is no row.
+// Empty when there is no row.
 using Parameter = std::optional<Field>;
 using Reader = Parameter(const std::string& name, Connection& connection);
 

@@ -34,7 +34,7 @@ bool readSmtpAuth(Connection& connection) {
     return disabled == 0;
 }
 
-/// A missing or empty flag means off, without a warning.
+// A missing or empty flag means off, without a warning.
 bool readPopAuth(Connection& connection) {
     const std::string text = getStringMailServerParamSafe("disable_pop_auth", connection).value;
     if (text.empty())

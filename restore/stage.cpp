@@ -15,7 +15,7 @@ void reportFailure(const std::string& label, const std::exception& failure) {
     stream << label << " failed (" << failure.what() << "), ignored\n";
 }
 
-/// Running out of memory has passed through all stages and ends here, as the step's failure.
+// Running out of memory has passed through all stages and ends here, as the step's failure.
 bool attemptStep(const std::string& label, const Work& work) {
     try {
         return attempt(label, work);

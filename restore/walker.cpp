@@ -25,7 +25,7 @@ struct Step {
     void (*restore)(Callbacks& callbacks, Connection& connection);
 };
 
-/// Whether any of the slots is bound.
+// Whether any of the slots is bound.
 template <auto... slots>
 bool anyOf(const Callbacks& callbacks) {
     return (... || !(callbacks.*slots).empty());

@@ -19,7 +19,7 @@ struct passwd* findUser(const char* name) noexcept {
     return getpwnam(name);
 }
 
-/// What kept a look-up from finding: the error of the databases, or `absent`.
+// What kept a look-up from finding: the error of the databases, or `absent`.
 const char* reason(const char* absent) noexcept {
     return errno != 0 ? std::strerror(errno) : absent;
 }

@@ -42,8 +42,8 @@ conf_entry* findInTurn(const char* name, const conf_store& store) {
     return nullptr;
 }
 
-/// Sets the pair that stands in `line`, or logs what is wrong with it. -1 only when it cannot be
-/// set.
+// Sets the pair that stands in `line`, or logs what is wrong with it. -1 only when it cannot be
+// set.
 int readLine(char* line, conf_store* store) {
     char* name = corvo_trim(line);
     if (*name == '\0' || *name == '#')

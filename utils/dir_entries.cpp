@@ -51,7 +51,7 @@ const dirent64* DirEntries::read() noexcept {
     return entry;
 }
 
-/// False at the end and on failure.
+// False at the end and on failure.
 bool DirEntries::refill() noexcept {
     const ssize_t length = ::getdents64(directory_.get(), buffer_.get(), BUFFER_SIZE);
     if (length < 0 && errno == ENOENT)

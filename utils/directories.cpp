@@ -22,14 +22,14 @@ namespace safe_path = corvo::safe_path;
 
 namespace {
 
-/// Gives a directory that was made just now its owner.
+// Gives a directory that was made just now its owner.
 void chownNewDirectory(const char* path, uid_t uid, gid_t gid) noexcept {
     const corvo::UniqueFd directory = safe_path::openDirectory(AT_FDCWD, path);
     if (!directory || fchown(directory.get(), uid, gid) != 0)
         messlog2(0, 0, "Cannot chown %s: %s", path, std::strerror(errno));
 }
 
-/// One step of make_dir_rec.
+// One step of make_dir_rec.
 void makeOneDirectory(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
     const int made = safe_path::makeDirectory(AT_FDCWD, path, mode);
     if (made < 0)
@@ -38,7 +38,7 @@ void makeOneDirectory(const char* path, uid_t uid, gid_t gid, mode_t mode) noexc
         chownNewDirectory(path, uid, gid);
 }
 
-/// Appends "/" and a name to a path; false with ENAMETOOLONG when they do not fit.
+// Appends "/" and a name to a path; false with ENAMETOOLONG when they do not fit.
 bool appendName(char (&path)[PATH_MAX], const char* name) noexcept {
     const std::size_t length = std::strlen(path);
     const int added = std::snprintf(path + length, sizeof path - length, "/%s", name);
@@ -48,7 +48,7 @@ bool appendName(char (&path)[PATH_MAX], const char* name) noexcept {
     return false;
 }
 
-/// Opens a directory below another one; none with ENOTDIR for links and all that is no directory.
+// Opens a directory below another one; none with ENOTDIR for links and all that is no directory.
 DirEntries enter(const DirEntries& parent, const char* name, int depth) noexcept {
     if (depth > safe_path::MAX_DEPTH) {
         errno = ELOOP;
@@ -59,7 +59,7 @@ DirEntries enter(const DirEntries& parent, const char* name, int depth) noexcept
 
 int addSizesBelow(const DirEntries& parent, const char* name, int depth, long long& sum) noexcept;
 
-/// Adds the size of an entry and of all below it; 0, or -1 with errno.
+// Adds the size of an entry and of all below it; 0, or -1 with errno.
 int addEntry(const DirEntries& parent, const char* name, int depth, long long& sum) noexcept {
     struct stat seen = {};
     if (fstatat(parent.descriptor(), name, &seen, AT_SYMLINK_NOFOLLOW) != 0)
@@ -85,8 +85,8 @@ int addSizesBelow(const DirEntries& parent, const char* name, int depth, long lo
     return addEntries(directory, depth, sum);
 }
 
-/// Looks for `name` in the directory that `path` names, then below it; leaves the path of what was
-/// found in `path`. False with errno: ENOENT when there is nothing.
+// Looks for `name` in the directory that `path` names, then below it; leaves the path of what was
+// found in `path`. False with errno: ENOENT when there is nothing.
 bool findBelow(DirEntries& directory, const char* name, int depth,
                char (&path)[PATH_MAX]) noexcept {
     const std::size_t length = std::strlen(path);

@@ -25,10 +25,10 @@ struct LockFreer {
     void operator()(lock_handle* lock) const noexcept { free_lock(lock); }
 };
 
-/// What keep_lock was given last, until the process ends.
+// What keep_lock was given last, until the process ends.
 std::unique_ptr<lock_handle, LockFreer> keptLock;
 
-/// Opens a lock file, and empties it only when it is surely one.
+// Opens a lock file, and empties it only when it is surely one.
 corvo::UniqueFd openLockFile(const char* path, int flags) noexcept {
     struct stat seen = {};
     corvo::UniqueFd file = corvo::safe_path::openFile(AT_FDCWD, path, flags & ~O_TRUNC, 0644, seen);
@@ -40,7 +40,7 @@ corvo::UniqueFd openLockFile(const char* path, int flags) noexcept {
     return file;
 }
 
-/// An empty handle for a lock file; takes the path over.
+// An empty handle for a lock file; takes the path over.
 lock_handle* makeHandle(char* lockPath) noexcept {
     corvo::UniqueCString path(lockPath);
     auto* const lock = static_cast<lock_handle*>(std::malloc(sizeof(lock_handle)));

@@ -20,7 +20,7 @@ namespace {
 
 using safe_path::PermissionStep;
 
-/// What setOwnerAndMode could not do. Keeps errno.
+// What setOwnerAndMode could not do. Keeps errno.
 void logPermissionFailure(const char* path, PermissionStep failed) noexcept {
     const corvo::ErrnoGuard keepErrno;
     if (failed == PermissionStep::chmod)
@@ -29,8 +29,8 @@ void logPermissionFailure(const char* path, PermissionStep failed) noexcept {
         corvo_log(LOG_ERR, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
 }
 
-/// Whether an open that failed with errno says that nothing is at the path, or no way leads to it.
-/// Keeps errno.
+// Whether an open that failed with errno says that nothing is at the path, or no way leads to it.
+// Keeps errno.
 bool isOutOfReach(const char* path) noexcept {
     if (errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG)
         return true;
@@ -47,7 +47,7 @@ int openAndClose(const char* path, int flags) noexcept {
     return file ? file.close() : -1;
 }
 
-/// The message tells it all, so it goes without the text of an errno.
+// The message tells it all, so it goes without the text of an errno.
 int bufferTooShort() noexcept {
     errno = 0;
     messlog2(0, 0, "The buffer too short\n");
@@ -55,7 +55,7 @@ int bufferTooShort() noexcept {
     return -1;
 }
 
-/// Reads to the end of the first line. 0, or -1 with errno after a report.
+// Reads to the end of the first line. 0, or -1 with errno after a report.
 int readLine(std::FILE* stream, char* buffer, std::size_t size) noexcept {
     if (size == 0)
         return bufferTooShort();

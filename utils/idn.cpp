@@ -24,7 +24,7 @@ void noteFailure(int code) {
         messlog2(1, 1, "Allocation failed");
 }
 
-/// `result`, unless it is null: then the process ends.
+// `result`, unless it is null: then the process ends.
 char* orExit(char* result, const char* function, const char* argument) {
     if (result == nullptr)
         messlog2(1, 1, "%s(%s) failed: %s", function, argument, idn_strerror(idn_errno));
@@ -47,7 +47,7 @@ std::string convert(const std::string& name, Converter converter) {
 
 constexpr std::size_t URL_SIZE = 4096;  // bytes, the terminating zero included
 
-/// A text that is cut where URL_SIZE ends.
+// A text that is cut where URL_SIZE ends.
 struct UrlText {
     char text[URL_SIZE] = "";
     std::size_t length = 0;
@@ -59,7 +59,7 @@ struct UrlText {
         text[length] = '\0';
     }
 
-    /// A sub-match of `url`; nothing if it did not match.
+    // A sub-match of `url`; nothing if it did not match.
     void append(const char* url, const regmatch_t& part) {
         if (part.rm_so != -1)
             append(url + part.rm_so, static_cast<std::size_t>(part.rm_eo - part.rm_so));
@@ -68,7 +68,7 @@ struct UrlText {
 
 enum UrlPart { WHOLE, SCHEME, USER, HOST, REST, URL_PARTS };
 
-/// Finds the parts of a URL; false when it has not the form of one, which is logged.
+// Finds the parts of a URL; false when it has not the form of one, which is logged.
 bool matchUrl(const char* url, regmatch_t (&parts)[URL_PARTS]) {
     char reason[256];
     regex_t pattern;

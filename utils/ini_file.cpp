@@ -29,7 +29,7 @@ bool isHeader(std::string_view line) {
     return line.size() > 2 && line.front() == '[' && line.back() == ']';
 }
 
-/// Looks for the values of several keys in one line after another of a file.
+// Looks for the values of several keys in one line after another of a file.
 class Search {
 public:
     Search(const char* section, std::span<const ini_value> wanted)
@@ -37,7 +37,7 @@ public:
 
     bool isOver() const { return missing_ == 0; }
 
-    /// Takes the value that `line` assigns. False when there is no memory for it.
+    // Takes the value that `line` assigns. False when there is no memory for it.
     bool look(char* line) {
         const std::string_view trimmed(line, strip_line(line));
         if (!isHeader(trimmed))
@@ -69,13 +69,13 @@ private:
     bool inSection_ = false;
 };
 
-/// The lines of an open file, one after another. Those longer than LONGEST_LINE are left out.
+// The lines of an open file, one after another. Those longer than LONGEST_LINE are left out.
 class Lines {
 public:
     explicit Lines(int file) : file_(file) {}
 
-    /// The next line, with a zero byte in place of its newline; it may be changed, and lives until
-    /// the next call. Null at the end and on failure.
+    // The next line, with a zero byte in place of its newline; it may be changed, and lives until
+    // the next call. Null at the end and on failure.
     char* next() {
         for (;;) {
             char* const line = takeLine();
@@ -87,7 +87,7 @@ public:
     }
 
 private:
-    /// The next line if all of it has been read, else null.
+    // The next line if all of it has been read, else null.
     char* takeLine() {
         char* const line = buffer_ + taken_;
         char* const limit = buffer_ + filled_;
@@ -99,7 +99,7 @@ private:
         return line;
     }
 
-    /// Reads on, in place of what was taken. False after the end and on failure.
+    // Reads on, in place of what was taken. False after the end and on failure.
     bool fill() {
         if (hasEnded_)
             return false;
@@ -125,7 +125,7 @@ private:
     char buffer_[LONGEST_LINE + 1];
 };
 
-/// True when every value was found.
+// True when every value was found.
 bool searchLines(Lines& lines, Search search) {
     while (!search.isOver()) {
         char* const line = lines.next();
@@ -135,7 +135,7 @@ bool searchLines(Lines& lines, Search search) {
     return true;
 }
 
-/// Reports each value that cannot be read; the first one is the last that is tried without memory.
+// Reports each value that cannot be read; the first one is the last that is tried without memory.
 void reportFailedOpen(const char* path, std::size_t values) noexcept {
     const corvo::ErrnoGuard keepErrno;
     const std::size_t reports = errno == ENOMEM ? 1 : values;

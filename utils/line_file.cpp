@@ -47,7 +47,7 @@ int unableToClose(const char* path) noexcept {
     return 1;
 }
 
-/// Reports on standard error alone. Returns 1; keeps errno.
+// Reports on standard error alone. Returns 1; keeps errno.
 int printError(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
 
 int printError(const char* format, ...) noexcept {
@@ -59,9 +59,9 @@ int printError(const char* format, ...) noexcept {
     return 1;
 }
 
-/// The set-id and sticky bits that stay: those of a file of root's that nobody but root can have
-/// put there, as they are now. `former` tells of the file before it was read: whoever wrote to it
-/// since then has made it lose them, and must not get them back for his text.
+// The set-id and sticky bits that stay: those of a file of root's that nobody but root can have
+// put there, as they are now. `former` tells of the file before it was read: whoever wrote to it
+// since then has made it lose them, and must not get them back for his text.
 mode_t specialBits(const Target& target, int file, const struct stat& former) noexcept {
     struct stat now = {};
     if ((former.st_mode & SPECIAL_BITS) == 0 || !target.isRootsOwn(former) ||
@@ -70,8 +70,8 @@ mode_t specialBits(const Target& target, int file, const struct stat& former) no
     return now.st_mode & SPECIAL_BITS;
 }
 
-/// Gives `file` the owner, group and mode of `old`, of which `former` tells, as far as they last;
-/// 0, or 1 after a report. Both may be the same file.
+// Gives `file` the owner, group and mode of `old`, of which `former` tells, as far as they last;
+// 0, or 1 after a report. Both may be the same file.
 int restorePermissions(const Target& target, int file, int old,
                        const struct stat& former) noexcept {
     const mode_t mode = (former.st_mode & ACCESSPERMS) | specialBits(target, old, former);
@@ -91,7 +91,7 @@ bool write(std::FILE* stream, std::string_view text) noexcept {
     return ::fwrite_unlocked(text.data(), 1, text.size(), stream) == text.size();
 }
 
-/// Writes the lines at the end of an open file; 0, or 1 after a report.
+// Writes the lines at the end of an open file; 0, or 1 after a report.
 int writeAtEnd(corvo::UniqueFd& file, const char* const* list, const char* path) noexcept {
     corvo::UniqueFile stream = corvo::line_rewrite::openWriter(file);
     if (!stream)
@@ -103,7 +103,7 @@ int writeAtEnd(corvo::UniqueFd& file, const char* const* list, const char* path)
     return flush_data(file.get()) == 0 ? 0 : unableToWriteData(path);
 }
 
-/// Takes back what a failed append left behind: the next one would continue half a line.
+// Takes back what a failed append left behind: the next one would continue half a line.
 void takeBack(const Target& target, int file, const struct stat& former, bool isNew) noexcept {
     const corvo::ErrnoGuard keepErrno;
     (void)!corvo::retryOnEintr([&] { return ftruncate(file, former.st_size); });
@@ -133,7 +133,7 @@ int append(const Target& target, const char* const* list, bool isNew) noexcept {
     return appendTo(file, former, target, list, isNew);
 }
 
-/// Whether the last line of a file of that size lacks its newline: 1 or 0, or -1 with errno.
+// Whether the last line of a file of that size lacks its newline: 1 or 0, or -1 with errno.
 int endsWithinLine(int file, off_t size) noexcept {
     char last = '\n';
     if (size > 0 && corvo::retryOnEintr([&] { return ::pread(file, &last, 1, size - 1); }) < 0)
@@ -153,8 +153,8 @@ int appendLine(const Target& target, const char* line, bool isNew) noexcept {
     return appendTo(file, former, target, unfinished != 0 ? list : list + 1, isNew);
 }
 
-/// Ends the writing of new contents, which are whole when the old ones were read to their end and
-/// the close succeeded; 0, or 1 after a report.
+// Ends the writing of new contents, which are whole when the old ones were read to their end and
+// the close succeeded; 0, or 1 after a report.
 int finish(Replacement& fresh, const LineReader& old, const Target& target) noexcept {
     if (old.failed())
         return unableToRead(target.path());
@@ -237,7 +237,7 @@ bool matchesAny(std::string_view line, const char* const* list, Matcher matches)
     return false;
 }
 
-/// What becomes of a removal whose line cannot be written.
+// What becomes of a removal whose line cannot be written.
 using WriteFailure = int (*)(Replacement& fresh, const char* path) noexcept;
 
 int endProcessUnwritten(Replacement& fresh, const char* path) noexcept {
@@ -280,7 +280,7 @@ int perform(const Target& target, const char* const* list, int action, int where
     return 0;
 }
 
-/// Runs `change` on the file under its lock, with whether it is a new one.
+// Runs `change` on the file under its lock, with whether it is a new one.
 template <typename Change>
 int changeLocked(const char* path, Change change) noexcept {
     corvo::LineLock lock(path);

@@ -12,8 +12,8 @@ namespace corvo::line_rewrite {
 
 namespace {
 
-/// A stream on functions of our own, which nobody else knows: it needs no lock, and it makes none
-/// of the calls with which the library's streams get to know a file.
+// A stream on functions of our own, which nobody else knows: it needs no lock, and it makes none
+// of the calls with which the library's streams get to know a file.
 UniqueFile openOwnStream(void* cookie, const char* mode, cookie_io_functions_t calls) noexcept {
     UniqueFile stream(::fopencookie(cookie, mode, calls));
     if (stream)
@@ -21,7 +21,7 @@ UniqueFile openOwnStream(void* cookie, const char* mode, cookie_io_functions_t c
     return stream;
 }
 
-/// Writes a stream's block; 0 says that it failed.
+// Writes a stream's block; 0 says that it failed.
 ssize_t writeBlock(void* cookie, const char* block, std::size_t size) noexcept {
     const auto& file = *static_cast<const UniqueFd*>(cookie);
     return write_fully(file.get(), {block, size}) == 0 ? static_cast<ssize_t>(size) : 0;
@@ -66,8 +66,8 @@ bool LineReader::open(const Target& target) noexcept {
     return stream_ != nullptr;
 }
 
-/// Feeds the stream. The owner may let the file grow while it is read, so what counts is what
-/// comes.
+// Feeds the stream. The owner may let the file grow while it is read, so what counts is what
+// comes.
 ssize_t LineReader::read(void* reader, char* block, std::size_t size) noexcept {
     auto& self = *static_cast<LineReader*>(reader);
     const ssize_t count = retryOnEintr([&] { return ::read(self.file_.get(), block, size); });
@@ -99,7 +99,7 @@ Replacement::Replacement(const Target& target) noexcept : target_(target) {
     (void)std::snprintf(path_, sizeof path_, "%s.tmp", target.path());
 }
 
-/// The temporary file's name in the target's parent.
+// The temporary file's name in the target's parent.
 const char* Replacement::name() const noexcept {
     const std::size_t parentLength = std::strlen(target_.path()) - std::strlen(target_.name());
     return path_ + parentLength;

@@ -30,7 +30,7 @@ constexpr const char* TRACE_ID_VARIABLE = "CORVO_LOG_TRACE_ID";
 constexpr int OPENLOG_OPTIONS = LOG_PID | LOG_CONS | LOG_PERROR;
 constexpr std::size_t SYSLOG_MESSAGE_SIZE = 8192;  // bytes, the terminating zero included
 
-/// `text` may be `target` itself.
+// `text` may be `target` itself.
 void copyCut(char (&target)[64], const char* text) {
     const std::size_t length = strnlen(text, sizeof target - 1);
     std::memmove(target, text, length);
@@ -58,7 +58,7 @@ void openSyslog(int opts, const char* ident) {
     openlog(LogIdent, LogOpts & OPENLOG_OPTIONS, LogFacility);
 }
 
-/// The level that the environment asks for, or -1.
+// The level that the environment asks for, or -1.
 int environmentLevel() {
     const char* text = std::getenv(LEVEL_VARIABLE);
     const bool oneDigit = text != nullptr && *text >= '0' && *text <= '7' && text[1] == '\0';

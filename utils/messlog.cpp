@@ -19,7 +19,7 @@ struct Message {
     std::size_t capacity;  // bytes, the terminating zero included
 };
 
-/// False, and nothing has changed, when there is no memory.
+// False, and nothing has changed, when there is no memory.
 bool grow(Message& message, std::size_t capacity) {
     auto* larger = static_cast<char*>(std::realloc(message.text.get(), capacity));
     if (larger == nullptr)

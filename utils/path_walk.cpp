@@ -17,7 +17,7 @@ bool isSame(const struct stat& one, const struct stat& other) noexcept {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-/// Opens a path that has no link in it, in one system call; ELOOP at a link.
+// Opens a path that has no link in it, in one system call; ELOOP at a link.
 UniqueFd openWithoutLinks(int base, const char* path, int flags, mode_t mode) noexcept {
     struct open_how how = {};
     how.flags = static_cast<unsigned>(flags);
@@ -26,13 +26,13 @@ UniqueFd openWithoutLinks(int base, const char* path, int flags, mode_t mode) no
     return UniqueFd(static_cast<int>(::syscall(SYS_openat2, base, path, &how, sizeof how)));
 }
 
-/// There is a link, or the kernel or a system call filter cannot do it in one call. (EAGAIN is of
-/// the file, not of the way: somebody holds a lease on it.)
+// There is a link, or the kernel or a system call filter cannot do it in one call. (EAGAIN is of
+// the file, not of the way: somebody holds a lease on it.)
 bool mustWalk(int error) noexcept {
     return error == ELOOP || error == ENOSYS || error == EPERM || error == EINVAL || error == E2BIG;
 }
 
-/// Opens by walking. `flags` may hold O_PATH.
+// Opens by walking. `flags` may hold O_PATH.
 UniqueFd openByWalking(int base, const char* path, int flags, mode_t mode) noexcept {
     const bool exclusive = (flags & O_CREAT) != 0 && (flags & O_EXCL) != 0;
     const bool keepsLink = exclusive || (flags & O_NOFOLLOW) != 0;
@@ -74,7 +74,7 @@ bool Walk::start(int base, const char* path) noexcept {
     return goOn(path);
 }
 
-/// Takes `path` as the text that is still to be walked, from the directory reached or from "/".
+// Takes `path` as the text that is still to be walked, from the directory reached or from "/".
 bool Walk::goOn(const char* path) noexcept {
     const std::size_t length = std::strlen(path);
     if (length >= sizeof path_) {
@@ -89,7 +89,7 @@ bool Walk::goOn(const char* path) noexcept {
     return static_cast<bool>(held_);
 }
 
-/// Moves the next component to name_; "." stands for the nothing behind a final "/".
+// Moves the next component to name_; "." stands for the nothing behind a final "/".
 bool Walk::takeName() noexcept {
     rest_ += std::strspn(rest_, "/");
     const std::size_t length = std::strcspn(rest_, "/");
@@ -105,13 +105,13 @@ bool Walk::takeName() noexcept {
     return true;
 }
 
-/// Opens what name_ names, whatever that is.
+// Opens what name_ names, whatever that is.
 bool Walk::look() noexcept {
     entry_.reset(::openat(directory(), name_, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     return entry_ && ::fstat(entry_.get(), &seen_) == 0;
 }
 
-/// Puts the target of the link in entry_ before the rest of the path.
+// Puts the target of the link in entry_ before the rest of the path.
 bool Walk::follow() noexcept {
     if (!isTrustedLink(directory(), name_, seen_) || ++links_ > MAX_LINKS) {
         errno = ELOOP;

@@ -84,7 +84,7 @@ constexpr const char* CONFIGURATION_FILE = "/etc/vhc/vhc.conf";
 conf_store* theVhcConfHash = nullptr;         // null until the file has been read
 const char* theVhcConfArray[VHC_CONF_COUNT];  // values found so far; they point into the store
 
-/// Loads the file unless that is done. 0, or -1 after logging why.
+// Loads the file unless that is done. 0, or -1 after logging why.
 int autoprepend() {
     if (theVhcConfHash != nullptr)
         return 0;

@@ -17,15 +17,15 @@ bool isNobody(uid_t /*uid*/) noexcept {
 
 OwnerTest isStorageOwner = isNobody;
 
-/// The parent of a path's last component, for the calls that follow no link there. The name points
-/// into the path and keeps what slashes follow it, so that the kernel judges them.
+// The parent of a path's last component, for the calls that follow no link there. The name points
+// into the path and keeps what slashes follow it, so that the kernel judges them.
 struct Place {
     UniqueFd held;
     int parent = -1;
     const char* name = nullptr;
 };
 
-/// Length of the text before the last component; 0 for a path of slashes alone.
+// Length of the text before the last component; 0 for a path of slashes alone.
 std::size_t lengthOfParent(const char* path) noexcept {
     std::size_t end = std::strlen(path);
     while (end > 0 && path[end - 1] == '/')
@@ -67,7 +67,7 @@ int fillLocation(int parent, UniqueFd& held, const char* name, Location& locatio
     return 0;
 }
 
-/// A path that leads to what a descriptor stands for; there is none without /proc.
+// A path that leads to what a descriptor stands for; there is none without /proc.
 struct DescriptorPath {
     explicit DescriptorPath(int descriptor) noexcept {
         (void)std::snprintf(text, sizeof text, "/proc/self/fd/%d", descriptor);
@@ -75,7 +75,7 @@ struct DescriptorPath {
     char text[32];
 };
 
-/// Opens what a descriptor stands for; EAGAIN without /proc.
+// Opens what a descriptor stands for; EAGAIN without /proc.
 UniqueFd openAnew(int descriptor, int flags) noexcept {
     const DescriptorPath itself(descriptor);
     UniqueFd file(retryOnEintr([&] { return ::open(itself.text, flags); }));
@@ -89,7 +89,7 @@ int refuse(int error) noexcept {
     return -1;
 }
 
-/// Is the file that a path led to one to be worked on? 0, or -1 with errno.
+// Is the file that a path led to one to be worked on? 0, or -1 with errno.
 int checkFile(int base, const char* path, int file, bool writes, struct stat& seen) noexcept {
     if (::fstat(file, &seen) != 0)
         return -1;
@@ -100,7 +100,7 @@ int checkFile(int base, const char* path, int file, bool writes, struct stat& se
     return 0;
 }
 
-/// Opens without waiting for a peer, and gives all that is no file the same errno.
+// Opens without waiting for a peer, and gives all that is no file the same errno.
 UniqueFd openWithoutWaiting(int base, const char* path, int flags, mode_t mode = 0) noexcept {
     const int waitless = flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     UniqueFd file = awaitLease(openTrusted(base, path, waitless, mode), base, path, waitless);
@@ -109,7 +109,7 @@ UniqueFd openWithoutWaiting(int base, const char* path, int flags, mode_t mode =
     return file;
 }
 
-/// Opens a directory whose last component is no link.
+// Opens a directory whose last component is no link.
 UniqueFd openUnlinkedDirectory(int base, const char* path) noexcept {
     Place place;
     if (findPlace(base, path, place) != 0)
@@ -143,7 +143,7 @@ int removeEntry(int parent, const char* name, int depth) noexcept {
     return ::unlinkat(parent, name, AT_REMOVEDIR);
 }
 
-/// The longest leading part of `path` that exists, opened; its length goes to `length`.
+// The longest leading part of `path` that exists, opened; its length goes to `length`.
 UniqueFd openExistingPart(int base, const char* path, std::size_t& length) noexcept {
     char part[PATH_MAX];
     std::memcpy(part, path, length + 1);
@@ -156,7 +156,7 @@ UniqueFd openExistingPart(int base, const char* path, std::size_t& length) noexc
     return directory;
 }
 
-/// Makes the directory `name` unless it exists, which `made` tells, and opens it.
+// Makes the directory `name` unless it exists, which `made` tells, and opens it.
 UniqueFd enterDirectory(int parent, const char* name, mode_t mode, bool& made) noexcept {
     made = ::mkdirat(parent, name, mode) == 0;
     if (!made && errno != EEXIST)
@@ -164,7 +164,7 @@ UniqueFd enterDirectory(int parent, const char* name, mode_t mode, bool& made) n
     return openDirectory(parent, name);
 }
 
-/// Opens what may be given another owner and mode.
+// Opens what may be given another owner and mode.
 UniqueFd openForPermissions(int base, const char* path) noexcept {
     UniqueFd file = openWithoutWaiting(base, path, O_RDONLY);
     struct stat seen = {};
@@ -177,8 +177,8 @@ UniqueFd openForPermissions(int base, const char* path) noexcept {
     return UniqueFd();
 }
 
-/// Finds a regular file that may be given another owner and mode. The descriptor stands for it
-/// (O_PATH) and opens nothing.
+// Finds a regular file that may be given another owner and mode. The descriptor stands for it
+// (O_PATH) and opens nothing.
 UniqueFd findForPermissions(int base, const char* path) noexcept {
     UniqueFd file = openTrusted(base, path, O_PATH | O_CLOEXEC);
     struct stat seen = {};
@@ -187,7 +187,7 @@ UniqueFd findForPermissions(int base, const char* path) noexcept {
     return file;
 }
 
-/// fchown and fchmod in their order, each repeated on EINTR, however they are made.
+// fchown and fchmod in their order, each repeated on EINTR, however they are made.
 template <typename Chown, typename Chmod>
 int takeSteps(Chown chown, Chmod chmod, PermissionStep* failed) noexcept {
     PermissionStep step = PermissionStep::chown;

@@ -13,7 +13,7 @@ bool isBlank(char c) {
     return std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
-/// Cuts trailing characters for which `drop` holds; returns the new length.
+// Cuts trailing characters for which `drop` holds; returns the new length.
 template <typename Predicate>
 std::size_t trimEnd(char* text, Predicate drop) {
     std::size_t length = std::strlen(text);

@@ -14,10 +14,10 @@
 namespace corvo {
 namespace {
 
-/// Turns mangled names into readable ones, all in one buffer that grows as needed.
+// Turns mangled names into readable ones, all in one buffer that grows as needed.
 class Demangler {
 public:
-    /// Null when `mangled` is no mangled name. Good until the next call.
+    // Null when `mangled` is no mangled name. Good until the next call.
     const char* operator()(const std::string& mangled) {
         int status = 0;
         char* readable = abi::__cxa_demangle(mangled.c_str(), buffer_.get(), &size_, &status);
@@ -33,7 +33,7 @@ private:
     std::size_t size_ = 0;
 };
 
-/// Prints "<module>(<name>+<offset>) [<address>]" with the name demangled where it can be.
+// Prints "<module>(<name>+<offset>) [<address>]" with the name demangled where it can be.
 void printSymbol(std::ostream& stream, std::string_view line, Demangler& demangle) {
     const std::size_t parenthesis = line.find('(');
     const std::size_t plus = line.find('+', parenthesis);

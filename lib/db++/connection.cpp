@@ -29,7 +29,7 @@ std::size_t lengthOr(std::size_t length, const char* text) {
     return length != 0 ? length : std::strlen(text);
 }
 
-/// The handle, unless it is null.
+// The handle, unless it is null.
 st_mysql* demand(st_mysql* handle) {
     if (handle == nullptr)
         throw mError("connection failed");

@@ -9,7 +9,7 @@ namespace corvo::mysql {
 
 namespace {
 
-/// Fills an empty field.
+// Fills an empty field.
 void fill(Field& field, const char* bytes, unsigned long length) {
     field.null = bytes == nullptr;
     if (!field.null)
