@@ -16,7 +16,7 @@ namespace {
 
 struct passwd* findUser(const char* name) noexcept {
     errno = 0;
-    return getpwnam(name);
+    return ::getpwnam(name);
 }
 
 // What kept a look-up from finding: the error of the databases, or `absent`.
@@ -33,7 +33,7 @@ struct group* lookupGid(const char* digits) noexcept {
     const unsigned long number = std::strtoul(digits, nullptr, 10);
     const auto gid = static_cast<gid_t>(std::min<unsigned long>(number, UINT_MAX));
     errno = 0;
-    struct group* const found = getgrgid(gid);
+    struct group* const found = ::getgrgid(gid);
     if (found == nullptr)
         messlog2(0, 0, "getgrgid(%u): %s", gid, reason("Group not found"));
     return found;
@@ -56,7 +56,7 @@ struct group* lookup_group(const char* name_or_number) noexcept {
     if (isNumber(name_or_number))
         return lookupGid(name_or_number);
     errno = 0;
-    struct group* const found = getgrnam(name_or_number);
+    struct group* const found = ::getgrnam(name_or_number);
     if (found == nullptr)
         messlog2(0, 0, "getgrnam(%s): %s", name_or_number, reason("Group not found"));
     return found;
@@ -75,7 +75,8 @@ gid_t get_group_if_exists(const char* name, int* found) noexcept {
 
 int corvo_getpw(const char* name, uid_t* uid, gid_t* gid, char** home) noexcept {
     const struct passwd* const user = findUser(name);
-    corvo::UniqueCString copy(user != nullptr && home != nullptr ? strdup(user->pw_dir) : nullptr);
+    corvo::UniqueCString copy(user != nullptr && home != nullptr ? ::strdup(user->pw_dir)
+                                                                 : nullptr);
     if (user == nullptr || (home != nullptr && !copy)) {
         messlog2(0, 0, "Unable to getpwnam for user %s", name);
         return -1;
@@ -108,7 +109,7 @@ uid_t get_user_id(const char* name) noexcept {
 const char* get_user_name(uid_t uid) noexcept {
     static char name[4096];
     errno = 0;
-    const struct passwd* const user = getpwuid(uid);
+    const struct passwd* const user = ::getpwuid(uid);
     if (user != nullptr)
         (void)std::snprintf(name, sizeof name, "%s", user->pw_name);
     else

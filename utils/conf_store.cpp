@@ -70,7 +70,7 @@ int readLines(std::FILE* file, conf_store* store) {
     char* line = nullptr;
     std::size_t size = 0;
     int result = 0;
-    while (result == 0 && getline(&line, &size, file) != -1)
+    while (result == 0 && ::getline(&line, &size, file) != -1)
         result = readLine(line, store);
     const corvo::UniqueCString freeLine(line);
     if (result == 0 && std::feof(file) == 0) {
@@ -89,7 +89,7 @@ int conf_init_r(conf_store* store) noexcept {
         return 0;
     const std::size_t capacity = first ? FIRST_CAPACITY : store->capacity * 2;
     auto* entries =
-        static_cast<conf_entry*>(reallocarray(store->entries, capacity, sizeof(conf_entry)));
+        static_cast<conf_entry*>(::reallocarray(store->entries, capacity, sizeof(conf_entry)));
     if (entries == nullptr) {
         corvo_log(PRIORITY, "Unable to read configuration: %s", std::strerror(ENOMEM));
         errno = ENOMEM;
@@ -104,8 +104,8 @@ int conf_init_r(conf_store* store) noexcept {
 }
 
 int conf_set_r(const char* name, const char* value, conf_store* store) noexcept {
-    corvo::UniqueCString nameCopy(strdup(name));
-    corvo::UniqueCString valueCopy(strdup(value));
+    corvo::UniqueCString nameCopy(::strdup(name));
+    corvo::UniqueCString valueCopy(::strdup(value));
     if (nameCopy == nullptr || valueCopy == nullptr) {
         corvo_log(PRIORITY, "Unable to form configuration: %s", std::strerror(ENOMEM));
         errno = ENOMEM;

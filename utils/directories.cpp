@@ -25,7 +25,7 @@ namespace {
 // Gives a directory that was made just now its owner.
 void chownNewDirectory(const char* path, uid_t uid, gid_t gid) noexcept {
     const corvo::UniqueFd directory = safe_path::openDirectory(AT_FDCWD, path);
-    if (!directory || fchown(directory.get(), uid, gid) != 0)
+    if (!directory || ::fchown(directory.get(), uid, gid) != 0)
         messlog2(0, 0, "Cannot chown %s: %s", path, std::strerror(errno));
 }
 
@@ -62,7 +62,7 @@ int addSizesBelow(const DirEntries& parent, const char* name, int depth, long lo
 // Adds the size of an entry and of all below it; 0, or -1 with errno.
 int addEntry(const DirEntries& parent, const char* name, int depth, long long& sum) noexcept {
     struct stat seen = {};
-    if (fstatat(parent.descriptor(), name, &seen, AT_SYMLINK_NOFOLLOW) != 0)
+    if (::fstatat(parent.descriptor(), name, &seen, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? 0 : -1;
     if (S_ISDIR(seen.st_mode))
         return addSizesBelow(parent, name, depth + 1, sum);
@@ -91,7 +91,7 @@ bool findBelow(DirEntries& directory, const char* name, int depth,
                char (&path)[PATH_MAX]) noexcept {
     const std::size_t length = std::strlen(path);
     struct stat ignored = {};
-    if (fstatat(directory.descriptor(), name, &ignored, AT_SYMLINK_NOFOLLOW) == 0)
+    if (::fstatat(directory.descriptor(), name, &ignored, AT_SYMLINK_NOFOLLOW) == 0)
         return appendName(path, name);
     while (const auto* const entry = directory.next()) {
         DirEntries below = enter(directory, entry->d_name, depth + 1);
@@ -193,7 +193,7 @@ char* find_file(const char* directory, const char* name) noexcept {
     if (!entries)
         return nullptr;
     (void)std::snprintf(path, sizeof path, "%s", directory);
-    return findBelow(entries, name, 0, path) ? strdup(path) : nullptr;
+    return findBelow(entries, name, 0, path) ? ::strdup(path) : nullptr;
 }
 
 char* find_case_file_in_dir(const char* directory, const char* name) noexcept {
@@ -203,9 +203,9 @@ char* find_case_file_in_dir(const char* directory, const char* name) noexcept {
     corvo::UniqueCString found;
     while (const auto* const entry = entries.next()) {
         const bool isExact = std::strcmp(entry->d_name, name) == 0;
-        if (!isExact && (found || strcasecmp(entry->d_name, name) != 0))
+        if (!isExact && (found || ::strcasecmp(entry->d_name, name) != 0))
             continue;
-        found.reset(strdup(entry->d_name));
+        found.reset(::strdup(entry->d_name));
         if (!found || isExact)
             return found.release();
     }

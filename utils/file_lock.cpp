@@ -33,9 +33,9 @@ corvo::UniqueFd openLockFile(const char* path, int flags) noexcept {
     struct stat seen = {};
     corvo::UniqueFd file = corvo::safe_path::openFile(AT_FDCWD, path, flags & ~O_TRUNC, 0644, seen);
     if (file.get() == 0)  // 0 says "busy" in a handle
-        file.reset(fcntl(0, F_DUPFD_CLOEXEC, 1));
+        file.reset(::fcntl(0, F_DUPFD_CLOEXEC, 1));
     if (file && (flags & O_TRUNC) != 0 && seen.st_nlink == 1 && seen.st_size != 0 &&
-        corvo::retryOnEintr([&] { return ftruncate(file.get(), 0); }) != 0)
+        corvo::retryOnEintr([&] { return ::ftruncate(file.get(), 0); }) != 0)
         file.reset();
     return file;
 }
@@ -49,11 +49,11 @@ lock_handle* makeHandle(char* lockPath) noexcept {
     return lock;
 }
 
-/// mk_lock_, silently; `opened` tells whether the lock file could be opened.
+// mk_lock_, silently; `opened` tells whether the lock file could be opened.
 lock_handle* takeLock(const char* path, int open_flags, int flock_op, int by_name,
                       bool& opened) noexcept {
     opened = true;
-    char* const lockPath = by_name != 0 ? mk_flock_path(path) : strdup(path);
+    char* const lockPath = by_name != 0 ? mk_flock_path(path) : ::strdup(path);
     if (lockPath == nullptr)
         return nullptr;
     if (keptLock && std::strcmp(keptLock->path, lockPath) == 0)
@@ -65,7 +65,7 @@ lock_handle* takeLock(const char* path, int open_flags, int flock_op, int by_nam
     opened = static_cast<bool>(file);
     if (!opened)
         return lock;
-    if (corvo::retryOnEintr([&] { return flock(file.get(), flock_op); }) == 0)
+    if (corvo::retryOnEintr([&] { return ::flock(file.get(), flock_op); }) == 0)
         lock->fd = file.release();
     else if (errno == EAGAIN)
         lock->fd = 0;
@@ -81,7 +81,7 @@ void logNotOpened(const lock_handle* lock) noexcept {
 char* mk_flock_path(const char* path) noexcept {
     char digest[MD5_HEX_SIZE];
     char* lockPath = nullptr;
-    if (asprintf(&lockPath, "%s/%s", LOCK_FOLDER, get_md5sum("", path, digest)) < 0)
+    if (::asprintf(&lockPath, "%s/%s", LOCK_FOLDER, get_md5sum("", path, digest)) < 0)
         return nullptr;
     return lockPath;
 }
@@ -104,7 +104,7 @@ lock_handle* mk_nonblock_lock(const char* path, int by_name) noexcept {
 
 corvo::UniqueFd lock_folder() noexcept {
     corvo::UniqueFd folder = corvo::safe_path::openDirectory(AT_FDCWD, LOCK_FOLDER);
-    if (folder && corvo::retryOnEintr([&] { return flock(folder.get(), LOCK_EX); }) != 0)
+    if (folder && corvo::retryOnEintr([&] { return ::flock(folder.get(), LOCK_EX); }) != 0)
         folder.reset();
     return folder;
 }
@@ -121,7 +121,7 @@ int rm_lock(lock_handle* lock) noexcept {
     if (lock == nullptr)
         return -1;
     int result = 0;
-    if (lock->fd > 0 && close(lock->fd) != 0) {
+    if (lock->fd > 0 && ::close(lock->fd) != 0) {
         messlog2(0, 0, "An error occured during closing '%s' file: %s\n",  // sic
                  lock->path, std::strerror(errno));
         result = -1;
@@ -136,7 +136,7 @@ void free_lock(lock_handle* lock) noexcept {
         return;
     const corvo::ErrnoGuard keepErrno;
     if (lock->fd > 0)
-        (void)close(lock->fd);
+        (void)::close(lock->fd);
     std::free(lock->path);
     std::free(lock);
 }

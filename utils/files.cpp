@@ -99,7 +99,7 @@ int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept
 
 int file_set_user_mode(const char* path, const char* user, mode_t mode) noexcept {
     errno = 0;
-    const struct passwd* const entry = getpwnam(user);
+    const struct passwd* const entry = ::getpwnam(user);
     if (entry == nullptr) {
         messlog2(0, 0, "user %s not found", user);
         if (errno == 0)
@@ -126,7 +126,7 @@ int create_file(const char* path) noexcept {
 
 int write_fully(int fd, std::string_view data) noexcept {
     while (!data.empty()) {
-        const ssize_t written = write(fd, data.data(), data.size());
+        const ssize_t written = ::write(fd, data.data(), data.size());
         if (written < 0 && errno != EAGAIN && errno != EINTR)
             return -1;
         if (written > 0)
@@ -146,7 +146,7 @@ ssize_t read_fully(int fd, char* buffer, std::size_t size) noexcept {
     std::size_t filled = 0;
     while (filled < size) {
         const ssize_t got =
-            corvo::retryOnEintr([&] { return read(fd, buffer + filled, size - filled); });
+            corvo::retryOnEintr([&] { return ::read(fd, buffer + filled, size - filled); });
         if (got < 0)
             return -1;
         if (got == 0)

@@ -13,7 +13,7 @@ char* asprintf_safe(const char* format, ...) noexcept {
     char* text = nullptr;
     va_list arguments;
     va_start(arguments, format);
-    const int length = vasprintf(&text, format, arguments);
+    const int length = ::vasprintf(&text, format, arguments);
     va_end(arguments);
     if (length >= 0)
         return text;

@@ -73,17 +73,17 @@ bool matchUrl(const char* url, regmatch_t (&parts)[URL_PARTS]) {
     char reason[256];
     regex_t pattern;
     errno = 0;  // the messages must not show an old one
-    int code = regcomp(&pattern, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
+    int code = ::regcomp(&pattern, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
     if (code != 0) {
-        regerror(code, &pattern, reason, sizeof reason);
+        ::regerror(code, &pattern, reason, sizeof reason);
         messlog2(1, 1, "regcomp() failed: %s", reason);
     }
-    code = regexec(&pattern, url, URL_PARTS, parts, 0);
+    code = ::regexec(&pattern, url, URL_PARTS, parts, 0);
     if (code != 0) {
-        regerror(code, &pattern, reason, sizeof reason);
+        ::regerror(code, &pattern, reason, sizeof reason);
         messlog2(0, 0, "regexec() failed: %s", reason);
     }
-    regfree(&pattern);
+    ::regfree(&pattern);
     return code == 0;
 }
 

@@ -22,7 +22,7 @@ constexpr std::size_t LONGEST_LINE = std::size_t{128} * 1024;  // bytes, with it
 
 bool isRegularFile(const char* path) {
     struct stat status {};
-    return stat(path, &status) == 0 && S_ISREG(status.st_mode);  // root-owned path
+    return ::stat(path, &status) == 0 && S_ISREG(status.st_mode);  // root-owned path
 }
 
 bool isHeader(std::string_view line) {
@@ -56,7 +56,7 @@ private:
         for (const auto& [key, value] : wanted_) {
             if (value != nullptr || std::strcmp(name, key) != 0)
                 continue;
-            value.reset(strdup(corvo_trim(equals + 1)));
+            value.reset(::strdup(corvo_trim(equals + 1)));
             --missing_;
             return value != nullptr;
         }
@@ -174,7 +174,7 @@ int get_ini_conf_var_bool(const char* path, const char* section, const char* key
     if (value == nullptr || *value == '\0')
         return fallback;
     for (const char* word : {"on", "true", "yes", "1"}) {
-        if (strcasecmp(value.get(), word) == 0)
+        if (::strcasecmp(value.get(), word) == 0)
             return 1;
     }
     return 0;

@@ -106,7 +106,7 @@ int writeAtEnd(corvo::UniqueFd& file, const char* const* list, const char* path)
 // Takes back what a failed append left behind: the next one would continue half a line.
 void takeBack(const Target& target, int file, const struct stat& former, bool isNew) noexcept {
     const corvo::ErrnoGuard keepErrno;
-    (void)!corvo::retryOnEintr([&] { return ftruncate(file, former.st_size); });
+    (void)!corvo::retryOnEintr([&] { return ::ftruncate(file, former.st_size); });
     if (isNew && target.isNameOf(file))
         (void)!safe_path::unlinkEntry(target.base(), target.name());
 }

@@ -32,7 +32,7 @@ constexpr std::size_t SYSLOG_MESSAGE_SIZE = 8192;  // bytes, the terminating zer
 
 // `text` may be `target` itself.
 void copyCut(char (&target)[64], const char* text) {
-    const std::size_t length = strnlen(text, sizeof target - 1);
+    const std::size_t length = ::strnlen(text, sizeof target - 1);
     std::memmove(target, text, length);
     target[length] = '\0';
 }
@@ -45,17 +45,17 @@ void takeTraceId() {
     }
     const auto initial = static_cast<unsigned char>(*program_invocation_short_name);
     (void)std::snprintf(LogTraceId, sizeof LogTraceId, "%c%ld", std::toupper(initial),
-                        static_cast<long>(getpid()));
-    (void)setenv(TRACE_ID_VARIABLE, LogTraceId, 1);
+                        static_cast<long>(::getpid()));
+    (void)::setenv(TRACE_ID_VARIABLE, LogTraceId, 1);
 }
 
 void openSyslog(int opts, const char* ident) {
-    closelog();
+    ::closelog();
     LogOpts = opts | LOG_PID;
     copyCut(LogIdent, ident != nullptr ? ident : program_invocation_short_name);
     if ((LogOpts & CORVO_LOG_TRACE) != 0)
         takeTraceId();
-    openlog(LogIdent, LogOpts & OPENLOG_OPTIONS, LogFacility);
+    ::openlog(LogIdent, LogOpts & OPENLOG_OPTIONS, LogFacility);
 }
 
 // The level that the environment asks for, or -1.
@@ -98,7 +98,7 @@ void corvo_log_set_level(int level) noexcept {
     if ((level & CORVO_LOG_ENV_LEVEL) != 0)
         LogLevel = std::max(LogLevel, environmentLevel());
     if (LogLocation == nullptr)
-        setlogmask(LOG_UPTO(LogLevel));
+        ::setlogmask(LOG_UPTO(LogLevel));
 }
 
 int corvo_log_get_opts() noexcept {
@@ -108,8 +108,8 @@ int corvo_log_get_opts() noexcept {
 void _corvo_utility_logv(int priority, const char* format, va_list arguments) {
     if (LogLevel < priority)
         return;
-    const bool bothStreams = LogLocation == nullptr || strcasecmp(LogLocation, "console") == 0;
-    if (!bothStreams && strcasecmp(LogLocation, "stderr") != 0)
+    const bool bothStreams = LogLocation == nullptr || ::strcasecmp(LogLocation, "console") == 0;
+    if (!bothStreams && ::strcasecmp(LogLocation, "stderr") != 0)
         return;
     writeLine(stderr, format, arguments);
     if (bothStreams)
@@ -126,14 +126,14 @@ void _corvo_utility_log(int priority, const char* format, ...) {
 void _corvo_utility_syslogv(int priority, const char* format, va_list arguments) {
     const corvo::ErrnoGuard keepErrno;
     if ((LogOpts & CORVO_LOG_TRACE) == 0 || *LogTraceId == '\0') {
-        vsyslog(priority, format, arguments);
+        ::vsyslog(priority, format, arguments);
         return;
     }
     char message[SYSLOG_MESSAGE_SIZE];
     const auto prefix =
         static_cast<std::size_t>(std::snprintf(message, sizeof message, "%s: ", LogTraceId));
     (void)std::vsnprintf(message + prefix, sizeof message - prefix, format, arguments);
-    syslog(priority, "%s", message);
+    ::syslog(priority, "%s", message);
 }
 
 void _corvo_utility_syslog(int priority, const char* format, ...) {

@@ -63,7 +63,7 @@ char* strtolower(char* text) noexcept {
 }
 
 char* strtolower_dynamic(const char* text) noexcept {
-    char* copy = strdup(text);
+    char* copy = ::strdup(text);
     if (copy == nullptr) {
         messlog2(0, 0, "System error: %s\n", std::strerror(errno));
         return nullptr;

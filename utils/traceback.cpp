@@ -52,7 +52,7 @@ void printSymbol(std::ostream& stream, std::string_view line, Demangler& demangl
 }  // namespace
 
 Traceback::Traceback(std::size_t innermost) noexcept {
-    const int captured = backtrace(frames.data(), static_cast<int>(frames.size()));
+    const int captured = ::backtrace(frames.data(), static_cast<int>(frames.size()));
     count = static_cast<std::size_t>(std::max(captured, 0));
     skip = std::min(innermost, count);
 }
@@ -95,7 +95,7 @@ void Traceback::printSymbols(std::ostream& stream) const {
 std::ostream& operator<<(std::ostream& stream, const Traceback& traceback) {
     if (traceback.symbols == nullptr)
         traceback.symbols =
-            backtrace_symbols(traceback.frames.data(), static_cast<int>(traceback.count));
+            ::backtrace_symbols(traceback.frames.data(), static_cast<int>(traceback.count));
     if (traceback.symbols == nullptr || traceback.skip == traceback.count)
         traceback.printAddresses(stream);
     else
