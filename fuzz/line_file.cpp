@@ -116,7 +116,7 @@ void perform(const std::string& path, const Texts& listed, int action, int where
     list.push_back(nullptr);
     require(file_strings(path.c_str(), list.data(), action, where) == 0, "the file is changed");
     require(::access((path + ".tmp").c_str(), F_OK) != 0, "no temporary file is left");
-    struct stat status {};
+    struct stat status = {};
     require(::stat(path.c_str(), &status) == 0 && (status.st_mode & 07777U) == MODE,
             "the file keeps its mode");
 }

@@ -24,7 +24,7 @@ public:
     }
 
 private:
-    regex_t pattern_{};
+    regex_t pattern_ = {};
     std::size_t longest_;
 };
 

@@ -54,7 +54,7 @@ void requireSize(const std::string& folder, long long before, long long size) {
     require(bytes == (size > LARGEST - before ? LARGEST : before + size),
             "the size is the one in the name, or on the disk");
     require(messages == 2, "the message is counted once");
-    struct stat status {};
+    struct stat status = {};
     require(::stat(folder.c_str(), &status) == 0 && newest == status.st_mtime,
             "the newest time is the folder's");
 }

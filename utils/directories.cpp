@@ -114,7 +114,7 @@ int make_dir(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
         messlog2(0, 0, "ERROR: Unable to mkdir %s: %s\n", path, std::strerror(errno));
         return -1;
     }
-    safe_path::PermissionStep failed{};
+    safe_path::PermissionStep failed = {};
     if (safe_path::setOwnerAndMode(AT_FDCWD, path, uid, gid, mode, &failed) == 0 || errno == ENOENT)
         return 0;
     if (failed == safe_path::PermissionStep::chmod)

@@ -79,7 +79,7 @@ int readLine(std::FILE* stream, char* buffer, std::size_t size) noexcept {
 }  // namespace
 
 int file_set_perms_internal(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
-    PermissionStep failed{};
+    PermissionStep failed = {};
     if (safe_path::setOwnerAndMode(AT_FDCWD, path, uid, gid, mode, &failed) == 0)
         return 0;
     logPermissionFailure(path, failed);
@@ -88,7 +88,7 @@ int file_set_perms_internal(const char* path, uid_t uid, gid_t gid, mode_t mode)
 
 int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) noexcept {
     errno = 0;
-    PermissionStep failed{};
+    PermissionStep failed = {};
     if (safe_path::setOwnerAndMode(AT_FDCWD, path, uid, gid, mode, &failed) == 0)
         return 0;
     if (failed == PermissionStep::open && isOutOfReach(path))

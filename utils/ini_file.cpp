@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t LONGEST_LINE = std::size_t{128} * 1024;  // bytes, with its newline
 
 bool isRegularFile(const char* path) {
-    struct stat status {};
+    struct stat status = {};
     return ::stat(path, &status) == 0 && S_ISREG(status.st_mode);  // root-owned path
 }
 

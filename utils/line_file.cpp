@@ -75,7 +75,7 @@ mode_t specialBits(const Target& target, int file, const struct stat& former) no
 int restorePermissions(const Target& target, int file, int old,
                        const struct stat& former) noexcept {
     const mode_t mode = (former.st_mode & ACCESSPERMS) | specialBits(target, old, former);
-    safe_path::PermissionStep failed{};
+    safe_path::PermissionStep failed = {};
     if (safe_path::setOwnerAndMode(file, former.st_uid, former.st_gid, mode, &failed) == 0)
         return 0;
     const char* const path = target.path();

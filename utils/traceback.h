@@ -32,7 +32,7 @@ private:
 
     std::size_t count = 0;  // frames captured
     std::size_t skip = 0;   // at most count
-    std::array<void*, 11> frames{};
+    std::array<void*, 11> frames = {};
     mutable char** symbols = nullptr;  // one block of backtrace_symbols
 };
 

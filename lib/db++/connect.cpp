@@ -86,7 +86,7 @@ UniqueCString readAdminPassword(const Failure& failure) noexcept {
         explain(failure, "Unable to open admin password file: %s", std::strerror(errno));
         return nullptr;
     }
-    struct stat status {};
+    struct stat status = {};
     if (::stat(ADMIN_PASSWORD_FILE, &status) != 0) {
         explain(failure, "Unable to get admin password file stat: %s", std::strerror(errno));
         return nullptr;
