@@ -40,7 +40,7 @@ int set_check_quota_handler(int permanent) noexcept {
     for (const int queue : QUEUES) {
         record.queue = queue;
         if (mh_db_add(nullptr, &record) < 0) {
-            corvo_log(3, "Unable to add check-quota mail handler.");
+            corvo::Log().line(LOG_ERR, "Unable to add check-quota mail handler.");
             return -1;
         }
     }

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int PRIORITY = 12;  // LOG_USER | LOG_WARNING
+constexpr int PRIORITY = LOG_USER | LOG_WARNING;  // 12
 constexpr std::size_t FIRST_CAPACITY = 20;
 constexpr const char* BLANKS = " \t\n\v\f\r";
 
@@ -53,12 +53,13 @@ int readLine(char* line, conf_store* store) {
         ++end;
     char* value = end + std::strspn(end, BLANKS);
     if (end == name || (value == end && *end != '\0')) {
-        corvo_log(PRIORITY,
-                  "Invalid variable definition %s\nExpected a space after variable name\n", name);
+        corvo::Log().line(PRIORITY,
+                          "Invalid variable definition %s\nExpected a space after variable name\n",
+                          name);
         return 0;
     }
     if (*value == '\0' || *value == '#') {
-        corvo_log(PRIORITY, "Invalid variable definition %s\nExpected a value", name);
+        corvo::Log().line(PRIORITY, "Invalid variable definition %s\nExpected a value", name);
         return 0;
     }
     *end = '\0';
@@ -74,8 +75,7 @@ int readLines(std::FILE* file, conf_store* store) {
         result = readLine(line, store);
     const corvo::UniqueCString freeLine(line);
     if (result == 0 && std::feof(file) == 0) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(PRIORITY, "Unable to read configuration file: %s", std::strerror(errno));
+        corvo::Log().line(PRIORITY, "Unable to read configuration file: %s", std::strerror(errno));
         result = -1;
     }
     return result;
@@ -91,7 +91,7 @@ int conf_init_r(conf_store* store) noexcept {
     auto* entries =
         static_cast<conf_entry*>(::reallocarray(store->entries, capacity, sizeof(conf_entry)));
     if (entries == nullptr) {
-        corvo_log(PRIORITY, "Unable to read configuration: %s", std::strerror(ENOMEM));
+        corvo::Log().line(PRIORITY, "Unable to read configuration: %s", std::strerror(ENOMEM));
         errno = ENOMEM;
         return -1;
     }
@@ -107,7 +107,7 @@ int conf_set_r(const char* name, const char* value, conf_store* store) noexcept 
     corvo::UniqueCString nameCopy(::strdup(name));
     corvo::UniqueCString valueCopy(::strdup(value));
     if (nameCopy == nullptr || valueCopy == nullptr) {
-        corvo_log(PRIORITY, "Unable to form configuration: %s", std::strerror(ENOMEM));
+        corvo::Log().line(PRIORITY, "Unable to form configuration: %s", std::strerror(ENOMEM));
         errno = ENOMEM;
         return -1;
     }
@@ -143,9 +143,8 @@ int conf_read_file_r(const char* path, conf_store* store) noexcept {
         return -1;
     const corvo::UniqueFile file(std::fopen(path, "re"));  // root-owned path
     if (file == nullptr) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(PRIORITY, "unable to open configuration file %s: %s\n", path,
-                  std::strerror(errno));
+        corvo::Log().line(PRIORITY, "unable to open configuration file %s: %s\n", path,
+                          std::strerror(errno));
         return -1;
     }
     if (readLines(file.get(), store) != 0)

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,11 +21,10 @@ using safe_path::PermissionStep;
 
 // What setOwnerAndMode could not do. Keeps errno.
 void logPermissionFailure(const char* path, PermissionStep failed) noexcept {
-    const corvo::ErrnoGuard keepErrno;
     if (failed == PermissionStep::chmod)
-        corvo_log(LOG_ERR, "ERROR: unable to chmod %s: %s\n", path, std::strerror(errno));
+        corvo::Log().line(LOG_ERR, "ERROR: unable to chmod %s: %s\n", path, std::strerror(errno));
     else
-        corvo_log(LOG_ERR, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
+        corvo::Log().line(LOG_ERR, "ERROR: unable to chown %s: %s\n", path, std::strerror(errno));
 }
 
 // Whether an open that failed with errno says that nothing is at the path, or no way leads to it.
@@ -112,8 +110,8 @@ int file_set_user_mode(const char* path, const char* user, mode_t mode) noexcept
 int create_empty_file(const char* path) noexcept {
     if (openAndClose(path, O_WRONLY | O_CREAT | O_TRUNC) == 0)
         return 0;
-    const corvo::ErrnoGuard keepErrno;
-    corvo_log(LOG_ERR, "Unable to truncate or create file %s: %s", path, std::strerror(errno));
+    corvo::Log().line(LOG_ERR, "Unable to truncate or create file %s: %s", path,
+                      std::strerror(errno));
     return -1;
 }
 

@@ -1,16 +1,20 @@
 // The levelled logger, on the standard streams or to syslog.
 //
-// Priorities are syslog's: 0 (emergency) to 7 (debug), 3 is an error. Before corvo_log_init the
-// logger prints priorities 0 to 6, each line to standard error and to standard output. Nothing
-// here returns a result or throws, results of writes are ignored, and no prefix, time stamp or
-// level name is added. A text that ends in "\n" gets its newline all the same: a blank line
-// follows it. Logging leaves errno as it was.
+// Priorities are syslog's, with the names of <syslog.h>: 0 (LOG_EMERG) to 7 (LOG_DEBUG), 3
+// (LOG_ERR) is an error. Before corvo_log_init the logger prints priorities 0 to 6, each line to
+// standard error and to standard output. Nothing here returns a result or throws, results of writes
+// are ignored, and no prefix, time stamp or level name is added. A text that ends in "\n" gets its
+// newline all the same: a blank line follows it. Logging leaves errno as it was.
 //
 // All state is process-wide and unlocked.
 
 #pragma once
 
+#include <syslog.h>
+
 #include <cstdarg>
+
+#include "utils/guards.h"
 
 /// Highest priority that the stream writers still print: 6 until corvo_log_set_level.
 extern int LogLevel;
@@ -33,8 +37,8 @@ inline constexpr int CORVO_LOG_TRACE = 0x40;
 /// Bit of a level: CORVO_LOG_LEVEL in the environment may raise it.
 inline constexpr int CORVO_LOG_ENV_LEVEL = 8;
 
-/// Log a line through the writers chosen by corvo_log_init. Every caller goes through these two;
-/// a program may point them at functions of its own.
+/// Log a line through the writers chosen by corvo_log_init. A program may point them at functions
+/// of its own. The libraries write all their lines through corvo_log, by corvo::Log.
 extern void (*corvo_log)(int priority, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 extern void (*corvo_logv)(int priority, const char* format, va_list arguments)
@@ -72,3 +76,24 @@ void _corvo_utility_syslog(int priority, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 void _corvo_utility_syslogv(int priority, const char* format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
+
+namespace corvo {
+
+/// Writes a line through corvo_log, and leaves errno as it was whatever corvo_log points to:
+///
+///     corvo::Log().line(LOG_ERR, "Unable to open '%s': %s", path, std::strerror(errno));
+class Log {
+public:
+    Log() = default;
+    ~Log() = default;  // puts errno back
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
+
+    void (*const line)(int priority, const char* format, ...)
+        __attribute__((format(printf, 2, 3))) = corvo_log;
+
+private:
+    ErrnoGuard keepErrno_;
+};
+
+}  // namespace corvo

@@ -1,7 +1,5 @@
 #include "utils/runtime_config.h"
 
-#include <syslog.h>
-
 #include <cstdlib>
 #include <cstring>
 
@@ -90,7 +88,8 @@ int autoprepend() {
         return 0;
     auto* store = static_cast<conf_store*>(std::calloc(1, sizeof(conf_store)));
     if (store == nullptr) {
-        corvo_log(LOG_ERR, "Not enough memory to allocate Corvo runtime configuration structure");
+        corvo::Log().line(LOG_ERR,
+                          "Not enough memory to allocate Corvo runtime configuration structure");
         return -1;
     }
     if (conf_read_file_r(CONFIGURATION_FILE, store) != 0) {
@@ -124,7 +123,8 @@ const char* vhcConfGetDefault(const char* name) noexcept {
         if (std::strcmp(name, theVhcConfNames[index]) == 0)
             return vhcConfGetDefaultByIndex(index);
     }
-    corvo_log(LOG_ERR, "variable '%s' was found neither in %s, nor in compile-time defaults", name,
-              CONFIGURATION_FILE);
+    corvo::Log().line(LOG_ERR,
+                      "variable '%s' was found neither in %s, nor in compile-time defaults", name,
+                      CONFIGURATION_FILE);
     return nullptr;
 }

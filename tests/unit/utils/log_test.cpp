@@ -48,6 +48,11 @@ __attribute__((format(printf, 2, 3))) void rememberPriority(int priority, const 
     rememberedPriority = priority;
 }
 
+// As a program's own function may be.
+__attribute__((format(printf, 2, 3))) void changeErrno(int, const char*, ...) {
+    errno = EIO;
+}
+
 class Logger : public ::testing::Test {
 protected:
     void TearDown() override { resetLogger(); }
@@ -155,6 +160,19 @@ TEST_F(Logger, CanBeReplacedByTheProgram) {
     corvo_log = rememberPriority;
     corvo_log(5, "x");
     EXPECT_EQ(rememberedPriority, 5);
+}
+
+TEST_F(Logger, LinesOfTheHouseLeaveErrnoAloneWhoeverWritesThem) {
+    corvo_log = changeErrno;
+    errno = ENOENT;
+    Log().line(LOG_ERR, "%s", "x");
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Logger, LinesOfTheHouseGoWhereCorvoLogPoints) {
+    corvo_log = rememberPriority;
+    Log().line(LOG_NOTICE, "x");
+    EXPECT_EQ(rememberedPriority, LOG_NOTICE);
 }
 
 TEST_F(Logger, IsRaisedButNeverLoweredByTheEnvironment) {
