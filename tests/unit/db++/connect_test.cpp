@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <mysql.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include <memory>
 
 #include "tests/support/capture.h"
+#include "tests/support/failing_call.h"
 #include "tests/support/files.h"
 #include "tests/support/memory.h"
 #include "tests/support/panel.h"
@@ -342,6 +344,16 @@ TEST_F(ConnectTest, TakesNoDefaultsWithoutMemoryForWhatTheDsnFileSays) {
     });
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "\nUnable to allocate memory for password, 12");
+}
+
+TEST_F(ConnectTest, TakesNoDefaultsWhenThatCannotBeReportedEither) {
+    const auto result = corvo::test::runForked([&] {
+        ::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+        corvo::test::failSystemCall(SYS_openat, ENOMEM);
+        const bool refused = corvo_db_connect_raw_ex(reason, sizeof reason) == nullptr;
+        (void)std::printf("%s, %d", reason, refused ? errno : 0);
+    });
+    EXPECT_EQ(result.out, "Unable to allocate memory for password, 12");
 }
 
 // Failing connections

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 
 #include "tests/support/capabilities.h"
 #include "tests/support/capture.h"
+#include "tests/support/failing_call.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -261,6 +263,29 @@ TEST_F(DirectoriesTest, SizeBeyondTheLargestNumberIsHeldThere) {
         ASSERT_EQ(::ftruncate(file.get(), LLONG_MAX), 0);
     }
     EXPECT_EQ(get_dir_size(DIR_PATH.c_str()), LLONG_MAX);
+}
+
+// What is listed is gone when it is looked at, or when it is entered.
+TEST_F(DirectoriesTest, SizeLeavesOutWhatVanishesMeanwhile) {
+    writeFile(DIR_PATH + "/e/file", "12345");
+    for (const long vanished : {SYS_newfstatat, SYS_openat}) {
+        const ProcessResult result = runForked([&] {
+            failSystemCall(vanished, ENOENT);
+            ::_exit(get_dir_size(DIR_PATH.c_str()) == 0 ? 0 : 1);
+        });
+        EXPECT_EQ(result.status, 0) << "system call " << vanished;
+    }
+}
+
+TEST_F(DirectoriesTest, SizeIsUnknownWhereAnEntryCannotBeSeen) {
+    writeFile(DIR_PATH + "/e/file", "12345");
+    for (const long failing : {SYS_newfstatat, SYS_openat}) {
+        const ProcessResult result = runForked([&] {
+            failSystemCall(failing, EIO);
+            ::_exit(get_dir_size(DIR_PATH.c_str()) == -1 && errno == EIO ? 0 : 1);
+        });
+        EXPECT_EQ(result.status, 0) << "system call " << failing;
+    }
 }
 
 TEST_F(DirectoriesTest, TreesAreEnteredToTheDepthLimit) {

@@ -1,6 +1,7 @@
 #include "utils/ini_file.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -251,6 +252,20 @@ TEST_F(IniFile, ReportsAFileThatCannotBeOpenedOncePerValue) {
     EXPECT_EQ(result.status, 0);
     const std::string once = std::string("Failed to open ") + PATH + ": Too many open files";
     EXPECT_EQ(result.err, once + once);
+}
+
+TEST_F(IniFile, KeepsErrnoWhenNothingCanBeReported) {
+    writeFile(PATH, "[panel]\na = 1\n");
+    const ProcessResult result = runForked([] {
+        ::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+        const rlimit noMore{3, 3};
+        (void)::setrlimit(RLIMIT_NOFILE, &noMore);
+        UniqueCString a;
+        UniqueCString b;
+        const ini_value wanted[] = {{"a", a}, {"b", b}};
+        ::_exit(get_ini_conf_vars(PATH, "panel", wanted) == -1 && errno == EMFILE ? 0 : 1);
+    });
+    EXPECT_EQ(result.status, 0);
 }
 
 TEST_F(IniFile, GivesTheFallbackForASwitchThatIsMissingOrEmpty) {
