@@ -105,6 +105,12 @@ std::string StreamCapture::err() {
     return take(err_);
 }
 
+std::string StreamCapture::both() {
+    const std::string text = err();
+    EXPECT_EQ(out(), text) << "standard output is not what standard error is";
+    return text;
+}
+
 CapturePause::CapturePause() {
     flushAll();
     const StreamCapture* oldest = StreamCapture::newest;

@@ -19,6 +19,10 @@ public:
     std::string out();
     std::string err();
 
+    /// What came on both streams alike since the last look at them; fails the test where they
+    /// differ.
+    std::string both();
+
 private:
     friend class CapturePause;
 

@@ -166,4 +166,10 @@ int openDescriptors() {
     return static_cast<int>(std::distance(begin(entries), end(entries))) - 1;
 }
 
+mode_t currentUmask() {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return mask;
+}
+
 }  // namespace corvo::test

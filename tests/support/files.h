@@ -43,5 +43,6 @@ std::string fingerprint(const std::string& path);
 
 /// Open descriptors of this process.
 int openDescriptors();
+mode_t currentUmask();
 
 }  // namespace corvo::test

@@ -2,9 +2,9 @@
 
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
+
+#include "tests/support/second_process.h"
 
 namespace corvo::test {
 
@@ -14,15 +14,12 @@ class LeaseHolder {
 public:
     /// Throws std::runtime_error when there is no lease to be had.
     explicit LeaseHolder(const std::string& path);
-    ~LeaseHolder();
-    LeaseHolder(const LeaseHolder&) = delete;
-    LeaseHolder& operator=(const LeaseHolder&) = delete;
 
-    /// Whether the process was told so, and has given way by now.
-    bool gaveWay();
+    /// Whether the process was told so, and has given way by now. Once only.
+    bool gaveWay() { return process_.endedWell(); }
 
 private:
-    pid_t child_ = -1;
+    SecondProcess process_;
 };
 
 }  // namespace corvo::test

@@ -90,4 +90,16 @@ std::vector<std::string> sqliteRows(const std::string& path, const std::string& 
     return rows;
 }
 
+std::string integrityOf(const std::string& path) {
+    return sqliteRows(path, "PRAGMA integrity_check").at(0);
+}
+
+void refuseRows(const std::string& path, const std::string& table, const std::string& condition) {
+    const std::string index = "CREATE INDEX refuse ON " + table;
+    // Rows that are there already would not let the index be made.
+    sqliteExecute(path, index + "(abs(0)); PRAGMA writable_schema = ON; UPDATE sqlite_master " +
+                            "SET sql = '" + index + "(abs(iif(" + condition +
+                            ", -9223372036854775808, 0)))' WHERE name = 'refuse'");
+}
+
 }  // namespace corvo::test

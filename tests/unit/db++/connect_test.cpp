@@ -332,8 +332,7 @@ TEST_F(ConnectTest, RefusesAPasswordFileThatNoMemoryHolds) {
 }
 
 TEST_F(ConnectTest, TakesNoDefaultsWithoutMemoryForWhatTheDsnFileSays) {
-    if (!corvo::test::canExhaustMemory())
-        GTEST_SKIP() << "the sanitizer's allocator never returns null";
+    corvo::test::requireExhaustibleMemory();
     writeFile(DSN, "[corvo]\nhost = elsewhere\n");
     const auto result = corvo::test::runForked([&] {
         corvo::test::exhaustMemory();

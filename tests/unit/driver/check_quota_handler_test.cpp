@@ -2,16 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "tests/support/capture.h"
 #include "tests/support/installation.h"
+#include "tests/support/logging.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/sqlite.h"
-#include "utils/log.h"
 
 namespace {
 
@@ -29,48 +27,19 @@ std::string record(const std::string& queue, const std::string& context) {
 const Rows TEMPORARY = {record("1", "none"), record("4", "none"), FOREIGN};
 const Rows PERMANENT = {record("1", "permanent"), record("4", "permanent"), FOREIGN};
 
-class CheckQuotaHandlerTest : public SandboxTest {
+class CheckQuotaHandlerTest : public LoggingTest {
 protected:
-    CheckQuotaHandlerTest() {
-        installMailServer();
-        corvo_log = &logError;
-    }
-    ~CheckQuotaHandlerTest() override { corvo_log = log; }
+    CheckQuotaHandlerTest() { installMailServer(); }
 
     /// From now on what adds or removes records for which `condition` holds fails.
     static void refuse(const std::string& condition) {
-        const std::string index = "CREATE INDEX refuse ON handlers ";
-        // Records that are there already would not let the index be made.
-        sqliteExecute(HANDLERS, index +
-                                    "(abs(0)); PRAGMA writable_schema = ON; UPDATE sqlite_master " +
-                                    "SET sql = '" + index + "(abs(iif(" + condition +
-                                    ", -9223372036854775808, 0)))' WHERE name = 'refuse'");
+        refuseRows(HANDLERS, "handlers", condition);
     }
-    void expectLogged(const std::string& text) {
-        const std::string err = output.err();
-        const std::string out = output.out();
-        EXPECT_EQ(err, text);
-        EXPECT_EQ(out, text);
-    }
-    // Every line of these functions is an error.
-    static void logError(int priority, const char* format, ...)
-        __attribute__((format(printf, 2, 3))) {
-        EXPECT_EQ(priority, 3) << format;
-        va_list arguments;
-        va_start(arguments, format);
-        corvo_logv(priority, format, arguments);
-        va_end(arguments);
-    }
-
-    StreamCapture output;
-
-private:
-    decltype(corvo_log) log = corvo_log;
 };
 
-const std::string NOT_ADDED = "Unable to add check-quota mail handler.\n";
-const std::string REFUSED =
-    "Unable to execute insert record into handlers database: integer overflow\n" + NOT_ADDED;
+const std::string NOT_ADDED = "Unable to add check-quota mail handler.";
+const std::string NOT_INSERTED =
+    "Unable to execute insert record into handlers database: integer overflow";
 
 TEST_F(CheckQuotaHandlerTest, EveryPairOfSettings) {
     const struct {
@@ -111,14 +80,14 @@ TEST_F(CheckQuotaHandlerTest, SettingAloneRemovesNothing) {
 TEST_F(CheckQuotaHandlerTest, FirstFailureMeansNoSecondAdd) {
     refuse("queue = 1");
     EXPECT_EQ(restore_check_quota_handler(1, 0), -1);
-    expectLogged(REFUSED);
+    expectLogged({NOT_INSERTED, NOT_ADDED});
     EXPECT_EQ(handlerRows(), Rows{FOREIGN});
 }
 
 TEST_F(CheckQuotaHandlerTest, SecondFailureLeavesTheFirstRecord) {
     refuse("queue = 4");
     EXPECT_EQ(restore_check_quota_handler(1, 0), -1);
-    expectLogged(REFUSED);
+    expectLogged({NOT_INSERTED, NOT_ADDED});
     EXPECT_EQ(handlerRows(), (Rows{record("1", "none"), FOREIGN}));
 }
 
@@ -127,20 +96,20 @@ TEST_F(CheckQuotaHandlerTest, FailedRemovalIsIgnored) {
                   "INSERT INTO handlers VALUES (7, 4, 0, 9, 'check-quota', 'all', 'e', 'old', 1)");
     refuse("enabled = 0");
     EXPECT_EQ(restore_check_quota_handler(1, 0), 0);
-    expectLogged("Unable to execute do action on handlers database: integer overflow\n");
+    expectLogged({"Unable to execute do action on handlers database: integer overflow"});
     EXPECT_EQ(handlerRows().size(), 4U);
     EXPECT_EQ(restore_check_quota_handler(0, 0), 0);
-    expectLogged("Unable to execute do action on handlers database: integer overflow\n");
+    expectLogged({"Unable to execute do action on handlers database: integer overflow"});
 }
 
 TEST_F(CheckQuotaHandlerTest, MissingDatabaseIsReportedByEachStep) {
     std::filesystem::remove_all("/var/lib/corvo/mail");
     const std::string notOpened =
-        "Unable to open database " + HANDLERS + ": unable to open database file\n";
+        "Unable to open database " + HANDLERS + ": unable to open database file";
     EXPECT_EQ(restore_check_quota_handler(0, 0), 0);
-    expectLogged(notOpened);
+    expectLogged({notOpened});
     EXPECT_EQ(restore_check_quota_handler(1, 0), -1);
-    expectLogged(notOpened + notOpened + NOT_ADDED);
+    expectLogged({notOpened, notOpened, NOT_ADDED});
 }
 
 }  // namespace

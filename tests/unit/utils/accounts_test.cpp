@@ -9,8 +9,8 @@
 #include <functional>
 #include <string>
 
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/memory.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -20,27 +20,9 @@ using namespace corvo::test;
 
 namespace {
 
-class AccountsTest : public SandboxTest {
-protected:
-    /// What came on both streams alike.
-    std::string message() {
-        std::string text = capture_.err();
-        EXPECT_EQ(capture_.out(), text);
-        return text;
-    }
+class AccountsTest : public LoggingTest {};
 
-private:
-    StreamCapture capture_;
-};
-
-// Without a capture, which would take the note about a skipped test for output.
-class AccountsWithoutMemoryTest : public SandboxTest {
-protected:
-    void SetUp() override {
-        if (!canExhaustMemory())
-            GTEST_SKIP() << "the allocator ends the process instead";
-    }
-};
+class AccountsWithoutMemoryTest : public WithoutMemoryTest {};
 
 /// Runs in a child whose databases can be opened but not read.
 ProcessResult runWithUnreadableDatabases(const std::function<void()>& body) {

@@ -4,14 +4,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/memory.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -139,35 +138,21 @@ TEST(ConfStore, FreesNothingForNull) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-/// Collects what is logged: the stream writers never print these priorities.
-class ConfFile : public SandboxTest {
+class ConfFile : public LoggingTest {
 protected:
-    ConfFile() {
-        logged.clear();
-        corvo_log = record;
-    }
-    void TearDown() override { corvo_log = _corvo_utility_log; }
-
     int read(const std::string& contents) {
         writeFile(PATH, contents);
         return conf_read_file_r(PATH, store.get());
     }
 
     static constexpr const char* PATH = "/etc/vhc/test.conf";
-    static inline std::string logged;  // "<priority>text|" for each message
     Store store = newStore();
-
-private:
-    __attribute__((format(printf, 2, 3))) static void record(int priority, const char* format,
-                                                             ...) {
-        char text[1024];
-        va_list arguments;
-        va_start(arguments, format);
-        std::vsnprintf(text, sizeof text, format, arguments);
-        va_end(arguments);
-        logged += "<" + std::to_string(priority) + ">" + text + "|";
-    }
 };
+
+/// What is logged with the priority of configurations, which the stream writers never print.
+LoggedLines unprinted(const std::string& text) {
+    return {{text, 12}};
+}
 
 TEST_F(ConfFile, GivesValuesWithoutBlanksAroundAndComments) {
     const struct {
@@ -189,7 +174,7 @@ TEST_F(ConfFile, GivesValuesWithoutBlanksAroundAndComments) {
         EXPECT_STREQ(conf_get_r("NAME", store.get()), value) << line;
         EXPECT_EQ(store->count, 1U);
     }
-    EXPECT_EQ(logged, "");
+    EXPECT_EQ(LogRecorder::all(), LoggedLines());
 }
 
 TEST_F(ConfFile, KnowsNamesOfLettersDigitsAndUnderscores) {
@@ -199,8 +184,8 @@ TEST_F(ConfFile, KnowsNamesOfLettersDigitsAndUnderscores) {
 }
 
 TEST_F(ConfFile, SkipsAndReportsLinesThatAreNoDefinition) {
-    const std::string space = "\nExpected a space after variable name\n|";
-    const std::string value = "\nExpected a value|";
+    const std::string space = "\nExpected a space after variable name\n";
+    const std::string value = "\nExpected a value";
     const struct {
         const char* line;
         std::string message;
@@ -216,9 +201,8 @@ TEST_F(ConfFile, SkipsAndReportsLinesThatAreNoDefinition) {
         {"NAME # c\n", "NAME # c" + value},
     };
     for (const auto& [line, message] : cases) {
-        logged.clear();
         EXPECT_EQ(read(std::string("FIRST 1\n") + line), 0) << line;
-        EXPECT_EQ(logged, "<12>Invalid variable definition " + message);
+        EXPECT_EQ(LogRecorder::all(), unprinted("Invalid variable definition " + message));
         EXPECT_EQ(pairsOf(store), "FIRST=1");
     }
 }
@@ -226,7 +210,8 @@ TEST_F(ConfFile, SkipsAndReportsLinesThatAreNoDefinition) {
 TEST_F(ConfFile, GoesOnAfterALineThatIsNoDefinition) {
     EXPECT_EQ(read("A 1\n=\nB 2\n"), 0);
     EXPECT_EQ(pairsOf(store), "A=1 B=2");
-    EXPECT_EQ(logged, "<12>Invalid variable definition =\nExpected a space after variable name\n|");
+    EXPECT_EQ(LogRecorder::all(),
+              unprinted("Invalid variable definition =\nExpected a space after variable name\n"));
 }
 
 TEST_F(ConfFile, ReadsLinesOfAnyLength) {
@@ -251,7 +236,7 @@ TEST_F(ConfFile, ReadsManyLinesIntoAGrowingSortedStore) {
 TEST_F(ConfFile, ReadsAnEmptyFile) {
     EXPECT_EQ(read(""), 0);
     EXPECT_EQ(store->count, 0U);
-    EXPECT_EQ(logged, "");
+    EXPECT_EQ(LogRecorder::all(), LoggedLines());
 }
 
 TEST_F(ConfFile, AddsToAStoreThatHasPairs) {
@@ -264,65 +249,51 @@ TEST_F(ConfFile, AddsToAStoreThatHasPairs) {
 TEST_F(ConfFile, ReportsAMissingFile) {
     EXPECT_EQ(conf_read_file_r(PATH, store.get()), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(logged,
-              "<12>unable to open configuration file /etc/vhc/test.conf: No such file or "
-              "directory\n|");
+    EXPECT_EQ(LogRecorder::all(),
+              unprinted("unable to open configuration file /etc/vhc/test.conf: No such file or "
+                        "directory\n"));
 }
 
 TEST_F(ConfFile, ReportsAFileThatCannotBeRead) {
     EXPECT_EQ(conf_read_file_r("/etc/vhc", store.get()), -1);
     EXPECT_EQ(errno, EISDIR);
-    EXPECT_EQ(logged, "<12>Unable to read configuration file: Is a directory|");
+    EXPECT_EQ(LogRecorder::all(), unprinted("Unable to read configuration file: Is a directory"));
 }
 
 TEST_F(ConfFile, PrintsNoMessagesOnTheStreams) {
-    const StreamCapture streams;  // fails the test for any output
-    corvo_log = _corvo_utility_log;
     EXPECT_EQ(read("NAME\n=\n"), 0);
     EXPECT_EQ(conf_read_file_r("/nonexistent", store.get()), -1);
+    expectLogged({});
 }
 
-__attribute__((format(printf, 2, 3))) void printLog(int priority, const char* format, ...) {
-    (void)std::fprintf(stderr, "<%d>", priority);
-    va_list arguments;
-    va_start(arguments, format);
-    (void)std::vfprintf(stderr, format, arguments);
-    va_end(arguments);
-}
-
-/// Runs `body` in a child whose logged messages come on standard error; it tells by its result that
-/// all was as expected.
-template <typename Body>
-ProcessResult runLogging(Body body) {
-    return runForked([&] {
-        corvo_log = printLog;
-        if (!body())
-            _exit(1);
-    });
-}
-
-class ConfStoreWithoutMemory : public SandboxTest {
+class ConfStoreWithoutMemory : public WithoutMemoryTest {
 protected:
-    void SetUp() override {
-        if (!canExhaustMemory())
-            GTEST_SKIP() << "the sanitizer's allocator never returns null";
+    /// Runs `body` in a child; it tells by its result whether all was as expected.
+    template <typename Body>
+    static void runInChild(Body body) {
+        const ProcessResult result = runForked([&] {
+            if (!body())
+                _exit(1);
+        });
+        EXPECT_EQ(result.status, 0);
     }
 
     Store store = newStore();
+    LogRecorder log;
 };
 
 TEST_F(ConfStoreWithoutMemory, CannotBePrepared) {
-    const ProcessResult result = runLogging([&] {
+    runInChild([&] {
         exhaustMemory();
         return conf_read_file_r("/etc/vhc/test.conf", store.get()) == -1 && errno == ENOMEM;
     });
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "<12>Unable to read configuration: Cannot allocate memory");
+    EXPECT_EQ(LogRecorder::all(),
+              unprinted("Unable to read configuration: Cannot allocate memory"));
 }
 
 TEST_F(ConfStoreWithoutMemory, CannotGrowButKeepsItsPairs) {
     const std::string name(2000, 'n');
-    const ProcessResult result = runLogging([&] {
+    runInChild([&] {
         fill(store, 20);
         const std::string before = pairsOf(store);
         exhaustMemory(4096);  // for the two copies, not for 40 slots beside them
@@ -330,41 +301,41 @@ TEST_F(ConfStoreWithoutMemory, CannotGrowButKeepsItsPairs) {
                store->capacity == 20 && store->count == 20 &&
                std::string_view(conf_get_r("NAME19", store.get())) == "19";
     });
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "<12>Unable to read configuration: Cannot allocate memory");
+    EXPECT_EQ(LogRecorder::all(),
+              unprinted("Unable to read configuration: Cannot allocate memory"));
 }
 
 TEST_F(ConfStoreWithoutMemory, CannotCopyStrings) {
-    const ProcessResult result = runLogging([&] {
+    runInChild([&] {
         conf_init_r(store.get());
         exhaustMemory();
         return conf_set_r("A", "1", store.get()) == -1 && errno == ENOMEM && store->count == 0;
     });
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "<12>Unable to form configuration: Cannot allocate memory");
+    EXPECT_EQ(LogRecorder::all(),
+              unprinted("Unable to form configuration: Cannot allocate memory"));
 }
 
 TEST_F(ConfStoreWithoutMemory, FailsToReadAPairThatCannotBeCopied) {
     writeFile("/etc/vhc/test.conf", "NAME " + std::string(20000, 'x') + "\n");
-    const ProcessResult result = runLogging([&] {
+    runInChild([&] {
         conf_init_r(store.get());
         exhaustMemory(40000);  // for the stream and one long line, not for its copy
         return conf_read_file_r("/etc/vhc/test.conf", store.get()) == -1 && errno == ENOMEM &&
                store->count == 0;
     });
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "<12>Unable to form configuration: Cannot allocate memory");
+    EXPECT_EQ(LogRecorder::all(),
+              unprinted("Unable to form configuration: Cannot allocate memory"));
 }
 
 TEST_F(ConfStoreWithoutMemory, FailsToReadALineThatIsTooLongForIt) {
     writeFile("/etc/vhc/test.conf", "NAME " + std::string(100000, 'x') + "\n");
-    const ProcessResult result = runLogging([&] {
+    runInChild([&] {
         conf_init_r(store.get());
         exhaustMemory(40000);
         return conf_read_file_r("/etc/vhc/test.conf", store.get()) == -1 && errno == ENOMEM;
     });
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "<12>Unable to read configuration file: Cannot allocate memory");
+    EXPECT_EQ(LogRecorder::all(),
+              unprinted("Unable to read configuration file: Cannot allocate memory"));
 }
 
 }  // namespace

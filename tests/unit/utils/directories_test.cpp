@@ -14,9 +14,9 @@
 #include <string>
 
 #include "tests/support/capabilities.h"
-#include "tests/support/capture.h"
 #include "tests/support/failing_call.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "utils/guards.h"
@@ -29,17 +29,7 @@ namespace {
 
 const std::string DIR_PATH = MAILNAMES + "/d";
 
-class DirectoriesTest : public SandboxTest {
-protected:
-    std::string message() {
-        std::string text = capture_.err();
-        EXPECT_EQ(capture_.out(), text);
-        return text;
-    }
-
-private:
-    StreamCapture capture_;
-};
+class DirectoriesTest : public LoggingTest {};
 
 /// Makes `depth` directories below `top`, each in the one before, all called "d".
 void nest(const std::string& top, int depth) {

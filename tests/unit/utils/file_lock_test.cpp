@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,11 +12,12 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/memory.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/second_process.h"
 #include "utils/guards.h"
 
 using namespace corvo::test;
@@ -43,62 +43,24 @@ bool isBusyForOthers(const char* path) {
     return other.status == 1;
 }
 
-// Without a capture, which would take the note about a skipped test for output.
-class FileLockWithoutMemoryTest : public SandboxTest {
-protected:
-    void SetUp() override {
-        if (!canExhaustMemory())
-            GTEST_SKIP() << "the allocator ends the process instead";
-    }
-};
+class FileLockWithoutMemoryTest : public WithoutMemoryTest {};
 
-/// A process that takes the lock on a path, says so, and lets go when it is told to.
+/// A second process that holds the lock on a path.
 class Holder {
 public:
-    explicit Holder(const char* path) {
-        int ready[2];
-        int stop[2];
-        if (::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(stop, O_CLOEXEC) != 0)
-            std::abort();
-        child_ = ::fork();
-        if (child_ == 0) {
-            ::close(stop[1]);
-            char byte = is_locked(mk_lock(path, 1)) ? 'y' : 'n';
-            (void)!::write(ready[1], &byte, 1);
-            (void)!::read(stop[0], &byte, 1);
-            ::_exit(0);
-        }
-        ::close(stop[0]);
-        ::close(ready[1]);
-        stop_.reset(stop[1]);
-        char byte = 'n';
-        EXPECT_EQ(::read(ready[0], &byte, 1), 1);
-        EXPECT_EQ(byte, 'y');
-        ::close(ready[0]);
-    }
-    ~Holder() {
-        stop_.reset();
-        ::waitpid(child_, nullptr, 0);
-    }
-    Holder(const Holder&) = delete;
-    Holder& operator=(const Holder&) = delete;
+    explicit Holder(const char* path)
+        : process_([path](const SecondProcess::Ready& ready) {
+              if (!is_locked(mk_lock(path, 1)))
+                  return;
+              ready();
+              ::pause();
+          }) {}
 
 private:
-    pid_t child_ = -1;
-    corvo::UniqueFd stop_;
+    SecondProcess process_;
 };
 
-class FileLockTest : public SandboxTest {
-protected:
-    std::string message() {
-        std::string text = capture_.err();
-        EXPECT_EQ(capture_.out(), text);
-        return text;
-    }
-
-private:
-    StreamCapture capture_;
-};
+class FileLockTest : public LoggingTest {};
 
 }  // namespace
 
@@ -152,22 +114,19 @@ TEST_F(FileLockTest, TwoProcessesNeverHoldTheLockTogether) {
         for (int i = 0; i < 200; ++i) {
             lock_handle* const lock = mk_lock("/x", 1);
             if (!is_locked(lock))
-                std::exit(1);
+                ::_exit(1);
             const int value = std::stoi(contentsOf(counter));
             ::sched_yield();
             writeFile(counter, std::to_string(value + 1));
             rm_lock(lock);
         }
     };
-    const pid_t other = ::fork();
-    if (other == 0) {
+    SecondProcess other([&](const SecondProcess::Ready& ready) {
+        ready();
         increment();
-        ::_exit(0);
-    }
+    });
     increment();
-    int status = -1;
-    ::waitpid(other, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(other.endedWell());
     EXPECT_EQ(contentsOf(counter), "400");
 }
 

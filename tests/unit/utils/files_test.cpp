@@ -16,9 +16,9 @@
 #include <thread>
 
 #include "tests/support/capabilities.h"
-#include "tests/support/capture.h"
 #include "tests/support/failing_call.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "utils/guards.h"
@@ -30,17 +30,7 @@ namespace {
 
 const std::string PATH = MAILNAMES + "/file";
 
-class FilesTest : public SandboxTest {
-protected:
-    std::string message() {
-        std::string text = capture_.err();
-        EXPECT_EQ(capture_.out(), text);
-        return text;
-    }
-
-private:
-    StreamCapture capture_;
-};
+class FilesTest : public LoggingTest {};
 
 }  // namespace
 

@@ -29,12 +29,6 @@ bool isOpen(int fd) {
     return ::fcntl(fd, F_GETFD) >= 0;
 }
 
-mode_t currentUmask() {
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return mask;
-}
-
 template <typename Guard>
 constexpr bool isNeverCopied =
     !std::is_copy_constructible_v<Guard> && !std::is_copy_assignable_v<Guard>;

@@ -8,7 +8,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,11 +23,13 @@
 #include <vector>
 
 #include "tests/support/capabilities.h"
-#include "tests/support/capture.h"
+#include "tests/support/disk.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/memory.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/second_process.h"
 #include "utils/file_lock.h"
 #include "utils/guards.h"
 
@@ -129,24 +130,7 @@ std::string unableToStat(int error) {
                      error);
 }
 
-/// A file system of a few pages over the home of the tests.
-class SmallDisk {
-public:
-    SmallDisk() {
-        if (::mount("tmpfs", HOME.c_str(), "tmpfs", 0, "size=16k") != 0)
-            std::abort();
-    }
-    ~SmallDisk() { ::umount2(HOME.c_str(), MNT_DETACH); }
-    SmallDisk(const SmallDisk&) = delete;
-    SmallDisk& operator=(const SmallDisk&) = delete;
-
-    /// Takes all room but `left` pages of 4 KiB.
-    static void fill(int left) {
-        writeFile(HOME + "/filler", std::string(static_cast<std::size_t>(4 - left) * 4096, 'x'));
-    }
-};
-
-class LineFileTest : public SandboxTest {
+class LineFileTest : public LoggingTest {
 protected:
     LineFileTest() { makeDirectory(HOME); }
 
@@ -154,31 +138,14 @@ protected:
         writeFile(PATH, contents, POPUSER_UID, POPUSER_GID, 0600);
     }
 
-    /// What came on both streams alike.
-    std::string message() {
-        std::string text = capture_.err();
-        EXPECT_EQ(capture_.out(), text);
-        return text;
-    }
-
     /// What came on standard error alone.
     std::string errorLine() {
-        EXPECT_EQ(capture_.out(), "");
-        return capture_.err();
-    }
-
-private:
-    StreamCapture capture_;
-};
-
-// Without a capture, which would take the note about a skipped test for output.
-class LineFileWithoutMemoryTest : public SandboxTest {
-protected:
-    void SetUp() override {
-        if (!canExhaustMemory())
-            GTEST_SKIP() << "the allocator ends the process instead";
+        EXPECT_EQ(streams.out(), "");
+        return streams.err();
     }
 };
+
+class LineFileWithoutMemoryTest : public WithoutMemoryTest {};
 
 struct Case {
     std::string before;
@@ -604,9 +571,9 @@ TEST_F(LineFileTest, ModeThatCannotBeKeptLeavesTheOldFile) {
 }
 
 TEST_F(LineFileTest, AppendThatDoesNotReachTheDiskIsReported) {
-    const SmallDisk disk;
+    const SmallDisk disk(HOME, 4);
     haveFile("a\n");
-    SmallDisk::fill(1);
+    disk.fill();
     EXPECT_EQ(change({LONG.c_str()}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 1);
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_EQ(message(),
@@ -625,8 +592,8 @@ TEST_F(LineFileTest, AppendThatDoesNotReachTheDiskIsReported) {
 }
 
 TEST_F(LineFileTest, NewFileThatDoesNotReachTheDiskIsTakenBack) {
-    const SmallDisk disk;
-    SmallDisk::fill(1);
+    const SmallDisk disk(HOME, 4);
+    disk.fill(1);
     for (const std::string& line : {LONG, std::string(4094, 'b')}) {
         writeFile(HOME + "/rest", std::string(4096, 'x'));
         EXPECT_EQ(change({line.c_str()}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 1);
@@ -637,8 +604,8 @@ TEST_F(LineFileTest, NewFileThatDoesNotReachTheDiskIsTakenBack) {
 }
 
 TEST_F(LineFileTest, NewFileBehindRootsLinkIsEmptiedAndTheLinkStays) {
-    const SmallDisk disk;
-    SmallDisk::fill(0);
+    const SmallDisk disk(HOME, 4);
+    disk.fill();
     makeLink(HOME + "/real", PATH);
     EXPECT_EQ(change({"a"}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 1);
     EXPECT_EQ(message(),
@@ -648,7 +615,7 @@ TEST_F(LineFileTest, NewFileBehindRootsLinkIsEmptiedAndTheLinkStays) {
 }
 
 TEST_F(LineFileTest, RewriteThatDoesNotReachTheDiskLeavesTheOldFile) {
-    const SmallDisk disk;
+    const SmallDisk disk(HOME, 4);
     const std::string contents = "a\n" + std::string(10000, 'b') + "\n" + std::string(500, 'c');
     haveFile(contents);
     const std::string longLine(10000, 'd');
@@ -660,7 +627,7 @@ TEST_F(LineFileTest, RewriteThatDoesNotReachTheDiskLeavesTheOldFile) {
         {"", {"b"}, FILE_STRINGS_REMOVE_PATTERN, 0, "Unable to close file "},
         {"", {middleLine.c_str()}, FILE_STRINGS_REMOVE, 0, "Unable to close file "},
     };
-    SmallDisk::fill(3);
+    disk.fill();
     for (const Case& c : cases) {
         EXPECT_EQ(change(c.lines, c.action, c.where), 1) << c.after;
         EXPECT_EQ(errno, ENOSPC) << c.after;
@@ -672,10 +639,10 @@ TEST_F(LineFileTest, RewriteThatDoesNotReachTheDiskLeavesTheOldFile) {
 }
 
 TEST_F(LineFileTest, LineThatCannotBeWrittenEndsTheProcess) {
-    const SmallDisk disk;
+    const SmallDisk disk(HOME, 4);
     const std::string contents = "a\n" + std::string(10000, 'b') + "\n";
     haveFile(contents);
-    SmallDisk::fill(3);
+    disk.fill();
     const ProcessResult result = runForked([] { change({"a"}, FILE_STRINGS_REMOVE, 1); });
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "cannot write a line to " + TEMPORARY +
@@ -710,9 +677,7 @@ TEST_F(LineFileTest, FileSizeLimitIsAFailureToo) {
 
 TEST_F(LineFileTest, ReadOnlyFolderRefusesEveryChange) {
     haveFile("a\n");
-    ASSERT_EQ(::mount(HOME.c_str(), HOME.c_str(), nullptr, MS_BIND, nullptr), 0);
-    ASSERT_EQ(::mount(nullptr, HOME.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr),
-              0);
+    const ReadOnlyDisk disk(HOME);
     EXPECT_EQ(change({"b"}, FILE_STRINGS_ADD, FILE_STRINGS_APPEND), 1);
     EXPECT_EQ(message(), unableToOpen(PATH, EROFS));
     EXPECT_EQ(change({"b"}, FILE_STRINGS_ADD, FILE_STRINGS_PREPEND), 1);
@@ -720,7 +685,6 @@ TEST_F(LineFileTest, ReadOnlyFolderRefusesEveryChange) {
     EXPECT_EQ(change({"a"}, FILE_STRINGS_REMOVE, 1), 1);
     EXPECT_EQ(errno, EROFS);
     EXPECT_EQ(errorLine(), "Unable to open file " + TEMPORARY + ": Read-only file system\n");
-    ASSERT_EQ(::umount2(HOME.c_str(), MNT_DETACH), 0);
     EXPECT_EQ(contentsOf(PATH), "a\n");
 }
 
@@ -807,10 +771,10 @@ TEST_F(LineFileTest, AppendedLineComesWithTheEndOfTheOneBeforeInOneWrite) {
 }
 
 TEST_F(LineFileTest, LineThatCannotBeAppendedLeavesTheOneBeforeAsItIs) {
-    const SmallDisk disk;
+    const SmallDisk disk(HOME, 4);
     const std::string page(4096, 'x');
     writeFile(PATH, page);
-    SmallDisk::fill(1);
+    disk.fill();
     EXPECT_EQ(file_append_line(PATH.c_str(), "new"), 1);
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_EQ(message(),
@@ -839,13 +803,13 @@ TEST_F(LineFileTest, TwoProcessesLoseNoLine) {
         }
         return failures;
     };
-    const pid_t other = ::fork();
-    if (other == 0)
-        ::_exit(work("b"));
+    SecondProcess other([&](const SecondProcess::Ready& ready) {
+        ready();
+        if (work("b") != 0)
+            ::_exit(1);
+    });
     EXPECT_EQ(work("a"), 0);
-    int status = -1;
-    ::waitpid(other, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(other.endedWell());
     const std::string contents = contentsOf(PATH);
     EXPECT_EQ(std::count(contents.begin(), contents.end(), 'a'), 200);
     EXPECT_EQ(std::count(contents.begin(), contents.end(), 'b'), 200);

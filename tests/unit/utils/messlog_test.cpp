@@ -8,7 +8,7 @@
 #include <cstdarg>
 #include <string>
 
-#include "tests/support/capture.h"
+#include "tests/support/logging.h"
 #include "tests/support/memory.h"
 #include "tests/support/process.h"
 
@@ -23,32 +23,25 @@ __attribute__((format(printf, 2, 3))) int logThroughList(int status, const char*
     return result;
 }
 
-class MessageLog : public ::testing::Test {
+class MessageLog : public LoggingTest {
 protected:
     MessageLog() { errno = 0; }
     void TearDown() override { PROGNAME = nullptr; }
-
-    void expectOnBoth(const std::string& text) {
-        EXPECT_EQ(streams.err(), text);
-        EXPECT_EQ(streams.out(), text);
-    }
-
-    StreamCapture streams;
 };
 
 TEST_F(MessageLog, WritesALineToBothStreams) {
     EXPECT_EQ(ex_messlog("no box", 0, 0), 0);
-    expectOnBoth("no box\n");
+    EXPECT_EQ(message(), "no box\n");
 }
 
 TEST_F(MessageLog, DoesNotDoubleANewline) {
     ex_messlog("no box\n", 0, 0);
-    expectOnBoth("no box\n");
+    EXPECT_EQ(message(), "no box\n");
 }
 
 TEST_F(MessageLog, EndsAnEmptyTextWithANewline) {
     ex_messlog("", 0, 0);
-    expectOnBoth("\n");
+    EXPECT_EQ(message(), "\n");
 }
 
 TEST_F(MessageLog, OpensWithTheBaseNameOfTheProgram) {
@@ -56,13 +49,13 @@ TEST_F(MessageLog, OpensWithTheBaseNameOfTheProgram) {
         std::string name = path;
         PROGNAME = name.data();
         ex_messlog("no box", 0, 0);
-        expectOnBoth("courier: no box\n");
+        EXPECT_EQ(message(), "courier: no box\n");
     }
 }
 
 TEST_F(MessageLog, DoesNotUseItsFlag) {
     EXPECT_EQ(ex_messlog("no box", 0, 1), 0);
-    expectOnBoth("no box\n");
+    EXPECT_EQ(message(), "no box\n");
 }
 
 TEST_F(MessageLog, EndsTheProcessWithItsStatus) {
@@ -75,25 +68,25 @@ TEST_F(MessageLog, EndsTheProcessWithItsStatus) {
 TEST_F(MessageLog, AddsTheTextOfErrnoOnALineOfItsOwn) {
     errno = 2;
     EXPECT_EQ(messlog2(0, 0, "cannot open %s", "f"), 0);
-    expectOnBoth("cannot open f\nSystem error 2: No such file or directory\n");
+    EXPECT_EQ(message(), "cannot open f\nSystem error 2: No such file or directory\n");
 }
 
 TEST_F(MessageLog, PutsTheTextOfErrnoDirectlyAfterAMessageThatEndsInANewline) {
     errno = 13;
     messlog2(0, 0, "cannot open %s\n", "f");
-    expectOnBoth("cannot open f\n\nSystem error 13: Permission denied\n");
+    EXPECT_EQ(message(), "cannot open f\n\nSystem error 13: Permission denied\n");
 }
 
 TEST_F(MessageLog, AddsNothingWhenErrnoIsZero) {
     messlog2(0, 0, "cannot open %s", "f");
-    expectOnBoth("cannot open f\n");
+    EXPECT_EQ(message(), "cannot open f\n");
 }
 
 TEST_F(MessageLog, TakesAnArgumentList) {
     PROGNAME = const_cast<char*>("/bin/courier");
     errno = 2;
     EXPECT_EQ(logThroughList(0, "%s: %d", "f", 7), 0);
-    expectOnBoth("courier: f: 7\nSystem error 2: No such file or directory\n");
+    EXPECT_EQ(message(), "courier: f: 7\nSystem error 2: No such file or directory\n");
 }
 
 TEST_F(MessageLog, KeepsErrno) {
@@ -102,7 +95,7 @@ TEST_F(MessageLog, KeepsErrno) {
     EXPECT_EQ(errno, ENOENT);
     messlog2(0, 0, "x");
     EXPECT_EQ(errno, ENOENT);
-    expectOnBoth("x\nx\nSystem error 2: No such file or directory\n");
+    EXPECT_EQ(message(), "x\nx\nSystem error 2: No such file or directory\n");
 }
 
 TEST_F(MessageLog, KeepsErrnoWhenNothingCanBeWritten) {
@@ -122,7 +115,7 @@ TEST_F(MessageLog, PrintsMessagesOfAnyLength) {
         const std::string text(length, 'x');
         errno = 0;
         messlog2(0, 0, "%s", text.c_str());
-        expectOnBoth(text + "\n");
+        EXPECT_EQ(message(), text + "\n");
     }
 }
 
@@ -133,7 +126,7 @@ TEST_F(MessageLog, AddsTheTextOfErrnoToMessagesOfAnyLength) {
         const std::string text(length, 'x');
         errno = 2;
         messlog2(0, 0, "%s", text.c_str());
-        expectOnBoth(text + suffix + "\n");
+        EXPECT_EQ(message(), text + suffix + "\n");
     }
 }
 
@@ -147,13 +140,7 @@ TEST_F(MessageLog, ReportsAFatalErrorWithAStatus) {
     EXPECT_EQ(result.out, result.err);
 }
 
-class MessageLogWithoutMemory : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!canExhaustMemory())
-            GTEST_SKIP() << "the sanitizer's allocator never returns null";
-    }
-};
+class MessageLogWithoutMemory : public WithoutMemoryTest {};
 
 TEST_F(MessageLogWithoutMemory, SaysSo) {
     const ProcessResult result = runForked([] {

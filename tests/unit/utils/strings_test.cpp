@@ -100,8 +100,7 @@ TEST(LowerCase, FollowsTheGlobalLocaleCharacterByCharacter) {
 }
 
 TEST(LowerCase, ReportsThatACopyFoundNoMemory) {
-    if (!canExhaustMemory())
-        GTEST_SKIP() << "the sanitizer's allocator never returns null";
+    requireExhaustibleMemory();
     const std::string text(5000, 'A');
     const ProcessResult result = runForked([&] {
         exhaustMemory(4608);  // for the messages, not for the copy

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/sandbox.h"
-#include "tests/unit/mail/logging_fixture.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ protected:
 
 std::string unusable(const std::string& path) {
     return "Unable to detect IMAP/POP3 server type - LDA is present at '" + path +
-           "' but is not a regular file or is not executable\n";
+           "' but is not a regular file or is not executable";
 }
 
 TEST_F(DeliveryAgentTest, KindIsThatOfTheProgramFound) {
@@ -57,13 +57,13 @@ TEST_F(DeliveryAgentTest, ProgramMayBeALink) {
 TEST_F(DeliveryAgentTest, WithoutProgramNothingIsDetected) {
     EXPECT_EQ(detectImapPop3Server(), -1);
     EXPECT_EQ(errno, ENOENT);
-    expectLogged("Unable to detect IMAP/POP3 server type - no LDA found\n");
+    expectLogged({"Unable to detect IMAP/POP3 server type - no LDA found"});
 }
 
 TEST_F(DeliveryAgentTest, DanglingLinkIsNoProgram) {
     makeLink("/nowhere", DELIVERQUOTA);
     EXPECT_EQ(detectImapPop3Server(), -1);
-    expectLogged("Unable to detect IMAP/POP3 server type - no LDA found\n");
+    expectLogged({"Unable to detect IMAP/POP3 server type - no LDA found"});
 }
 
 TEST_F(DeliveryAgentTest, FileThatCannotRunHidesTheNextProgram) {
@@ -71,14 +71,14 @@ TEST_F(DeliveryAgentTest, FileThatCannotRunHidesTheNextProgram) {
     install(DOVECOT_LDA);
     EXPECT_EQ(detectImapPop3Server(), -1);
     EXPECT_EQ(errno, EACCES);
-    expectLogged(unusable(DELIVERQUOTA));
+    expectLogged({unusable(DELIVERQUOTA)});
 }
 
 TEST_F(DeliveryAgentTest, DirectoryIsNoProgram) {
     makeDirectory(DOVECOT_LDA);
     EXPECT_EQ(detectImapPop3Server(), -1);
     EXPECT_EQ(errno, EACCES);
-    expectLogged(unusable(DOVECOT_LDA));
+    expectLogged({unusable(DOVECOT_LDA)});
 }
 
 TEST_F(DeliveryAgentTest, SuccessIsRemembered) {
@@ -91,7 +91,7 @@ TEST_F(DeliveryAgentTest, SuccessIsRemembered) {
 
 TEST_F(DeliveryAgentTest, FailureIsNotRemembered) {
     EXPECT_EQ(detectImapPop3Server(), -1);
-    expectLogged("Unable to detect IMAP/POP3 server type - no LDA found\n");
+    expectLogged({"Unable to detect IMAP/POP3 server type - no LDA found"});
     install(DOVECOT_LDA);
     EXPECT_EQ(detectImapPop3Server(), 1);
 }

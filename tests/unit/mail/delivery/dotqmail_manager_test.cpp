@@ -9,8 +9,8 @@
 #include "mail/delivery/delivery_agent.h"
 #include "mail/home/maildir_manager.h"
 #include "mail/home/mailname.h"
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/sandbox.h"
 #include "utils/system_error.h"
 
@@ -26,7 +26,7 @@ using Position = DotQMailManager::Position;
 const std::string HOME = MAILNAMES + "/example.com/info";
 const std::string DOTQMAIL = HOME + "/.qmail";
 
-class DotQMailManagerTest : public SandboxTest {
+class DotQMailManagerTest : public LoggingTest {
 protected:
     DotQMailManagerTest() {
         detectedImapPop3Server = DELIVERY_AGENT_UNKNOWN;
@@ -41,14 +41,12 @@ protected:
             operation();
         } catch (const SystemError& e) {
             EXPECT_EQ(e.code(), error);
-            (void)capture.out();
-            logged = capture.err();
+            logged = message();
             return e.what();
         }
         return "(nothing was thrown)";
     }
 
-    StreamCapture capture;
     std::string logged;
     DotQMailManager manager{HOME};
 };

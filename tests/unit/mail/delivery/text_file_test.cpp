@@ -1,16 +1,16 @@
 #include "mail/delivery/text_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <string>
 
+#include "tests/support/disk.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/sandbox.h"
-#include "tests/unit/mail/logging_fixture.h"
 
 namespace {
 
@@ -53,18 +53,18 @@ TEST_F(TextFileTest, MissingFolderIsAFailureToOpen) {
     const std::string path = MAILNAMES + "/missing/file";
     EXPECT_EQ(write_text_file(path.c_str(), "x"), -1);
     EXPECT_EQ(errno, ENOENT);
-    expectLogged("Unable to open '" + path + "': No such file or directory\n");
+    expectLogged({"Unable to open '" + path + "': No such file or directory"});
 }
 
 TEST_F(TextFileTest, FileThatCannotBeWrittenIsRemoved) {
     // One page, and it is taken: a file can be made but not filled.
-    ASSERT_EQ(::mount("tmpfs", MAILNAMES.c_str(), "tmpfs", 0, "size=4k"), 0);
-    writeFile(MAILNAMES + "/filler", std::string(4096, '#'));
+    const SmallDisk disk(MAILNAMES, 1);
+    disk.fill();
     const int descriptors = openDescriptors();
     for (const std::string& text : {std::string("line\n"), std::string(100000, 'x')}) {
         EXPECT_EQ(write_text_file(FILE_PATH.c_str(), text.c_str()), -1);
         EXPECT_EQ(errno, ENOSPC);
-        expectLogged("Unable to write to '" + FILE_PATH + "': No space left on device\n");
+        expectLogged({"Unable to write to '" + FILE_PATH + "': No space left on device"});
         EXPECT_FALSE(exists(FILE_PATH));
         EXPECT_EQ(openDescriptors(), descriptors);
     }
@@ -76,7 +76,7 @@ TEST_F(TextFileTest, LinkOfPopuserIsRefused) {
     makeLink(outside, FILE_PATH, POPUSER_UID);
     EXPECT_EQ(write_text_file(FILE_PATH.c_str(), "x"), -1);
     EXPECT_EQ(errno, ELOOP);
-    expectLogged("Unable to open '" + FILE_PATH + "': Too many levels of symbolic links\n");
+    expectLogged({"Unable to open '" + FILE_PATH + "': Too many levels of symbolic links"});
     EXPECT_EQ(contentsOf(outside), "kept\n");
 }
 
@@ -92,7 +92,7 @@ TEST_F(TextFileTest, PipeIsRefusedWithoutWaiting) {
     ASSERT_EQ(::mkfifo(FILE_PATH.c_str(), 0600), 0);
     EXPECT_EQ(write_text_file(FILE_PATH.c_str(), "x"), -1);
     EXPECT_EQ(errno, EINVAL);
-    expectLogged("Unable to open '" + FILE_PATH + "': Invalid argument\n");
+    expectLogged({"Unable to open '" + FILE_PATH + "': Invalid argument"});
 }
 
 TEST_F(TextFileTest, ForeignHardLinkIsRefused) {
@@ -102,7 +102,7 @@ TEST_F(TextFileTest, ForeignHardLinkIsRefused) {
     ASSERT_EQ(::link(other.c_str(), FILE_PATH.c_str()), 0);
     EXPECT_EQ(write_text_file(FILE_PATH.c_str(), "x"), -1);
     EXPECT_EQ(errno, EPERM);
-    expectLogged("Unable to open '" + FILE_PATH + "': Operation not permitted\n");
+    expectLogged({"Unable to open '" + FILE_PATH + "': Operation not permitted"});
     EXPECT_EQ(contentsOf(other), "kept\n");
 }
 

@@ -1,15 +1,22 @@
 #include "mail/handlers/mail_handler.h"
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 #include <string>
 
-#include "tests/unit/mail/sqlite_fixture.h"
+#include "tests/support/logging.h"
+#include "tests/support/memory.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/sqlite.h"
 
 namespace {
 
 using namespace corvo::test;
 
-class MailHandlerTest : public SqliteTest {
+class MailHandlerTest : public LoggingTest {
 protected:
     MailHandlerTest() {
         mh_data_init_ex(&record);
@@ -145,11 +152,10 @@ TEST_F(MailHandlerTest, FreedListIsEmptyAndUsable) {
     EXPECT_NE(list.first, nullptr);
 }
 
-// Without memory. AddressSanitizer would end the process.
-
-#ifndef __SANITIZE_ADDRESS__
+// Without memory.
 
 TEST_F(MailHandlerTest, ReportsMissingMemoryForRecord) {
+    requireExhaustibleMemory();
     expectChildLogs({"System error: Cannot allocate memory"}, [] {
         exhaustMemory();
         if (mh_data_init() != nullptr || errno != ENOMEM)
@@ -158,6 +164,7 @@ TEST_F(MailHandlerTest, ReportsMissingMemoryForRecord) {
 }
 
 TEST_F(MailHandlerTest, ReportsMissingMemoryForNode) {
+    requireExhaustibleMemory();
     expectChildLogs({"System error: Cannot allocate memory"}, [this] {
         exhaustMemory();
         if (mh_list_add(&list, &record) != -1 || list.first != nullptr)
@@ -166,6 +173,7 @@ TEST_F(MailHandlerTest, ReportsMissingMemoryForNode) {
 }
 
 TEST_F(MailHandlerTest, ReportsMissingMemoryForAddress) {
+    requireExhaustibleMemory();
     expectChildLogs({"System error: Cannot allocate memory"}, [this] {
         exhaustMemory();
         if (mh_data_set_address(&record, "all") != -1)
@@ -182,6 +190,7 @@ TEST_F(MailHandlerTest, CloneWithoutMemoryIsNullAndSilent) {
 }
 
 TEST_F(MailHandlerTest, ReportsRecordThatCannotBeCopied) {
+    requireExhaustibleMemory();
     std::string endless(32U << 20, 'x');
     for (char* mh_data::*string :
          {&mh_data::name, &mh_data::address, &mh_data::executable, &mh_data::context}) {
@@ -194,7 +203,5 @@ TEST_F(MailHandlerTest, ReportsRecordThatCannotBeCopied) {
         });
     }
 }
-
-#endif
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "mail/handlers/mail_handlers_creation.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -8,9 +10,18 @@
 #include <cerrno>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "mail/handlers/mail_handlers_db.h"
-#include "tests/unit/mail/sqlite_fixture.h"
+#include "tests/support/disk.h"
+#include "tests/support/failing_call.h"
+#include "tests/support/files.h"
+#include "tests/support/logging.h"
+#include "tests/support/memory.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/sqlite.h"
+#include "tests/support/sqlite_faults.h"
 #include "utils/guards.h"
 #include "utils/log.h"
 
@@ -22,7 +33,7 @@ using Rows = std::vector<std::string>;
 const std::string FOLDER = "/var/lib/corvo/mail/handlers";
 const std::string FILE_PATH = FOLDER + "/handlers.db";
 
-class MailHandlersCreationTest : public SqliteTest {};
+class MailHandlersCreationTest : public LoggingTest {};
 
 TEST_F(MailHandlersCreationTest, MakesFoldersSchemaOwnerAndMode) {
     const int before = openDescriptors();
@@ -97,7 +108,7 @@ TEST_F(MailHandlersCreationTest, ReportsFolderThatCannotBeMade) {
 }
 
 TEST_F(MailHandlersCreationTest, ReportsReadOnlyFileSystem) {
-    makeReadOnly("/var/lib/corvo");
+    const ReadOnlyDisk disk("/var/lib/corvo");
     EXPECT_EQ(mh_db_create(), -1);
     expectLogged({"Unable to create directories for mail handlers database (" + FILE_PATH +
                       "): Read-only file system (30)",
@@ -112,10 +123,8 @@ TEST_F(MailHandlersCreationTest, ReportsPathWithoutDirectory) {
     expectLogged({"Unable to get dirname for any database (): No such file or directory (2)"});
 }
 
-#ifndef __SANITIZE_ADDRESS__
-
-// AddressSanitizer would end the process.
 TEST_F(MailHandlersCreationTest, ReportsMissingMemory) {
+    requireExhaustibleMemory();
     expectChildLogs({"Memory allocation error"}, [] {
         exhaustMemory();
         if (sqlite_create_db_path("/var/lib/corvo/a/b", "any") != -1)
@@ -123,11 +132,9 @@ TEST_F(MailHandlersCreationTest, ReportsMissingMemory) {
     });
 }
 
-#endif
-
 TEST_F(MailHandlersCreationTest, ExistingFoldersKeepTheirMode) {
     makeDirectory(FOLDER);
-    checkCall(::chmod(FOLDER.c_str(), 0711), "chmod");
+    ASSERT_EQ(::chmod(FOLDER.c_str(), 0711), 0);
     EXPECT_EQ(sqlite_create_db_path(FILE_PATH.c_str(), "any"), 0);
     EXPECT_EQ(modeOf(FOLDER), "0711");
 }
@@ -178,9 +185,9 @@ TEST_F(MailHandlersCreationTest, OnlyARegularFileGetsOwnerAndMode) {
     const std::string secret = "/var/lib/corvo/secret";
     writeFile(secret, "", STRANGER_UID, STRANGER_GID, 0600);
     makeDirectory(FOLDER + "/folder");
-    checkCall(::chown(FOLDER.c_str(), POPUSER_UID, POPUSER_GID), "chown");
-    checkCall(::mkfifo((FOLDER + "/pipe").c_str(), 0600), "mkfifo");
-    checkCall(::link(secret.c_str(), (FOLDER + "/hard-link").c_str()), "link");
+    ASSERT_EQ(::chown(FOLDER.c_str(), POPUSER_UID, POPUSER_GID), 0);
+    ASSERT_EQ(::mkfifo((FOLDER + "/pipe").c_str(), 0600), 0);
+    ASSERT_EQ(::link(secret.c_str(), (FOLDER + "/hard-link").c_str()), 0);
     makeLink(secret, FOLDER + "/link", POPUSER_UID);
     const struct {
         std::string name;
@@ -206,7 +213,7 @@ TEST_F(MailHandlersCreationTest, LocksOfThisProcessOutliveOwnerAndMode) {
     const corvo::UniqueFd database(::open(FILE_PATH.c_str(), O_RDWR | O_CLOEXEC));
     struct flock lock = {};
     lock.l_type = F_WRLCK;
-    checkCall(::fcntl(database.get(), F_SETLK, &lock), "lock");
+    ASSERT_EQ(::fcntl(database.get(), F_SETLK, &lock), 0);
 
     EXPECT_EQ(fix_mh_db_permissions(FILE_PATH.c_str()), 0);
 

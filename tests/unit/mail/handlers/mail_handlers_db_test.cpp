@@ -1,12 +1,30 @@
 #include "mail/handlers/mail_handlers_db.h"
 
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <functional>
 #include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "mail/handlers/mail_handlers_creation.h"
-#include "tests/unit/mail/sqlite_fixture.h"
+#include "tests/support/disk.h"
+#include "tests/support/files.h"
+#include "tests/support/logging.h"
+#include "tests/support/memory.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/second_process.h"
+#include "tests/support/sqlite.h"
+#include "tests/support/sqlite_faults.h"
 
 namespace {
 
@@ -112,7 +130,7 @@ std::string describe(const mh_data& record) {
 }
 
 // With an empty table.
-class MailHandlersDbTest : public SqliteTest {
+class MailHandlersDbTest : public LoggingTest {
 protected:
     MailHandlersDbTest() { EXPECT_EQ(mh_db_create(), 0); }
     void TearDown() override { mh_db_path_set(FILE_PATH.c_str()); }
@@ -493,10 +511,10 @@ TEST_F(MailHandlersListTest, FullDiskTakesAllRecordsBackAndEndsTheWork) {
 }
 
 TEST_F(MailHandlersListTest, DiskThatIsFullMeansOneCallAndNothingStored) {
-    mountSmall("/var/lib/corvo/small", 256 * 1024);
+    const SmallDisk disk("/var/lib/corvo/small", 64);
     mh_db_path_set("/var/lib/corvo/small/handlers.db");
     ASSERT_EQ(mh_db_create(), 0);
-    fill("/var/lib/corvo/small");
+    disk.fill();
     EXPECT_EQ(mh_db_do(&records.list, nullptr, noteAndAdd), -1);
     expectLogged(
         {"Unable to execute insert record into handlers database: database or disk is full"});
@@ -608,7 +626,7 @@ TEST_F(MailHandlersDbTest, RemovalOfDomainUsesTheOpenDatabase) {
 
 TEST_F(MailHandlersDbTest, RemovalOfDomainReportsFailingRemovals) {
     insert(1, 5, 0, "n", "x@a.com");
-    makeReadOnly("/var/lib/corvo");
+    const ReadOnlyDisk disk("/var/lib/corvo");
     EXPECT_EQ(mh_db_remove_all(nullptr, "a.com"), 0) << "what the removals return is ignored";
     expectLogged(
         {"Unable to execute delete record from handlers database: attempt to write a "
@@ -767,7 +785,7 @@ TEST_P(MailHandlersOperationTest, ReportsTruncatedDatabaseAndLeavesIt) {
 }
 
 TEST_P(MailHandlersOperationTest, OnReadOnlyFileSystemOnlyReadingWorks) {
-    makeReadOnly("/var/lib/corvo");
+    const ReadOnlyDisk disk("/var/lib/corvo");
     if (GetParam().access == Access::reading) {
         EXPECT_EQ(run(), 0);
     } else {
@@ -811,10 +829,10 @@ TEST_F(MailHandlersDbTest, ReportsMissingFile) {
 }
 
 TEST_F(MailHandlersDbTest, ReportsFullDisk) {
-    mountSmall("/var/lib/corvo/small", 256 * 1024);
+    const SmallDisk disk("/var/lib/corvo/small", 64);
     mh_db_path_set("/var/lib/corvo/small/handlers.db");
     ASSERT_EQ(mh_db_create(), 0);
-    fill("/var/lib/corvo/small");
+    disk.fill();
     EXPECT_EQ(Record(5, 1, "n", "a@b.c").add(), -1);
     expectLogged(
         {"Unable to execute insert record into handlers database: database or disk is "
@@ -876,11 +894,10 @@ TEST_F(MailHandlersDbTest, ReportsTheParameterThatCannotBeBound) {
     }
 }
 
-// Without memory. AddressSanitizer would end the process.
-
-#ifndef __SANITIZE_ADDRESS__
+// Without memory.
 
 TEST_F(MailHandlersDbTest, RemovalReportsMissingMemoryForTheAddress) {
+    requireExhaustibleMemory();
     expectChildLogs({"System error: Cannot allocate memory"}, [] {
         Record record(4, 1, "n", "all-recipients");
         exhaustMemory();
@@ -890,6 +907,7 @@ TEST_F(MailHandlersDbTest, RemovalReportsMissingMemoryForTheAddress) {
 }
 
 TEST_F(MailHandlersDbTest, SelectionReportsRecordThatCannotBeSaved) {
+    requireExhaustibleMemory();
     constexpr std::size_t SIZE = 32U << 20;
     insert(1, 5, 7, "n", "x@a.com");
     sqliteExecute(FILE_PATH, "UPDATE handlers SET executable = printf('%.*c', " +
@@ -907,8 +925,6 @@ TEST_F(MailHandlersDbTest, SelectionReportsRecordThatCannotBeSaved) {
     }
 }
 
-#endif
-
 // Contention.
 
 TEST_F(MailHandlersDbTest, WritingWaitsForAnotherProcess) {
@@ -922,7 +938,7 @@ TEST_F(MailHandlersDbTest, ReaderSeesWholeTransactionsOnly) {
     List pair;
     for (const char* address : {"x@a.com", "y@a.com"})
         EXPECT_EQ(pair.add(Record(5, 1, "n", address)), 0);
-    const OtherProcess reader([](const std::function<void()>& ready) {
+    SecondProcess reader([](const SecondProcess::Ready& ready) {
         ready();
         for (bool ended = false; !ended;) {
             List found;
@@ -939,6 +955,7 @@ TEST_F(MailHandlersDbTest, ReaderSeesWholeTransactionsOnly) {
         ASSERT_EQ(mh_db_remove_all(nullptr, "a.com"), 0);
     }
     EXPECT_EQ(Record(5, 1, "n", "x@end").add(), 0);
+    EXPECT_TRUE(reader.endedWell());
     EXPECT_EQ(integrityOf(FILE_PATH), "ok");
 }
 
@@ -950,14 +967,13 @@ TEST_F(MailHandlersDbTest, TwoWritersLoseNothing) {
                 return false;
         return true;
     };
-    {
-        const OtherProcess writer([&](const std::function<void()>& ready) {
-            ready();
-            if (!addAll(2))
-                ::_exit(1);
-        });
-        EXPECT_TRUE(addAll(1));
-    }
+    SecondProcess writer([&](const SecondProcess::Ready& ready) {
+        ready();
+        if (!addAll(2))
+            ::_exit(1);
+    });
+    EXPECT_TRUE(addAll(1));
+    EXPECT_TRUE(writer.endedWell());
     EXPECT_EQ(
         sqliteRows(FILE_PATH, "SELECT queue, count(*) FROM handlers GROUP BY queue ORDER BY queue"),
         (Rows{"1|1000", "2|1000"}));

@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,10 +19,11 @@
 #include "mail/home/fs_error.h"
 #include "tests/support/acl.h"
 #include "tests/support/capabilities.h"
+#include "tests/support/disk.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
+#include "tests/support/race.h"
 #include "tests/support/sandbox.h"
-#include "tests/unit/mail/another_process.h"
 
 namespace {
 
@@ -83,12 +83,6 @@ MaildirManager& manager() {
     return MaildirManager::getInstance();
 }
 
-mode_t currentUmask() {
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return mask;
-}
-
 /// What an operation threw, as far as it is a file system's error.
 struct Thrown {
     int error = 0;
@@ -115,13 +109,6 @@ void createHome() {
 
 void createRoot() {
     manager().createDomainRoot("example.com");
-}
-
-/// Makes a directory one whose owner and mode nobody can change.
-void makeReadOnly(const std::string& path) {
-    ASSERT_EQ(::mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0);
-    ASSERT_EQ(::mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
-              0);
 }
 
 class MaildirManagerTest : public SandboxTest {
@@ -375,7 +362,7 @@ TEST_F(MaildirManagerTest, OwnerThatCannotBeSetIsAnFSErrorWithItsPath) {
         SCOPED_TRACE(entry);
         resetSandbox();
         makeDirectory(HOME + entry);
-        makeReadOnly(HOME + entry);
+        const ReadOnlyDisk disk(HOME + entry);
         const int descriptors = openDescriptors();
         const Thrown thrown = failureOf(createHome);
         EXPECT_EQ(thrown.error, EROFS);
@@ -388,7 +375,7 @@ TEST_F(MaildirManagerTest, OwnerThatCannotBeSetIsAnFSErrorWithItsPath) {
 }
 
 TEST_F(MaildirManagerTest, DirectoryThatCannotBeMadeIsAFileSystemError) {
-    makeReadOnly(MAILNAMES);
+    const ReadOnlyDisk disk(MAILNAMES);
     const Thrown thrown = failureOf(createRoot);
     EXPECT_EQ(thrown.error, EROFS);
     EXPECT_FALSE(thrown.isFSError);
@@ -397,7 +384,7 @@ TEST_F(MaildirManagerTest, DirectoryThatCannotBeMadeIsAFileSystemError) {
 }
 
 TEST_F(MaildirManagerTest, EntryThatCannotBeMadeIsAFileSystemError) {
-    ASSERT_EQ(::mount("tmpfs", MAILNAMES.c_str(), "tmpfs", 0, "nr_inodes=8"), 0);
+    const SmallDisk disk(MAILNAMES, 0, 8);
     const Thrown thrown = failureOf(createHome);
     EXPECT_EQ(thrown.error, ENOSPC);
     EXPECT_FALSE(thrown.isFSError);
@@ -473,7 +460,7 @@ TEST_F(MaildirManagerTest, LinkThatTakesTurnsWithADirectoryLeadsNoOwnerOut) {
         const std::string link = ROOT + "/link";
         makeLink(OUTSIDE, link, POPUSER_UID);
         const std::string before = fingerprint("/var/lib/corvo");
-        const AnotherProcess swapping([&] { exchange(HOME + entry, link); });
+        const Racer swapping([&] { exchange(HOME + entry, link); });
         Outcomes seen;
         while (seen.wantsMore()) {
             try {
@@ -719,7 +706,7 @@ TEST_F(MaildirManagerTest, NameIsFreeEvenWhenTheRemovalStops) {
     createHome();
     const std::string saved = ROOT + ".CorvoSaved." + std::to_string(inodeOf(ROOT));
     // What is mounted cannot be removed.
-    ASSERT_EQ(::mount("tmpfs", HOME.c_str(), "tmpfs", 0, nullptr), 0);
+    const SmallDisk disk(HOME, 0);
     const Thrown thrown = failureOf([] { manager().removeDomainRoot("example.com"); });
     EXPECT_EQ(thrown.error, EBUSY);
     EXPECT_FALSE(thrown.isFSError);

@@ -1,11 +1,27 @@
 #include "mail/quota/mail_user_db.h"
 
+#include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cstddef>
+#include <filesystem>
+#include <functional>
 #include <optional>
 #include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
 
-#include "tests/unit/mail/sqlite_fixture.h"
+#include "tests/support/disk.h"
+#include "tests/support/failing_call.h"
+#include "tests/support/files.h"
+#include "tests/support/logging.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/second_process.h"
+#include "tests/support/sqlite.h"
+#include "tests/support/sqlite_faults.h"
 
 namespace {
 
@@ -28,7 +44,7 @@ using Rows = std::vector<std::string>;
 
 constexpr std::size_t PAGE_SIZE = 4096;  // bytes, of a new file
 
-class MailUserDbTest : public SqliteTest {
+class MailUserDbTest : public LoggingTest {
 protected:
     MailUserDbTest() { makeDirectory(FOLDER); }
 
@@ -68,7 +84,7 @@ TEST_F(MailUserDbStoreTest, StoresTheLargestQuotas) {
 }
 
 TEST_F(MailUserDbStoreTest, EmptyBulkDoesNotTouchTheFile) {
-    checkCall(::unlink(FILE_PATH.c_str()), "unlink");
+    ASSERT_EQ(::unlink(FILE_PATH.c_str()), 0);
     EXPECT_TRUE(helper.userdbStoreMboxesQuotas("example.com", {}, 5));
     EXPECT_FALSE(exists(FILE_PATH));
 }
@@ -304,7 +320,7 @@ TEST_P(MailUserDbWriteTest, ReportsAnotherSchemaAndLeavesIt) {
 
 TEST_P(MailUserDbWriteTest, ReportsReadOnlyFileSystem) {
     const std::string old = contentsOf(FILE_PATH);
-    makeReadOnly("/var/lib/corvo");
+    const ReadOnlyDisk disk("/var/lib/corvo");
     EXPECT_FALSE(run());
     expectLogged({stepFailure("attempt to write a readonly database")});
     EXPECT_EQ(contentsOf(FILE_PATH), old);
@@ -412,10 +428,10 @@ TEST_F(MailUserDbStoreTest, FullDiskTakesTheWholeBulkBackAndEndsIt) {
 }
 
 TEST_F(MailUserDbTest, FullDiskFailsTheStepAndDestroysNothing) {
-    mountSmall(FOLDER, 256 * 1024);
+    const SmallDisk disk(FOLDER, 64);
     ASSERT_TRUE(helper.initMailUserdb(true));
     ASSERT_TRUE(helper.userdbStoreMboxQuota("example.com", "info", 1));
-    fill(FOLDER);
+    disk.fill();
     EXPECT_FALSE(helper.userdbStoreMboxQuota("example.com", "info", 2));
     expectLogged({"Unable to set quota for 'info@example.com': database or disk is full"});
     EXPECT_EQ(rows(), Rows{"example.com|info|1B"});
@@ -516,7 +532,7 @@ TEST_F(MailUserDbTest, ReadingReportsMissingMemory) {
 
 TEST_F(MailUserDbStoreTest, ReadsFromReadOnlyFileSystem) {
     store("a.com", "x", "5B");
-    makeReadOnly("/var/lib/corvo");
+    const ReadOnlyDisk disk("/var/lib/corvo");
     EXPECT_EQ(helper.userdbGetMboxQuota("a.com", "x"), 5);
 }
 
@@ -564,7 +580,7 @@ TEST_F(MailUserDbTest, CreationReportsDirectoryInPlaceOfFile) {
 
 TEST_F(MailUserDbStoreTest, CreationIsNotContentWithOldTable) {
     store("a.com", "x", "5B");
-    makeReadOnly("/var/lib/corvo");
+    const ReadOnlyDisk disk("/var/lib/corvo");
     EXPECT_FALSE(helper.initMailUserdb(true));
     expectLogged({"Unable to re-create email user database: Read-only file system"});
     EXPECT_EQ(rows(), Rows{"a.com|x|5B"});
@@ -649,7 +665,7 @@ TEST_F(MailUserDbStoreTest, ReadingWaitsForAnotherProcess) {
 
 TEST_F(MailUserDbStoreTest, ReaderSeesEveryWriteInOrder) {
     constexpr int WRITES = 10'000;
-    const OtherProcess reader([](const std::function<void()>& ready) {
+    SecondProcess reader([](const SecondProcess::Ready& ready) {
         const MailUserDbHelper db;
         ready();
         long long last = -1;
@@ -662,6 +678,7 @@ TEST_F(MailUserDbStoreTest, ReaderSeesEveryWriteInOrder) {
     });
     for (int quota = 1; quota <= WRITES; ++quota)
         ASSERT_TRUE(helper.userdbStoreMboxQuota("a.com", "x", quota));
+    EXPECT_TRUE(reader.endedWell());
     EXPECT_EQ(integrityOf(FILE_PATH), "ok");
 }
 
@@ -673,14 +690,13 @@ TEST_F(MailUserDbStoreTest, TwoWritersLoseNothing) {
                 return false;
         return true;
     };
-    {
-        const OtherProcess writer([&](const std::function<void()>& ready) {
-            ready();
-            if (!storeAll("other.com"))
-                ::_exit(1);
-        });
-        EXPECT_TRUE(storeAll("a.com"));
-    }
+    SecondProcess writer([&](const SecondProcess::Ready& ready) {
+        ready();
+        if (!storeAll("other.com"))
+            ::_exit(1);
+    });
+    EXPECT_TRUE(storeAll("a.com"));
+    EXPECT_TRUE(writer.endedWell());
     EXPECT_EQ(sqliteRows(FILE_PATH,
                          "SELECT domain_name, count(*), sum(quota = substr(mailbox_name, 4) || 'B')"
                          " FROM mailbox_quota GROUP BY domain_name"),

@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "mail/quota/maildirpp_quota.h"
-#include "tests/support/capture.h"
 #include "tests/support/files.h"
+#include "tests/support/logging.h"
 #include "tests/support/sandbox.h"
 
 namespace corvo::test {
@@ -55,18 +55,6 @@ inline void setMtime(const std::string& path, std::time_t seconds) {
 inline std::string currentDirectory() {
     std::array<char, PATH_MAX> path{};
     return getcwd(path.data(), path.size()) != nullptr ? path.data() : "";
-}
-
-inline mode_t currentUmask() {
-    const mode_t mask = umask(0);
-    umask(mask);
-    return mask;
-}
-
-/// Expects one message, in this form, on each of the two streams.
-inline void expectLogged(StreamCapture& streams, const std::string& text) {
-    EXPECT_EQ(streams.err(), text);
-    EXPECT_EQ(streams.out(), text);
 }
 
 /// While it lives, no descriptor can be opened; a sanitizer needs some to look at a virtual object.
@@ -112,7 +100,7 @@ public:
 
 /// A home with an empty Maildir. No path through the functions may leave the working directory, the
 /// umask or a descriptor changed.
-class QuotaTest : public SandboxTest {
+class QuotaTest : public LoggingTest {
 protected:
     QuotaTest() {
         for (const char* part : {"new", "cur", "tmp"})

@@ -54,7 +54,7 @@ using namespace corvo::test;
 constexpr std::time_t PAST = 1000000000;
 
 /// Starts in an empty Maildir, as the current directory.
-class MaildirUsageTest : public SandboxTest {
+class MaildirUsageTest : public LoggingTest {
 protected:
     MaildirUsageTest() {
         for (const char* part : {"new", "cur", "tmp"})
@@ -221,7 +221,6 @@ TEST_F(MaildirUsageTest, EntryOfUnknownTypeThatVanishesIsNamedAndSkipped) {
             (void)std::rename(".gone", "gone");
         return 0;
     };
-    StreamCapture streams;
     expectUsage(6, 1);
     EXPECT_EQ(streams.err(), "unable to stat('.gone'). Continue.\n");
     EXPECT_EQ(streams.out(), "");
@@ -389,12 +388,11 @@ TEST_F(MaildirUsageTest, TimeOfTheMaildirItselfMayBeUntellable) {
 
 TEST_F(MaildirUsageTest, EntryNamedAsAFolderThatIsNoneIsLogged) {
     writeFile("./.subscriptions", "");
-    const std::string message =
+    const std::string text =
         "Bad/unrecognized entry .subscriptions within Maildir folder " + MAILDIR + "\n";
-    StreamCapture streams;
     errno = EACCES;
     EXPECT_EQ(get_maildirpp_mtime(&newest), 1);
-    expectLogged(streams, message);
+    EXPECT_EQ(message(), text);
 }
 
 TEST_F(MaildirUsageTest, EntryNamedAsAFolderThatVanishesIsLogged) {
@@ -404,9 +402,8 @@ TEST_F(MaildirUsageTest, EntryNamedAsAFolderThatVanishesIsLogged) {
         (void)rmdir(".gone");
         return 0;
     };
-    StreamCapture streams;
     EXPECT_EQ(get_maildirpp_mtime(&newest), 1);
-    expectLogged(streams, "Bad/unrecognized entry .gone within Maildir folder " + MAILDIR + "\n");
+    EXPECT_EQ(message(), "Bad/unrecognized entry .gone within Maildir folder " + MAILDIR + "\n");
 }
 
 TEST_F(MaildirUsageTest, FolderTimesAreFoundWithUnknownTypesToo) {
@@ -423,25 +420,23 @@ TEST_F(MaildirUsageTest, FolderTimesAreFoundWithUnknownTypesToo) {
 }
 
 TEST_F(MaildirUsageTest, MaildirThatCannotBeOpenedIsLogged) {
-    const std::string message =
+    const std::string text =
         "Unable to open Maildir folder. Has it just been removed?\n"
         "System error 24: Too many open files\n";
     std::time_t time = 0;
-    StreamCapture streams;
     const NoDescriptors limit;
     EXPECT_EQ(get_maildirpp_mtime(&time), 0);
     EXPECT_EQ(errno, EMFILE);
-    expectLogged(streams, message);
+    EXPECT_EQ(message(), text);
 }
 
 TEST_F(MaildirUsageTest, MaildirThatCannotBeReadToItsEndIsLogged) {
     onEntry = [](dirent64*) { return EIO; };
-    StreamCapture streams;
     EXPECT_EQ(get_maildirpp_mtime(&newest), 0);
     EXPECT_EQ(errno, EIO);
-    expectLogged(streams,
-                 "Unable to open Maildir folder. Has it just been removed?\n"
-                 "System error 5: Input/output error\n");
+    EXPECT_EQ(message(),
+              "Unable to open Maildir folder. Has it just been removed?\n"
+              "System error 5: Input/output error\n");
 }
 
 /// Delivers a message, has it read and removes it, again and again until the parent is gone.

@@ -17,10 +17,11 @@
 
 #include "mail/quota/maildirpp_quota.h"
 #include "tests/support/capture.h"
+#include "tests/support/disk.h"
 #include "tests/support/files.h"
 #include "tests/support/process.h"
+#include "tests/support/race.h"
 #include "tests/support/sandbox.h"
-#include "tests/unit/mail/another_process.h"
 #include "tests/unit/mail/quota/maildir_fixture.h"
 
 using namespace corvo::test;
@@ -108,7 +109,6 @@ TEST(WriteMaildirsize, CurrentDirectoryThatCannotBeRememberedFailsSilently) {
 }
 
 TEST_F(WriteMaildirsizeTest, RemovedCurrentDirectoryFailsSilently) {
-    const StreamCapture nothingSaid;
     const InRemovedDirectory here;
     expectFailure(write(), ENOENT);
     expectFailure(store_maildirpp_quota_raw(MAILDIR.c_str(), 5), ENOENT);
@@ -119,9 +119,8 @@ TEST_F(WriteMaildirsizeTest, HostNameThatCannotBeReadFails) {
         errno = EPERM;
         return -1;
     };
-    StreamCapture streams;
     expectFailure(write(), EPERM);
-    expectLogged(streams, "Unable to receive hostname\nSystem error 1: Operation not permitted\n");
+    EXPECT_EQ(message(), "Unable to receive hostname\nSystem error 1: Operation not permitted\n");
 }
 
 TEST_F(WriteMaildirsizeTest, TemporaryNameHasTimeProcessAndHostWithoutSlashes) {
@@ -153,10 +152,9 @@ const std::string ATTEMPTS_EXCEEDED =
 
 TEST_F(WriteMaildirsizeTest, MissingTmpFailsAfterFivePausesOfTwoSeconds) {
     std::filesystem::remove(MAILDIR + "/tmp");
-    StreamCapture streams;
     EXPECT_EQ(write(), 0);
     EXPECT_EQ(errno, EAGAIN);
-    expectLogged(streams, ATTEMPTS_EXCEEDED);
+    EXPECT_EQ(message(), ATTEMPTS_EXCEEDED);
     EXPECT_EQ(pauses, std::vector<unsigned>(5, 2));
     EXPECT_FALSE(exists(QUOTA_FILE));
 }
@@ -169,7 +167,6 @@ TEST_F(WriteMaildirsizeTest, FifthAttemptMaySucceed) {
             makeDirectory(MAILDIR + "/tmp");
         return 0U;
     };
-    const StreamCapture nothingSaid;
     EXPECT_EQ(write(), 1);
     EXPECT_EQ(pauses, std::vector<unsigned>(4, 2));
 }
@@ -185,17 +182,15 @@ TEST_F(WriteMaildirsizeTest, FileThatWasThereBeforeIsNeitherUsedNorRemoved) {
                       ".h-maildirsize",
                   "theirs");
     const std::string before = fingerprint(MAILDIR);
-    StreamCapture streams;
     EXPECT_EQ(write(), 0);
     EXPECT_EQ(errno, EAGAIN);
-    expectLogged(streams, ATTEMPTS_EXCEEDED);
+    EXPECT_EQ(message(), ATTEMPTS_EXCEEDED);
     EXPECT_EQ(pauses, std::vector<unsigned>(5, 2));
     EXPECT_EQ(fingerprint(MAILDIR), before);
 }
 
 TEST_F(WriteMaildirsizeTest, OwnerThatCannotBeSetFailsSilently) {
     ASSERT_EQ(chown((MAILDIR + "/tmp").c_str(), STRANGER_UID, STRANGER_GID), 0);
-    const StreamCapture nothingSaid;
     const AsStranger rights;
     expectFailure(write(), EPERM);
 }
@@ -205,21 +200,19 @@ TEST_F(WriteMaildirsizeTest, MessagesThatCannotBeCountedFailSilently) {
     for (const char* part : {"/tmp", "/cur"})
         ASSERT_EQ(chown((MAILDIR + part).c_str(), STRANGER_UID, STRANGER_GID), 0);
     ASSERT_EQ(chmod((MAILDIR + "/cur").c_str(), 0400), 0);
-    const StreamCapture nothingSaid;
     const AsStranger rights;
     expectFailure(write_maildirpp_maildirsize(MAILDIR.c_str(), STRANGER_UID, getegid(), 5, 0),
                   EACCES);
 }
 
 TEST_F(WriteMaildirsizeTest, FullDiskFailsAndKeepsTheOldFile) {
-    ASSERT_EQ(mount("tmpfs", MAILDIR.c_str(), "tmpfs", 0, "size=4096"), 0);
+    const SmallDisk disk(MAILDIR, 1);
     makeDirectory(MAILDIR + "/tmp");
     writeFile(QUOTA_FILE, "old");
-    StreamCapture streams;
     EXPECT_EQ(write(), 0);
     EXPECT_EQ(errno, ENOSPC);
-    expectLogged(streams,
-                 "unable to write data to file\nSystem error 28: No space left on device\n");
+    EXPECT_EQ(message(),
+              "unable to write data to file\nSystem error 28: No space left on device\n");
     EXPECT_EQ(maildirsize(), "old");
     EXPECT_EQ(namesIn(MAILDIR + "/tmp"), std::vector<std::string>());
 }
@@ -246,9 +239,8 @@ TEST_F(WriteMaildirsizeTest, FileThatIsNotSyncedFails) {
         errno = EIO;
         return -1;
     };
-    StreamCapture streams;
     expectFailure(write(), EIO);
-    expectLogged(streams, NOT_COMMITTED);
+    EXPECT_EQ(message(), NOT_COMMITTED);
 }
 
 TEST_F(WriteMaildirsizeTest, FileThatIsNotClosedWellFails) {
@@ -260,14 +252,12 @@ TEST_F(WriteMaildirsizeTest, FileThatIsNotClosedWellFails) {
         };
         return 0;
     };
-    StreamCapture streams;
     expectFailure(write(), EIO);
-    expectLogged(streams, NOT_COMMITTED);
+    EXPECT_EQ(message(), NOT_COMMITTED);
 }
 
 TEST_F(WriteMaildirsizeTest, FileThatCannotBeRenamedFailsSilently) {
     makeDirectory(QUOTA_FILE);
-    const StreamCapture nothingSaid;
     EXPECT_EQ(write(), 0);
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(namesIn(MAILDIR + "/tmp"), std::vector<std::string>());
@@ -342,10 +332,9 @@ TEST_F(WriteMaildirsizeTest, FileIsDatedBackWhenArrivalsCannotBeTold) {
 TEST_F(WriteMaildirsizeTest, EntryNamedAsAFolderThatIsNoneIsLoggedAndSkipped) {
     writeFile(MAILDIR + "/.subscriptions", "");
     const std::time_t before = std::time(nullptr) - 1;
-    StreamCapture streams;
     EXPECT_EQ(write(), 1);
-    expectLogged(streams,
-                 "Bad/unrecognized entry .subscriptions within Maildir folder " + MAILDIR + "\n");
+    EXPECT_EQ(message(),
+              "Bad/unrecognized entry .subscriptions within Maildir folder " + MAILDIR + "\n");
     EXPECT_GE(statusOf(QUOTA_FILE).st_mtime, before);
 }
 
@@ -415,17 +404,15 @@ protected:
 TEST_F(PlantedLinkTest, MaildirIsRefused) {
     makeDirectory(TARGET + "/tmp");
     plant(MAILDIR, TARGET);
-    const StreamCapture nothingSaid;
     EXPECT_EQ(store(5), 0);
     EXPECT_EQ(errno, ELOOP);
 }
 
 TEST_F(PlantedLinkTest, TmpIsRefusedByEveryAttempt) {
     plant(MAILDIR + "/tmp", TARGET);
-    StreamCapture streams;
     EXPECT_EQ(store(5), 0);
     EXPECT_EQ(errno, EAGAIN);
-    expectLogged(streams, ATTEMPTS_EXCEEDED);
+    EXPECT_EQ(message(), ATTEMPTS_EXCEEDED);
 }
 
 TEST_F(PlantedLinkTest, NewAndCurCountAsEmptyAndTheFileIsDatedBack) {
@@ -475,13 +462,11 @@ TEST_F(PlantedLinkTest, LinkThatTakesTurnsWithTmpLeadsNoWriteOut) {
         (void)std::snprintf(name, size, "host%d", ++hosts);
         return 0;
     };
-    StreamCapture streams;
-    const AnotherProcess swapping([this] { exchange(MAILDIR + "/tmp", MAILDIR + "/link"); });
+    const Racer swapping([this] { exchange(MAILDIR + "/tmp", MAILDIR + "/link"); });
     Outcomes seen;
     while (seen.wantsMore()) {
         seen.note(store(5) == 1);
-        (void)streams.err();
-        (void)streams.out();
+        (void)message();
     }
     EXPECT_TRUE(seen.both()) << seen;
     EXPECT_EQ(maildirsize(), "5S,0C\n           0           0\n");

@@ -1,11 +1,24 @@
 #include "mail/sqlite/sqlite_hardening.h"
 
+#include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+#include <vector>
 
 #include "mail/quota/mail_user_db.h"
 #include "mail/sqlite/sqlite_session.h"
+#include "tests/support/files.h"
 #include "tests/support/lease_holder.h"
-#include "tests/unit/mail/sqlite_fixture.h"
+#include "tests/support/logging.h"
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/sqlite.h"
+#include "tests/support/sqlite_faults.h"
 #include "utils/guards.h"
 
 namespace {
@@ -32,8 +45,8 @@ const std::string REPLACE =
     "REPLACE INTO mailbox_quota (domain_name, mailbox_name, quota) VALUES (?, ?, ?)";
 
 void giveToPopuser(const std::string& path) {
-    checkCall(::chown(path.c_str(), POPUSER_UID, POPUSER_GID), "chown " + path);
-    checkCall(::chmod(path.c_str(), 0666), "chmod " + path);
+    ASSERT_EQ(::chown(path.c_str(), POPUSER_UID, POPUSER_GID), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
 }
 
 /// Leaves behind what a run leaves that is killed when it has written half of its transaction.
@@ -68,7 +81,7 @@ std::string superJournalRecord(const std::string& name) {
 }
 
 // A database that popuser owns and lets everybody write.
-class SqliteHardeningTest : public SqliteTest {
+class SqliteHardeningTest : public LoggingTest {
 protected:
     SqliteHardeningTest() {
         makeDirectory(FOLDER);
@@ -122,7 +135,7 @@ TEST_F(SqliteHardeningTest, LinkOfRootWithASecondNameIsRefused) {
 
 TEST_F(SqliteHardeningTest, FurtherNamesInAFolderOfRootsDoNotMatter) {
     const std::string elsewhere = "/var/lib/corvo/moved.db";
-    checkCall(::chown(FILE_PATH.c_str(), 0, 0), "chown");
+    ASSERT_EQ(::chown(FILE_PATH.c_str(), 0, 0), 0);
     std::filesystem::create_hard_link(FILE_PATH, "/var/lib/corvo/backup");
     EXPECT_TRUE(store());
     std::filesystem::rename(FILE_PATH, elsewhere);
@@ -200,7 +213,7 @@ TEST_F(SqliteHardeningTest, SuperJournalNamedInForgedJournalIsNotDeleted) {
 }
 
 TEST_F(SqliteHardeningTest, PipeInPlaceOfTheJournalDoesNotBlock) {
-    checkCall(::mkfifo(JOURNAL.c_str(), 0666), "mkfifo");
+    ASSERT_EQ(::mkfifo(JOURNAL.c_str(), 0666), 0);
     const ProcessResult child = runForked([this] { ::_exit(store() ? 0 : 1); }, 20);
     EXPECT_EQ(child.status, 1);
     EXPECT_EQ(child.err,
@@ -214,7 +227,7 @@ TEST_F(SqliteHardeningTest, PipeInPlaceOfTheFolderDoesNotBlock) {
             EXPECT_TRUE(session.begin());
             EXPECT_EQ(SqliteStatement(session, INSERT.c_str()).step(), SqliteStep::done);
             std::filesystem::rename(FOLDER, FOLDER + ".away");
-            checkCall(::mkfifo(FOLDER.c_str(), 0666), "mkfifo");
+            ASSERT_EQ(::mkfifo(FOLDER.c_str(), 0666), 0);
             (void)session.end();
         },
         20);

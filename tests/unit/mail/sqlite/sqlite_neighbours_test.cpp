@@ -1,12 +1,23 @@
 // What others in the process, who use SQLite for databases of their own, notice of our sessions.
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "mail/quota/mail_user_db.h"
 #include "mail/sqlite/sqlite_session.h"
-#include "tests/unit/mail/sqlite_fixture.h"
+#include "tests/support/files.h"
+#include "tests/support/logging.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/sqlite.h"
+#include "tests/support/sqlite_faults.h"
 
 namespace {
 
@@ -21,7 +32,7 @@ using Rows = std::vector<std::string>;
 
 const std::string OURS = "/var/lib/corvo/mail/userdb/userdb.db";
 
-class SqliteNeighboursTest : public SqliteTest {
+class SqliteNeighboursTest : public LoggingTest {
 protected:
     SqliteNeighboursTest() {
         makeDirectory("/var/lib/corvo/mail/userdb");
@@ -64,8 +75,8 @@ public:
 
 private:
     static void giveAway(const std::string& path) {
-        checkCall(::chown(path.c_str(), POPUSER_UID, POPUSER_GID), "chown " + path);
-        checkCall(::chmod(path.c_str(), 0666), "chmod " + path);
+        ASSERT_EQ(::chown(path.c_str(), POPUSER_UID, POPUSER_GID), 0);
+        ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
     }
 
     const std::string THEIRS = "/var/lib/corvo/theirs.db";
@@ -147,7 +158,7 @@ int countOpened(const char* path, int flags, int mode) {
 }
 
 // In a process of its own, where the library was not in use before.
-class SqliteNeighboursFirstTest : public SqliteTest {};
+class SqliteNeighboursFirstTest : public LoggingTest {};
 
 TEST_F(SqliteNeighboursFirstTest, KeepSystemCallsOfTheirOwn) {
     ::testing::GTEST_FLAG(death_test_style) = "threadsafe";

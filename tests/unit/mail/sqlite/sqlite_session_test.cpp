@@ -1,8 +1,19 @@
 #include "mail/sqlite/sqlite_session.h"
 
-#include <ctime>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
 
-#include "tests/unit/mail/sqlite_fixture.h"
+#include <cerrno>
+#include <cstddef>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "tests/support/files.h"
+#include "tests/support/logging.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/sqlite.h"
+#include "tests/support/sqlite_faults.h"
 
 namespace {
 
@@ -38,7 +49,7 @@ using Rows = std::vector<std::string>;
 const std::string FOLDER = "/var/lib/corvo/test";
 const std::string FILE_PATH = FOLDER + "/test.db";
 
-class SqliteSessionTest : public SqliteTest {
+class SqliteSessionTest : public LoggingTest {
 protected:
     SqliteSessionTest() { makeDirectory(FOLDER); }
 

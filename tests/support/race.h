@@ -1,48 +1,32 @@
-// Races with a process that changes the tree meanwhile.
+// Races with a second process that changes the tree meanwhile.
 
 #pragma once
 
 #include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <ostream>
 #include <string>
-#include <system_error>
 
 #include "tests/support/files.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/second_process.h"
 
 namespace corvo::test {
 
-/// While it lives, another process runs `step` again and again.
-class AnotherProcess {
+/// While it lives, a second process runs `step` again and again.
+class Racer {
 public:
-    explicit AnotherProcess(const std::function<void()>& step) : child_(::fork()) {
-        if (child_ < 0)
-            throw std::system_error(errno, std::generic_category(), "fork");
-        if (child_ == 0)
-            repeat(step);
-    }
-    ~AnotherProcess() {
-        (void)::kill(child_, SIGKILL);
-        (void)::waitpid(child_, nullptr, 0);
-    }
-    AnotherProcess(const AnotherProcess&) = delete;
-    AnotherProcess& operator=(const AnotherProcess&) = delete;
+    explicit Racer(const std::function<void()>& step)
+        : process_([&step](const SecondProcess::Ready& ready) {
+              ready();
+              for (;;)
+                  step();
+          }) {}
 
 private:
-    [[noreturn]] static void repeat(const std::function<void()>& step) noexcept {
-        (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        for (;;)
-            step();
-    }
-
-    pid_t child_;
+    SecondProcess process_;
 };
 
 /// Lets two names change places in one go; nothing happens when one is missing.
