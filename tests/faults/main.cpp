@@ -13,7 +13,7 @@
 #include <span>
 #include <string_view>
 
-#include "tests/faults/campaign.h"
+#include "tests/faults/mechanisms/campaign.h"
 #include "tests/support/sandbox.h"
 
 namespace {

@@ -1,0 +1,205 @@
+// Other processes at the same places: holders of locks, for which a run waits as long as they hold
+// them, and other runs.
+
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <list>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/faults/disturb/background.h"
+#include "tests/faults/mechanisms/points.h"
+#include "tests/support/files.h"
+#include "tests/support/installation.h"
+#include "tests/support/sandbox.h"
+#include "utils/file_lock.h"
+
+namespace corvo::faults {
+
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+/// How long a lock is held: several times what a run takes alone.
+constexpr milliseconds HOLD{400};
+
+constexpr unsigned QUICK_REPETITIONS = 1;
+constexpr unsigned FULL_REPETITIONS = 60;
+
+struct CloseDatabase {
+    void operator()(sqlite3* database) const { sqlite3_close(database); }
+};
+
+// --- locks
+
+void must(sqlite3* database, const char* statement) {
+    if (sqlite3_exec(database, statement, nullptr, nullptr, nullptr) != SQLITE_OK)
+        throw std::runtime_error(std::string(statement) + ": " + sqlite3_errmsg(database));
+}
+
+/// Takes a lock by `statements` and holds it for the time of HOLD.
+int holdDatabase(const std::string& path, const char* statements, const Background::Ready& ready) {
+    sqlite3* opened = nullptr;
+    sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
+    const std::unique_ptr<sqlite3, CloseDatabase> database(opened);
+    must(opened, statements);
+    ready();
+    std::this_thread::sleep_for(HOLD);
+    must(opened, "ROLLBACK");
+    return 0;
+}
+
+int holdNamedLock(const std::string& path, const Background::Ready& ready) {
+    lock_handle* const lock = mk_lock(path.c_str(), 1);
+    if (!is_locked(lock))
+        throw std::runtime_error("no lock for " + path);
+    ready();
+    std::this_thread::sleep_for(HOLD);
+    return rm_lock(lock);
+}
+
+using Holder = std::function<int(const Background::Ready&)>;
+
+/// A run that meets the lock: it has to end later than the holder, and to have restored everything.
+void tryHolder(World& world, Report& report, Start start, const std::string& name,
+               const Holder& holder, const std::string& mode = "--all") {
+    const std::string point = nameOf(start) + "/" + name + mode;
+    if (!report.wants(point))
+        return;
+    Violations own;
+    Violations violations = judge(world, start, [&] {
+        const auto begin = Clock::now();
+        Background holding(holder);
+        const Outcome outcome = undisturbedRun(mode);
+        if (Clock::now() - begin < HOLD)
+            own.push_back("I7 the run did not wait for the lock");
+        if (holding.finish() != 0)
+            own.push_back("I7 the holder of the lock failed");
+        if (outcome.status != 0)
+            own.push_back("I7 exit status " + std::to_string(outcome.status) + " instead of 0");
+        return outcome;
+    });
+    violations.insert(violations.end(), own.begin(), own.end());
+    report.tried(point, violations);
+}
+
+struct DatabaseLock {
+    const char* name;
+    const char* statements;
+};
+
+// A reader keeps a writer from committing; a writer that has not begun to write and one that has.
+constexpr DatabaseLock DATABASE_LOCKS[] = {
+    {"shared", "BEGIN; SELECT count(*) FROM sqlite_master"},
+    {"reserved", "BEGIN IMMEDIATE"},
+    {"exclusive", "BEGIN EXCLUSIVE"},
+};
+
+void heldDatabases(World& world, Report& report) {
+    for (const Start start : STARTS)
+        for (const auto& [name, statements] : DATABASE_LOCKS) {
+            const auto holdOne = [statements = statements](const std::string& path) {
+                return [=](const Background::Ready& ready) {
+                    return holdDatabase(path, statements, ready);
+                };
+            };
+            tryHolder(world, report, start, name + std::string("-userdb"), holdOne(test::USERDB));
+            tryHolder(world, report, start, name + std::string("-handlers"),
+                      holdOne(test::HANDLERS));
+        }
+    tryHolder(
+        world, report, Start::restored, "exclusive-handlers",
+        [](const Background::Ready& ready) {
+            return holdDatabase(test::HANDLERS, "BEGIN EXCLUSIVE", ready);
+        },
+        "--fast");
+}
+
+/// The delivery files that a run changes line by line: those with a line below the reset's.
+std::vector<std::string> editedDeliveryFiles(const Golden& golden) {
+    std::vector<std::string> paths;
+    for (const auto& [path, entry] : golden.after.storage)
+        if (path.ends_with("/.qmail") &&
+            std::count(entry.content.begin(), entry.content.end(), '\n') > 1)
+            paths.push_back(path);
+    return paths;
+}
+
+void heldNamedLocks(World& world, Report& report) {
+    for (const Start start : STARTS)
+        for (const std::string& path : editedDeliveryFiles(world.golden(start)))
+            tryHolder(world, report, start, "named-lock/" + path,
+                      [&](const Background::Ready& ready) {
+                          return holdNamedLock(test::MAILNAMES + "/" + path, ready);
+                      });
+}
+
+// --- other runs
+
+std::string errorsOf(std::size_t companion) {
+    return "/run/companion" + std::to_string(companion);
+}
+
+/// Runs with these modes at once, begun a little apart, as one: the first bad status, all errors.
+Outcome runsAtOnce(const std::vector<std::string>& modes, milliseconds apart) {
+    std::list<Background> companions;
+    for (std::size_t i = 1; i < modes.size(); ++i)
+        companions.emplace_back([&](const Background::Ready& ready) {
+            ready();
+            const Outcome outcome = undisturbedRun(modes[i]);
+            test::writeFile(errorsOf(i), outcome.err);
+            return outcome.status;
+        });
+    std::this_thread::sleep_for(apart);
+    Outcome all = undisturbedRun(modes[0]);
+    std::size_t number = 0;
+    for (Background& companion : companions) {
+        const int status = companion.finish();
+        if (all.status == 0)
+            all.status = status;
+        all.err += test::contentsOf(errorsOf(++number));
+    }
+    return all;
+}
+
+const std::vector<std::string> COMPANIES[] = {
+    {"--all", "--all"},
+    {"--all", "--fast"},
+    {"--all", "--all", "--all"},
+    {"--all", "--all", "--fast"},
+};
+
+void companies(World& world, Report& report, const Selection& selection) {
+    Points points(world, report);
+    const unsigned repetitions = selection.full ? FULL_REPETITIONS : QUICK_REPETITIONS;
+    for (const Start start : STARTS)
+        for (const std::vector<std::string>& modes : COMPANIES) {
+            std::string name = "together";
+            for (const std::string& mode : modes)
+                name += mode;
+            for (unsigned i = 0; i < repetitions; ++i)
+                points.attempt(start, name + "/" + std::to_string(i), true,
+                               [&] { return runsAtOnce(modes, milliseconds(i % 20)); });
+        }
+    for (unsigned i = 0; i < repetitions; ++i)
+        points.attempt(Start::restored, "together--fast--fast/" + std::to_string(i), true, [&] {
+            return runsAtOnce({"--fast", "--fast"}, milliseconds(i % 20));
+        });
+}
+
+}  // namespace
+
+void contention(World& world, Report& report, const Selection& selection) {
+    heldDatabases(world, report);
+    heldNamedLocks(world, report);
+    companies(world, report, selection);
+}
+
+}  // namespace corvo::faults
