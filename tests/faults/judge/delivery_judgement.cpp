@@ -12,13 +12,6 @@ namespace corvo::faults {
 
 namespace {
 
-/// "name@domain" of a path below a home.
-std::string addressOf(const std::string& path) {
-    const std::size_t domain = path.find('/');
-    const std::size_t name = path.find('/', domain + 1);
-    return path.substr(domain + 1, name - domain - 1) + "@" + path.substr(0, domain);
-}
-
 bool isPrefixOfPassing(const Golden& golden, const std::string& path, const std::string& content) {
     const auto passing = golden.passing.find(path);
     if (passing == golden.passing.end())
@@ -31,8 +24,7 @@ bool isPrefixOfPassing(const Golden& golden, const std::string& path, const std:
 
 std::set<std::string> forwardsIn(const std::string& content) {
     std::set<std::string> forwards;
-    std::istringstream lines(content);
-    for (std::string line; std::getline(lines, line);)
+    for (const std::string& line : linesOf(content))
         if (line.starts_with('&'))
             forwards.insert(line);
     return forwards;
@@ -40,8 +32,7 @@ std::set<std::string> forwardsIn(const std::string& content) {
 
 std::string without(const std::set<std::string>& removed, const std::string& content) {
     std::string kept;
-    std::istringstream lines(content);
-    for (std::string line; std::getline(lines, line);)
+    for (const std::string& line : linesOf(content))
         if (!removed.contains(line))
             kept += line + "\n";
     return kept;
@@ -55,7 +46,7 @@ bool hasFailed(const std::string& stage, const std::string& address, const Outco
 /// left.
 bool isForwardsAfterFailure(const Golden& golden, const std::string& path, const Entry* former,
                             const std::string& content, const Outcome& outcome) {
-    if (!hasFailed("registering mailbox for ", addressOf(path), outcome))
+    if (!hasFailed("registering mailbox for ", addressOf(homeOf(path)), outcome))
         return false;
     const Entry* wanted = entryAt(golden.after.storage, path);
     const std::set<std::string> forwards =

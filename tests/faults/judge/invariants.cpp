@@ -3,11 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
-#include <cstdio>
-#include <optional>
-#include <sstream>
 #include <string_view>
 
 #include "tests/faults/judge/judgement.h"
@@ -19,54 +15,18 @@ namespace corvo::faults {
 namespace {
 
 constexpr mode_t WRITABLE_BY_OTHERS = S_IWGRP | S_IWOTH;
-constexpr std::size_t SHOWN = 120;  // characters of a content in a report
-
-std::string shown(const std::string& content) {
-    std::string text;
-    for (const char c : content.substr(0, SHOWN))
-        text += c == '\n' ? std::string("\\n") : std::string(1, c);
-    return "<" + text + (content.size() > SHOWN ? "...>" : ">");
-}
-
-std::string shown(const Entry& entry) {
-    std::array<char, 64> attributes{};
-    (void)std::snprintf(attributes.data(), attributes.size(), "%06o %u:%u inode %lu ", entry.mode,
-                        entry.uid, entry.gid, static_cast<unsigned long>(entry.inode));
-    return attributes.data() + shown(entry.content);
-}
-
-std::string shown(const Entry* entry) {
-    return entry == nullptr ? "nothing" : shown(*entry);
-}
 
 void addDifference(Violations& found, const std::string& invariant, const std::string& path,
                    const Entry* before, const Entry* after) {
     found.push_back(invariant + " " + path + ": " + shown(before) + " became " + shown(after));
 }
 
-bool isMessage(const std::string& path, const Entry& entry) {
-    if (S_ISDIR(entry.mode))
-        return false;
-    return path.find("/new/") != std::string::npos || path.find("/cur/") != std::string::npos ||
-           path.find("/@attachments/") != std::string::npos;
-}
-
-/// Visits each path of either tree with its two entries, null where there is none.
-template <typename Visit>
-void compare(const Tree& left, const Tree& right, Visit visit) {
-    for (const auto& [path, entry] : left)
-        visit(path, &entry, entryAt(right, path));
-    for (const auto& [path, entry] : right)
-        if (!left.contains(path))
-            visit(path, static_cast<const Entry*>(nullptr), &entry);
-}
-
 void checkMessages(const Snapshot& before, const Snapshot& after, Violations& found) {
     compare(before.storage, after.storage,
             [&](const std::string& path, const Entry* former, const Entry* now) {
-                if (!isMessage(path, former != nullptr ? *former : *now))
+                if (!isStoredMessage(path, former != nullptr ? *former : *now))
                     return;
-                if (former == nullptr || now == nullptr || *former != *now)
+                if (!isUntouched(former, now))
                     addDifference(found, "I1", path, former, now);
             });
 }
@@ -99,8 +59,7 @@ using Rows = std::map<std::string, std::string>;
 /// Rows by their first `keys` columns.
 Rows rowsByKey(const std::string& text, int keys) {
     Rows rows;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : linesOf(text)) {
         std::size_t end = 0;
         for (int i = 0; i < keys; ++i)
             end = line.find('|', end) + 1;
@@ -114,11 +73,6 @@ std::string rowAt(const Rows& rows, const std::string& key) {
     return row == rows.end() ? "no row" : row->second;
 }
 
-/// Removed before it is added again, in a transaction of its own.
-bool passesThroughAbsence(const std::string& key) {
-    return key.find("|check-quota|") != std::string::npos;
-}
-
 void checkRows(const Rows& before, const Rows& wanted, const Rows& after, Violations& found) {
     Rows all = before;
     all.insert(wanted.begin(), wanted.end());
@@ -126,7 +80,8 @@ void checkRows(const Rows& before, const Rows& wanted, const Rows& after, Violat
     for (const auto& [key, row] : all) {
         const std::string now = rowAt(after, key);
         const bool isKnown = now == rowAt(before, key) || now == rowAt(wanted, key);
-        if (!isKnown && !(now == "no row" && passesThroughAbsence(key)))
+        // Removed before it is added again, in a transaction of its own.
+        if (!isKnown && !(now == "no row" && isOwnHandler(key)))
             found.push_back("I4 " + key + ": " + rowAt(before, key) + " became " + now);
     }
 }
@@ -163,23 +118,20 @@ bool isLockFile(const std::string& path, const Entry& entry) {
 }
 
 void checkSurroundings(const Snapshot& before, const Snapshot& after, Violations& found) {
-    const auto same = [](const Entry* former, const Entry* now) {
-        return former != nullptr && now != nullptr && *former == *now;
-    };
     compare(before.canary, after.canary,
-            [&](const std::string& path, const auto* old, const auto* now) {
-                if (!same(old, now))
+            [&](const std::string& path, const Entry* old, const Entry* now) {
+                if (!isUntouched(old, now))
                     addDifference(found, "I5", "/" + path, old, now);
             });
     compare(before.databases, after.databases,
-            [&](const std::string& path, const auto* old, const auto* now) {
-                if (!same(old, now) && !isDatabase(path) && !isJournal(path))
+            [&](const std::string& path, const Entry* old, const Entry* now) {
+                if (!isUntouched(old, now) && !isDatabase(path) && !isJournal(path))
                     addDifference(found, "I5", "/var/lib/corvo/" + path, old, now);
             });
     compare(before.locks, after.locks,
-            [&](const std::string& path, const auto* old, const auto* now) {
+            [&](const std::string& path, const Entry* old, const Entry* now) {
                 const bool isNewLock = old == nullptr && isLockFile(path, *now);
-                if (!same(old, now) && !isNewLock)
+                if (!isUntouched(old, now) && !isNewLock)
                     addDifference(found, "I5", "/run/lock/files/" + path, old, now);
             });
 }
@@ -244,7 +196,7 @@ void checkOwnersAndModes(const Golden& golden, const Snapshot& before, const Sna
         const mode_t newlyWritable = now.mode & WRITABLE_BY_OTHERS;
         if (!S_ISLNK(now.mode) && newlyWritable != 0 &&
             (former == nullptr || (newlyWritable & ~former->mode) != 0))
-            found.push_back("I6 " + path + " became writable by others: " + shown(now));
+            found.push_back("I6 " + path + " became writable by others: " + shown(&now));
     }
     for (const auto& [path, now] : after.databases) {
         const Entry* former = entryAt(before.databases, path);
@@ -256,17 +208,9 @@ void checkOwnersAndModes(const Golden& golden, const Snapshot& before, const Sna
 }
 
 void checkEnd(const Outcome& outcome, const Expectation& expectation, Violations& found) {
-    if (outcome.hung)
-        found.push_back("I7 the run hangs; so far it said " + shown(outcome.err));
-    else if ((outcome.status < 0 || outcome.status > 2) &&
-             (expectation.signal == 0 || outcome.status != 128 + expectation.signal))
-        found.push_back("I7 exit status " + std::to_string(outcome.status) + ", " +
-                        shown(outcome.err));
+    append(found, judgeEnd(outcome, expectation.signal));
     if (expectation.passes && outcome.status != 0)
         found.push_back("I7 exit status " + std::to_string(outcome.status) + " instead of 0");
-    for (const char* report : {"Sanitizer", "runtime error:", "terminate called"})
-        if (outcome.err.find(report) != std::string::npos)
-            found.push_back("I7 " + shown(outcome.err.substr(outcome.err.find(report))));
 }
 
 bool isKilled(const Outcome& outcome) {
@@ -274,11 +218,6 @@ bool isKilled(const Outcome& outcome) {
 }
 
 }  // namespace
-
-const Entry* entryAt(const Tree& tree, const std::string& path) {
-    const auto entry = tree.find(path);
-    return entry == tree.end() ? nullptr : &entry->second;
-}
 
 Violations checkAfterFault(const Golden& golden, const Snapshot& before, const Snapshot& after,
                            const Outcome& outcome, const Expectation& expectation) {
@@ -320,7 +259,7 @@ void checkRepaired(const Golden& golden, const Snapshot& repaired, Violations& f
                 const bool isResidue = wanted == nullptr && isTemporary(path);
                 if (isResidue && ++residues[finalPath(path)] <= 1)
                     return;
-                if (wanted == nullptr || now == nullptr || isDifferent(*wanted, *now))
+                if (isDifferent(wanted, now))
                     addDifference(found, "I9", path, wanted, now);
             });
     if (repaired.quotaRows != golden.after.quotaRows)
@@ -334,7 +273,8 @@ void checkRepaired(const Golden& golden, const Snapshot& repaired, Violations& f
 void checkUnchanged(const Snapshot& before, const Snapshot& after, Violations& found) {
     const auto check = [&](const Tree& former, const Tree& latter) {
         compare(former, latter, [&](const std::string& path, const Entry* was, const Entry* now) {
-            if (was == nullptr || now == nullptr || (!isDatabase(path) && isDifferent(*was, *now)))
+            const bool isGone = was == nullptr || now == nullptr;
+            if (isGone || (!isDatabase(path) && isDifferent(was, now)))
                 addDifference(found, "I10", path, was, now);
         });
     };
@@ -348,11 +288,6 @@ void checkUnchanged(const Snapshot& before, const Snapshot& after, Violations& f
         found.push_back("I10 integrity_check: " + after.integrity);
 }
 
-bool isDifferent(const Entry& left, const Entry& right) {
-    return left.mode != right.mode || left.uid != right.uid || left.gid != right.gid ||
-           left.content != right.content;
-}
-
 Violations judge(World& world, Start start, const std::function<Outcome()>& faultyRun,
                  const Expectation& expectation) {
     world.reset(start);
@@ -361,7 +296,7 @@ Violations judge(World& world, Start start, const std::function<Outcome()>& faul
     const Outcome outcome = faultyRun();
     Violations found = checkAfterFault(golden, before, Snapshot::take(), outcome, expectation);
     const Violations later = checkRepair(golden);
-    found.insert(found.end(), later.begin(), later.end());
+    append(found, later);
     return found;
 }
 

@@ -4,17 +4,13 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "tests/faults/disturb/runner.h"
+#include "tests/faults/judge/vocabulary.h"
 #include "tests/faults/world/snapshot.h"
 #include "tests/faults/world/world.h"
 
 namespace corvo::faults {
-
-/// Sentences, each naming the invariant ("I3 example.com/info/Maildir/maildirsize: ..."); empty
-/// when all is well.
-using Violations = std::vector<std::string>;
 
 /// What a mechanism asks to be judged differently.
 struct Expectation {

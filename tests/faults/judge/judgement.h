@@ -6,14 +6,9 @@
 #include <vector>
 
 #include "tests/faults/judge/invariants.h"
+#include "tests/faults/judge/tree_comparison.h"
 
 namespace corvo::faults {
-
-/// Null when there is none.
-const Entry* entryAt(const Tree& tree, const std::string& path);
-
-/// In type, mode, owner or content.
-bool isDifferent(const Entry& left, const Entry& right);
 
 /// Whether a faulty run may leave a .qmail as `now`; null where there is no file.
 bool isAllowedDelivery(const Golden& golden, const std::string& path, const Entry* former,

@@ -1,6 +1,5 @@
 #include <cctype>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,16 +61,11 @@ bool names(std::string_view line, const std::string& entity) {
     return slash != std::string::npos && speaksOf(line, entity.substr(slash + 1) + "@" + domain);
 }
 
-bool isNamed(const std::string& entity, const std::string& err) {
-    std::istringstream lines(err);
-    for (std::string line; std::getline(lines, line);)
+bool isSpokenOf(const std::string& entity, const std::string& err) {
+    for (const std::string& line : linesOf(err))
         if (names(line, entity))
             return true;
     return false;
-}
-
-std::string entityOf(const std::string& path) {
-    return path.substr(0, path.find('/', path.find('/') + 1));
 }
 
 /// The failures that a run reports without a name, or not at all. All are prescribed, and concern
@@ -93,16 +87,14 @@ void addUnrestoredPaths(const Golden& golden, const Snapshot& after, const Outco
                         std::set<std::string>& found) {
     for (const auto& [path, wanted] : golden.after.storage) {
         const Entry* now = entryAt(after.storage, path);
-        if ((now == nullptr || isDifferent(wanted, *now)) &&
-            !isUnnamed(golden, path, wanted, now, outcome))
-            found.insert(entityOf(path));
+        if (isDifferent(&wanted, now) && !isUnnamed(golden, path, wanted, now, outcome))
+            found.insert(homeOf(path));
     }
 }
 
 void addUnrestoredQuotas(const Golden& golden, const Snapshot& after,
                          std::set<std::string>& found) {
-    std::istringstream rows(golden.after.quotaRows);
-    for (std::string row; std::getline(rows, row);) {
+    for (const std::string& row : linesOf(golden.after.quotaRows)) {
         if (after.quotaRows.find(row + "\n") != std::string::npos)
             continue;
         std::string entity = row.substr(0, row.rfind('|'));
@@ -125,7 +117,7 @@ std::vector<std::string> unreported(const Golden& golden, const Snapshot& after,
         unrestored.insert(HANDLER);
     std::vector<std::string> unnamed;
     for (const std::string& entity : unrestored)
-        if (!isNamed(entity, outcome.err))
+        if (!isSpokenOf(entity, outcome.err))
             unnamed.push_back(entity);
     return unnamed;
 }

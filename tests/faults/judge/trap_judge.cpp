@@ -9,56 +9,27 @@
 #include <string_view>
 
 #include "tests/faults/disturb/runner.h"
+#include "tests/faults/judge/tree_comparison.h"
+#include "tests/faults/judge/vocabulary.h"
 
 namespace corvo::faults {
 
 namespace {
 
-/// All of an entry that a repaired one shares with it.
-std::string inWords(const Entry& entry) {
-    std::ostringstream text;
-    text << std::oct << entry.mode << std::dec << ' ' << entry.uid << ':' << entry.gid << " <"
-         << entry.content << '>';
-    return text.str();
+std::string difference(std::string_view invariant, const std::string& key, const Entry* expected,
+                       const Entry* found) {
+    return std::string(invariant) + " " + key + ": " + shown(found) + " instead of " +
+           shown(expected);
 }
 
-std::string inWords(const Tree& tree, const std::string& key) {
-    const auto found = tree.find(key);
-    return found == tree.end() ? "nothing" : inWords(found->second);
-}
-
-std::string difference(std::string_view invariant, const std::string& key,
-                       const std::string& expected, const std::string& found) {
-    return std::string(invariant) + " " + key + ": " + found + " instead of " + expected;
-}
-
-std::set<std::string> keysOf(const Tree& one, const Tree& other) {
-    std::set<std::string> keys;
-    for (const auto& [key, entry] : one)
-        keys.insert(key);
-    for (const auto& [key, entry] : other)
-        keys.insert(key);
-    return keys;
-}
-
-bool isMessage(const std::string& key) {
-    return key.find("/new/") != std::string::npos || key.find("/cur/") != std::string::npos ||
-           key.find("/@attachments/") != std::string::npos;
-}
-
-bool isSameFile(const Tree& before, const Tree& after, const std::string& key) {
-    const auto one = before.find(key);
-    const auto other = after.find(key);
-    return one != before.end() && other != after.end() && one->second == other->second;
-}
-
-/// No message appears, vanishes or changes.
+/// No message appears, vanishes or changes; nor does a folder among them.
 Violations judgeMessages(const Trial& trial) {
     Violations violations;
-    for (const std::string& key : keysOf(trial.storageBefore, trial.storageAfter))
-        if (isMessage(key) && !isSameFile(trial.storageBefore, trial.storageAfter, key))
-            violations.push_back(difference("I1", key, inWords(trial.storageBefore, key),
-                                            inWords(trial.storageAfter, key)));
+    compare(trial.storageBefore, trial.storageAfter,
+            [&](const std::string& key, const Entry* before, const Entry* after) {
+                if (liesAmongMessages(key) && !isUntouched(before, after))
+                    violations.push_back(difference("I1", key, before, after));
+            });
     return violations;
 }
 
@@ -67,8 +38,8 @@ bool isSoundMaildirsize(const Entry& entry) {
     return S_ISREG(entry.mode) && std::regex_match(entry.content, complete);
 }
 
-/// The lines of a file of lines, which must be whole.
-std::set<std::string> linesOf(const std::string& content) {
+/// With their ends: the last one may lack its own.
+std::set<std::string> wholeLinesOf(const std::string& content) {
     std::set<std::string> lines;
     std::istringstream stream(content);
     for (std::string line; std::getline(stream, line);)
@@ -79,8 +50,8 @@ std::set<std::string> linesOf(const std::string& content) {
 /// Stages fail one by one, so old and new lines may stand together.
 bool isSoundDelivery(const std::string& content, const std::string& former,
                      const std::string& golden) {
-    const std::set<std::string> known = linesOf(former + golden);
-    return std::ranges::includes(known, linesOf(content));
+    const std::set<std::string> known = wholeLinesOf(former + golden);
+    return std::ranges::includes(known, wholeLinesOf(content));
 }
 
 /// Whether an entry is as restored but for a content on the way there.
@@ -89,32 +60,28 @@ bool isOnTheWay(const std::string& key, Entry found, const std::string& former,
     if ((key.ends_with("/.qmail") && isSoundDelivery(found.content, former, golden.content)) ||
         (key.ends_with("/maildirsize") && isSoundMaildirsize(found)))
         found.content = golden.content;
-    return inWords(found) == inWords(golden);
+    return !isDifferent(&found, &golden);
 }
 
 /// Whether a run may leave this entry as it is.
-bool isAccountedFor(const std::string& key, const Trial& trial, const Restored& golden) {
-    const std::string found = inWords(trial.storageAfter, key);
-    if (found == inWords(trial.storageBefore, key) || found == inWords(golden.storage, key))
+bool isAccountedFor(const std::string& key, const Entry* before, const Entry* after,
+                    const Entry* restored) {
+    if (!isDifferent(after, before) || !isDifferent(after, restored))
         return true;
-    const auto after = trial.storageAfter.find(key);
-    if (after == trial.storageAfter.end())
+    if (after == nullptr)
         return key.ends_with("/.qmail.tmp");
-    const auto before = trial.storageBefore.find(key);
-    const auto restored = golden.storage.find(key);
-    return restored != golden.storage.end() &&
-           isOnTheWay(key, after->second,
-                      before == trial.storageBefore.end() ? "" : before->second.content,
-                      restored->second);
+    return restored != nullptr &&
+           isOnTheWay(key, *after, before == nullptr ? "" : before->content, *restored);
 }
 
 /// Every entry is as before, or as restored, or on the way there.
 Violations judgeEntries(const Trial& trial, const Restored& golden) {
     Violations violations;
-    for (const std::string& key : keysOf(trial.storageBefore, trial.storageAfter))
-        if (!isAccountedFor(key, trial, golden))
-            violations.push_back(difference("I6", key, inWords(trial.storageBefore, key),
-                                            inWords(trial.storageAfter, key)));
+    compare(trial.storageBefore, trial.storageAfter,
+            [&](const std::string& key, const Entry* before, const Entry* after) {
+                if (!isAccountedFor(key, before, after, entryAt(golden.storage, key)))
+                    violations.push_back(difference("I6", key, before, after));
+            });
     return violations;
 }
 
@@ -123,36 +90,36 @@ Violations judgeDisclosure(const Trial& trial) {
     Violations violations;
     for (const auto& [key, entry] : trial.storageAfter)
         if (entry.uid != 0 && entry.content.find(BAIT_MARK) != std::string::npos)
-            violations.push_back("I5 " + key + " hands out what is root's: " + inWords(entry));
+            violations.push_back("I5 " + key + " hands out what is root's: " + shown(&entry));
     return violations;
 }
 
-bool isRestored(const std::string& key, const Tree& storage, const Restored& golden) {
-    return inWords(storage, key) == inWords(golden.storage, key);
+/// Where a tree differs from what it should be.
+Violations judgeTree(std::string_view invariant, const Tree& wanted, const Tree& found) {
+    Violations violations;
+    for (const std::string& key : pathsThat(isDifferent, wanted, found))
+        violations.push_back(difference(invariant, key, entryAt(wanted, key), entryAt(found, key)));
+    return violations;
 }
 
 Violations judgeUnspoiled(const Tree& storage, const Restored& golden, const Spoils& spoils) {
     Violations violations;
-    for (const std::string& key : keysOf(storage, golden.storage))
-        if (!spoils(key) && !isRestored(key, storage, golden) && !key.starts_with(".aside"))
-            violations.push_back(difference("I9 beside the trap", key, inWords(golden.storage, key),
-                                            inWords(storage, key)));
+    compare(golden.storage, storage,
+            [&](const std::string& key, const Entry* wanted, const Entry* found) {
+                if (isDifferent(wanted, found) && !spoils(key) && !key.starts_with(".aside"))
+                    violations.push_back(difference("I9 beside the trap", key, wanted, found));
+            });
     return violations;
-}
-
-bool isIn(const std::string& home, const std::string& key) {
-    return key == home || key.starts_with(home + "/");
 }
 
 /// Whether all that the panel describes for a home is there. A size counted around a trap is sound.
 bool isHomeRestored(const std::string& home, const Trial& trial, const Restored& golden) {
-    for (const auto& [key, entry] : golden.storage) {
-        const auto found = trial.storageAfter.find(key);
-        const bool isOwners = isMessage(key) || key.find("/.Other") != std::string::npos;
-        if (!isIn(home, key) || isOwners || isRestored(key, trial.storageAfter, golden))
+    for (const auto& [key, wanted] : golden.storage) {
+        const Entry* found = entryAt(trial.storageAfter, key);
+        const bool isOwners = liesAmongMessages(key) || key.find("/.Other") != std::string::npos;
+        if (!isIn(home, key) || isOwners || !isDifferent(found, &wanted))
             continue;
-        if (found == trial.storageAfter.end() || !key.ends_with("/maildirsize") ||
-            !isSoundMaildirsize(found->second))
+        if (found == nullptr || !key.ends_with("/maildirsize") || !isSoundMaildirsize(*found))
             return false;
     }
     return true;
@@ -172,19 +139,7 @@ bool isResidue(const std::string& key) {
     return key.ends_with("/.qmail.tmp") || key.ends_with("-maildirsize");
 }
 
-Violations judgeExit(const Outcome& outcome) {
-    if (outcome.hung)
-        return {"I7 the run hangs"};
-    if (outcome.status < 0 || outcome.status > 2)
-        return {"I7 exit status " + std::to_string(outcome.status) + ": <" + outcome.err + ">"};
-    return {};
-}
-
 }  // namespace
-
-void append(Violations& all, const Violations& more) {
-    all.insert(all.end(), more.begin(), more.end());
-}
 
 bool isNamed(const std::string& home, const std::string& reports) {
     const std::string domain = home.substr(0, home.find('/'));
@@ -219,7 +174,7 @@ Violations judgeOutside(const OutsideState& before, const OutsideState& after) {
 }
 
 Violations judgeTrial(const Trial& trial, const Restored& golden, const Spoils& spoils) {
-    Violations violations = judgeExit(trial.outcome);
+    Violations violations = judgeEnd(trial.outcome);
     append(violations, judgeOutside(trial.outsideBefore, trial.outsideAfter));
     append(violations, judgeMessages(trial));
     append(violations, judgeEntries(trial, golden));
@@ -230,14 +185,14 @@ Violations judgeTrial(const Trial& trial, const Restored& golden, const Spoils& 
 }
 
 Violations judgeRace(const Trial& trial, const Restored& golden, const Spoils& spoils) {
-    Violations violations = judgeExit(trial.outcome);
+    Violations violations = judgeEnd(trial.outcome);
     append(violations, judgeOutside(trial.outsideBefore, trial.outsideAfter));
     append(violations, judgeMessages(trial));
     append(violations, judgeDisclosure(trial));
     append(violations, judgeUnspoiled(trial.storageAfter, golden, spoils));
     for (const auto& [key, entry] : trial.storageAfter)
         if (!trial.storageBefore.contains(key) && !golden.storage.contains(key) && !isResidue(key))
-            violations.push_back("I6 " + key + " has appeared: " + inWords(entry));
+            violations.push_back("I6 " + key + " has appeared: " + shown(&entry));
     return violations;
 }
 
@@ -252,28 +207,21 @@ Violations judgeRows(const Restored& golden, const Restored& found, const Spoils
         if (!isThere && !spoils(home))
             violations.push_back("I4 no quota of " + home + ": <" + found.quotaRows + ">");
     }
-    std::istringstream rows(found.quotaRows);
-    for (std::string row; std::getline(rows, row);)
+    for (const std::string& row : linesOf(found.quotaRows))
         if (golden.quotaRows.find(row + "\n") == std::string::npos)
             violations.push_back("I4 a foreign row: " + row);
     return violations;
 }
 
 Violations judgeRepair(const Restored& golden) {
-    Violations violations = judgeExit(undisturbedRun());
+    Violations violations = judgeEnd(undisturbedRun());
     const Restored repaired = Restored::look();
-    for (const std::string& key : keysOf(repaired.storage, golden.storage))
-        if (!isRestored(key, repaired.storage, golden))
-            violations.push_back(difference("I9", key, inWords(golden.storage, key),
-                                            inWords(repaired.storage, key)));
+    append(violations, judgeTree("I9", golden.storage, repaired.storage));
     if (repaired.quotaRows != golden.quotaRows || repaired.handlerRows != golden.handlerRows)
         violations.push_back("I9 rows: <" + repaired.quotaRows + repaired.handlerRows + ">");
-    append(violations, judgeExit(undisturbedRun()));
+    append(violations, judgeEnd(undisturbedRun()));
     const Restored again = Restored::look();
-    for (const std::string& key : keysOf(repaired.storage, again.storage))
-        if (inWords(repaired.storage, key) != inWords(again.storage, key))
-            violations.push_back(difference("I10", key, inWords(repaired.storage, key),
-                                            inWords(again.storage, key)));
+    append(violations, judgeTree("I10", repaired.storage, again.storage));
     return violations;
 }
 

@@ -47,7 +47,4 @@ Violations judgeOutside(const OutsideState& before, const OutsideState& after);
 /// Whether standard error names the home: by its address, or with its whole domain.
 bool isNamed(const std::string& home, const std::string& reports);
 
-/// Adds violations to others.
-void append(Violations& all, const Violations& more);
-
 }  // namespace corvo::faults

@@ -30,10 +30,6 @@ const std::string ELSEWHERE = "/var/qmail/disk/moved";
 
 const std::string USERDB_FOLDER = fs::path(test::USERDB).parent_path();
 
-bool isIn(const std::string& folder, const std::string& key) {
-    return key == folder || key.starts_with(folder + "/");
-}
-
 bool spoilsNothing(const std::string& /*key*/) {
     return false;
 }

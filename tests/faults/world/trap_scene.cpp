@@ -76,11 +76,6 @@ void requireSuccess(const Outcome& outcome) {
 
 }  // namespace
 
-std::string addressOf(const std::string& home) {
-    const std::size_t slash = home.find('/');
-    return home.substr(slash + 1) + "@" + home.substr(0, slash);
-}
-
 Restored Restored::look() {
     return {readTree(test::MAILNAMES), joined(test::quotaRows()), joined(test::handlerRows())};
 }

@@ -54,7 +54,4 @@ private:
     Restored golden_;
 };
 
-/// "info@trapped.example" for "trapped.example/info".
-std::string addressOf(const std::string& home);
-
 }  // namespace corvo::faults
