@@ -16,31 +16,53 @@ namespace corvo {
 MailboxRestorationHelper::MailboxRestorationHelper()
     : maildirManager_(&mail::MaildirPPManager::getInstance()) {}
 
+void MailboxRestorationHelper::goTo(const mail::Mailname& mailname) {
+    if (at_ && at_->home() == mailname.home())
+        return;
+    leaveMailname();
+    at_ = mailname;
+}
+
+void MailboxRestorationHelper::leaveMailname() {
+    forwards_.leave();
+    if (at_)
+        flush_.noteHome(at_->home());
+    at_.reset();
+}
+
+void MailboxRestorationHelper::finish() {
+    leaveMailname();
+    flush_.flush();
+}
+
 void MailboxRestorationHelper::registerDomain(const std::string& domain, bool /*off*/) {
+    leaveMailname();
     maildirManager_->createDomainRoot(domain);
 }
 
 void MailboxRestorationHelper::registerMailbox(const std::string& domain,
                                                const std::string& mailname, bool enable) {
     const mail::Mailname name(domain, mailname);
+    leaveMailname();
+    at_ = name;
     maildirManager_->createMailnameHome(name);
-    mail::DotQMailManager dotqmail(name);
-    dotqmail.reset();
-    if (enable)
-        dotqmail.enableDelivery();
+    forwards_.restore(name, enable);
 }
 
 void MailboxRestorationHelper::registerMailRedirect(const std::string& domain,
                                                     const std::string& mailname,
                                                     const std::string& target) {
-    mail::DotQMailManager(mail::Mailname(domain, mailname))
-        .addRedirect(target, mail::DotQMailManager::Position::anywhere);
+    const mail::Mailname name(domain, mailname);
+    goTo(name);
+    if (!forwards_.place(target))
+        mail::DotQMailManager(name).addRedirect(target, mail::DotQMailManager::Position::anywhere);
 }
 
 void MailboxRestorationHelper::setMailboxQuota(const std::string& domain,
                                                const std::string& mailname, long quota) {
     (void)std::fprintf(stderr, "DEBUG setMailboxQuota(..., %lld)\n", static_cast<long long>(quota));
     const mail::Mailname name(domain, mailname);
+    goTo(name);
     if (store_mbox_quota(name.plainDomain(), name.plainName(), quota) == 0)
         throw std::runtime_error("Unable to store mbox quota");
     mail::MailUserDbHelper userDb("");
@@ -51,6 +73,7 @@ void MailboxRestorationHelper::setMailboxQuota(const std::string& domain,
 }
 
 void MailboxRestorationHelper::enableRejectOverquota(bool reject, bool permanent) {
+    leaveMailname();
     if (restore_check_quota_handler(reject ? 1 : 0, permanent ? 1 : 0) != 0)
         throw std::runtime_error("Restore check-quota mail handler");
 }

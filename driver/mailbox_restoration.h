@@ -2,9 +2,13 @@
 
 #pragma once
 
+#include <optional>
 #include <string>
 
+#include "driver/carried_forwards.h"
 #include "driver/restore_mode.h"
+#include "driver/storage_flush.h"
+#include "mail/home/mailname.h"
 #include "restore/entities_callbacks.h"
 
 namespace corvo {
@@ -23,11 +27,14 @@ public:
     /// Makes the domain's root directory.
     void registerDomain(const std::string& domain, bool off);
 
-    /// Makes the mail name's home with its Maildir and rewrites its delivery file, with local
-    /// delivery when `enable` is set.
+    /// Makes the mail name's home with its Maildir and restores its delivery file, with local
+    /// delivery when `enable` is set. The forwards that the file has from before stay until another
+    /// mail name or a setting of the server is reported, or until finish(); what was not reported
+    /// by then is dropped.
     void registerMailbox(const std::string& domain, const std::string& mailname, bool enable);
 
-    /// Adds a forward to the mail name's delivery file. Makes no directory.
+    /// Adds a forward to the mail name's delivery file, behind those reported before. Makes no
+    /// directory.
     void registerMailRedirect(const std::string& domain, const std::string& mailname,
                               const std::string& target);
 
@@ -38,8 +45,18 @@ public:
     /// Replaces the records of the handler that rejects mail for full mailboxes.
     void enableRejectOverquota(bool reject, bool permanent);
 
+    /// Ends a walk: what was restored is on the disk afterwards. What cannot be flushed is told in
+    /// a line each.
+    void finish();
+
 private:
+    void goTo(const mail::Mailname& mailname);
+    void leaveMailname();
+
     mail::MaildirManager* maildirManager_;  // the process-wide one
+    std::optional<mail::Mailname> at_;      // the last one reported
+    CarriedForwards forwards_;              // of that one
+    StorageFlush flush_;
 };
 
 /// Binds the walker's slots to the actions that belong to a mode. Must outlive the walk.

@@ -8,8 +8,6 @@
 #include "driver/mailbox_restoration.h"
 #include "driver/restore_mode.h"
 #include "restore/walker.h"
-#include "utils/file_lock.h"
-#include "utils/guards.h"
 
 namespace {
 
@@ -35,10 +33,8 @@ int do_main(int argc, char** argv) {
         std::cerr << "Usage: " << argv[0] << " [--fast | --handlers-only | --all]" << std::endl;
         return 1;
     }
-    // Each change of a .qmail is locked for itself, but a reset would fall between another run's
-    // changes, and so would a delivery line that both have removed.
-    const corvo::UniqueFd alone = *mode == RestoreModeAll ? lock_folder() : corvo::UniqueFd();
     corvo::MailboxRestorationAdaptor adaptor(*mode);
     corvo::mail::restore::walkMailServerEntities(adaptor.callbacks());
+    adaptor.finish();
     return 0;
 }

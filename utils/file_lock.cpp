@@ -102,13 +102,6 @@ lock_handle* mk_nonblock_lock(const char* path, int by_name) noexcept {
     return mk_lock_(path, EXCLUSIVE_OPEN, LOCK_EX | LOCK_NB, by_name);
 }
 
-corvo::UniqueFd lock_folder() noexcept {
-    corvo::UniqueFd folder = corvo::safe_path::openDirectory(AT_FDCWD, LOCK_FOLDER);
-    if (folder && corvo::retryOnEintr([&] { return ::flock(folder.get(), LOCK_EX); }) != 0)
-        folder.reset();
-    return folder;
-}
-
 bool is_locked(const lock_handle* lock) noexcept {
     return lock != nullptr && lock->fd > 0;
 }

@@ -30,11 +30,6 @@ lock_handle* mk_lock(const char* path, int by_name) noexcept;
 /// As mk_lock, but a busy lock gives fd 0 at once.
 lock_handle* mk_nonblock_lock(const char* path, int by_name) noexcept;
 
-/// An exclusive lock on the lock folder itself, for a program that must run alone; it is held until
-/// the descriptor is closed. Waits for it without limit. None, silently, when the folder cannot be
-/// opened or locked.
-corvo::UniqueFd lock_folder() noexcept;
-
 bool is_locked(const lock_handle* lock) noexcept;
 
 /// True for a busy lock and for null.

@@ -1,12 +1,19 @@
 #include "mail/delivery/dotqmail.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <string_view>
 
 #include "mail/delivery/default_delivery.h"
 #include "mail/delivery/delivery_agent.h"
+#include "mail/delivery/delivery_file.h"
+#include "mail/delivery/delivery_reports.h"
 #include "mail/delivery/text_file.h"
 #include "mail/home/mail_paths.h"
 #include "utils/accounts.h"
@@ -15,18 +22,14 @@
 #include "utils/idn.h"
 #include "utils/line_file.h"
 #include "utils/log.h"
+#include "utils/safe_path.h"
 
 namespace {
 
-// Every line that ever delivered into a mailbox of this system.
-constexpr const char* KNOWN_DELIVERY_LINES[] = {
-    "./Maildir/",
-    "| /usr/bin/deliverquota ./Maildir",
-    "| /usr/bin/deliverquota -w 94 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
-    "| /usr/bin/deliverquota -w 95 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
-    R"(| /usr/libexec/dovecot/dovecot-lda -d "$DELIVERED_TO" -a "${ORIGINAL_RECIPIENT:-$DELIVERED_TO}")",
-    nullptr,
-};
+using corvo::mail::changeDelivery;
+using corvo::mail::DefaultDelivery;
+using corvo::mail::isKnownDeliveryLine;
+using corvo::mail::Lines;
 
 constexpr mode_t DOTQMAIL_MODE = 0600;
 constexpr int IDN_CONTAINS_NON_LDH = 3;
@@ -43,9 +46,43 @@ int removeLine(const char* path, const char* line) noexcept {
     return file_str(path, line, FILE_STRINGS_REMOVE, FILE_STRINGS_APPEND);
 }
 
+// changeDelivery for plain functions: whether it was done; silent in any case.
+template <typename Edit>
+bool changeInOneStep(const char* path, Edit edit) noexcept {
+    try {
+        return changeDelivery(path, edit);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool isThere(const char* path) noexcept {
+    struct stat seen {};
+    return corvo::safe_path::status(AT_FDCWD, path, seen) == 0;
+}
+
+// Puts the default delivery line in place of the known ones, in an existing file.
+bool exchangeDeliveryLines(const char* path) noexcept {
+    const DefaultDelivery found = corvo::mail::readDefaultDelivery();
+    return found.line && isThere(path) && changeInOneStep(path, [&](Lines& lines) {
+               std::erase_if(lines, isKnownDeliveryLine);
+               lines.emplace_back(found.line.get());
+           });
+}
+
+// Makes a line the last one, and the only one of its kind.
+bool putLast(const char* path, std::string_view line) noexcept {
+    return changeInOneStep(path, [=](Lines& lines) {
+        std::erase(lines, line);
+        lines.push_back(line);
+    });
+}
+
 int installDefaultDelivery(const char* path) noexcept {
     if (detectImapPop3Server() == DELIVERY_AGENT_UNKNOWN)
         return -1;
+    if (exchangeDeliveryLines(path))
+        return 0;
     if (dotqmail_remove_delivery_strings(path) != 0)
         return -1;
     char* line = nullptr;
@@ -96,19 +133,13 @@ int withDotqmail(const char* mailname, const char* domain, Modification modifica
 }  // namespace
 
 int dotqmail_add_delivery(const char* path) noexcept {
-    if (installDefaultDelivery(path) == 0)
-        return 0;
-    const corvo::ErrnoGuard keepErrno;
-    corvo_log(3, "Unable to add delivery string to '%s'", path);
-    return -1;
+    return installDefaultDelivery(path) == 0 ? 0 : corvo::mail::reportNotDelivering(path);
 }
 
 int dotqmail_remove_delivery_strings(const char* path) noexcept {
-    if (file_strings(path, KNOWN_DELIVERY_LINES, FILE_STRINGS_REMOVE, FILE_STRINGS_APPEND) == 0)
-        return 0;
-    const corvo::ErrnoGuard keepErrno;
-    corvo_log(4, "Unable to remove old delivery strings from '%s'", path);
-    return -1;
+    const int failed = file_strings(path, corvo::mail::KNOWN_DELIVERY_LINES, FILE_STRINGS_REMOVE,
+                                    FILE_STRINGS_APPEND);
+    return failed == 0 ? 0 : corvo::mail::reportNotCleared(path);
 }
 
 int dotqmail_remove_delivery(const char* path) noexcept {
@@ -133,7 +164,9 @@ int dotqmail_add_forward(const char* path, const char* address) noexcept {
         corvo_log(3, "asprintf(\"&%%s\", %s) failed: %s", converted.get(), std::strerror(errno));
         return -1;
     }
-    // A file from which nothing can be removed, a missing one for instance, may still be added to.
+    if (putLast(path, line.get()))
+        return 0;
+    // A file from which nothing can be removed may still be added to.
     (void)removeLine(path, line.get());
     if (addLine(path, line.get()) != 0) {
         const corvo::ErrnoGuard keepErrno;
@@ -180,3 +213,14 @@ int rm_mn_forward(const char* mailname, const char* domain, const char* address)
         return dotqmail_remove_forward(path, address);
     });
 }
+
+namespace corvo::mail {
+
+std::string forwardLine(const std::string& address) {
+    if (address.find('\0') != std::string::npos)
+        return {};
+    const UniqueCString converted(convertToOneLine(address.c_str()));
+    return converted ? std::string("&").append(converted.get()) : std::string();
+}
+
+}  // namespace corvo::mail

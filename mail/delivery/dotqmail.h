@@ -2,8 +2,11 @@
 //
 // Functions return 0, or -1 with the errno of what failed, logged through corvo_log or by the
 // helper that failed. A file that was changed belongs to popuser with mode 0600. None throws.
+// What removes lines and adds one does so in one step, and in two where the one cannot be made.
 
 #pragma once
+
+#include <string>
 
 /// Makes the server-wide delivery line the only one of the known delivery lines; forwards stay. The
 /// file must exist. Needs a delivery agent. Each failing step logs its reason, and then
@@ -30,3 +33,11 @@ int add_mn_forward(const char* mailname, const char* domain, const char* address
 /// Remove a forward. One that is not there is no failure; the file must exist.
 int dotqmail_remove_forward(const char* path, const char* address) noexcept;
 int rm_mn_forward(const char* mailname, const char* domain, const char* address) noexcept;
+
+namespace corvo::mail {
+
+/// The line that dotqmail_add_forward adds for an address; empty, silently, where it fails. Throws
+/// std::bad_alloc.
+std::string forwardLine(const std::string& address);
+
+}  // namespace corvo::mail

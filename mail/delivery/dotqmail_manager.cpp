@@ -47,6 +47,20 @@ void DotQMailManager::reset() {
     check(dotqmail_reset(file()));
 }
 
+void DotQMailManager::restore(bool delivers, std::optional<ForwardLines>& carriedOver) {
+    check(restoreDelivery(file(), delivers, carriedOver));
+}
+
+bool DotQMailManager::placeRedirect(const std::string& address, ForwardLines& unnamed) {
+    const std::string line = forwardLine(address);
+    unnamed.erase(line);
+    return isSound_ && !line.empty() && placeForward(path_.c_str(), line, unnamed);
+}
+
+bool DotQMailManager::dropRedirects(const ForwardLines& unnamed) {
+    return dropForwards(path_.c_str(), unnamed);
+}
+
 const char* DotQMailManager::file() const {
     if (!isSound_)
         fail(EINVAL);

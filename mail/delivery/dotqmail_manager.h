@@ -6,7 +6,10 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
+
+#include "mail/delivery/delivery_restoration.h"
 
 namespace corvo::mail {
 
@@ -33,6 +36,19 @@ public:
     void enableDelivery();
     void disableDelivery();
     void reset();
+
+    /// restoreDelivery of the file; throws what the other methods throw where it fails.
+    void restore(bool delivers, std::optional<ForwardLines>& carriedOver);
+
+    /// placeForward of the address, which is no longer one of `unnamed` afterwards, whatever comes
+    /// of it. False, silently, where it cannot be done: addRedirect tells why.
+    bool placeRedirect(const std::string& address, ForwardLines& unnamed);
+
+    /// dropForwards from the file.
+    bool dropRedirects(const ForwardLines& unnamed);
+
+    /// The delivery file.
+    const std::filesystem::path& path() const noexcept { return path_; }
 
 private:
     const char* file() const;

@@ -3,12 +3,11 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
+#include "mail/delivery/delivery_reports.h"
 #include "utils/files.h"
 #include "utils/guards.h"
-#include "utils/log.h"
 #include "utils/safe_path.h"
 
 namespace {
@@ -29,17 +28,12 @@ int writeAndClose(corvo::UniqueFd file, const char* text) noexcept {
 
 int write_text_file(const char* path, const char* text) noexcept {
     corvo::UniqueFd file = openEmpty(path);
-    if (!file) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to open '%s': %s", path, std::strerror(errno));
-        return -1;
-    }
-    if (writeAndClose(std::move(file), text) != 0) {
-        const corvo::ErrnoGuard keepErrno;
-        const int error = errno;
-        (void)safe_path::unlinkEntry(AT_FDCWD, path);
-        corvo_log(3, "Unable to write to '%s': %s", path, std::strerror(error));
-        return -1;
-    }
-    return 0;
+    if (!file)
+        return corvo::mail::reportUnopened(path);
+    if (writeAndClose(std::move(file), text) == 0)
+        return 0;
+    const int error = errno;
+    (void)safe_path::unlinkEntry(AT_FDCWD, path);
+    errno = error;
+    return corvo::mail::reportUnwritten(path);
 }

@@ -26,8 +26,6 @@ namespace corvo::mail {
 
 namespace {
 
-constexpr const char* DEFAULT_PATH = "/var/lib/corvo/mail/userdb/userdb.db";
-
 constexpr const char* CREATION_SCRIPT =
     "BEGIN TRANSACTION;CREATE TABLE IF NOT EXISTS mailbox_quota (domain_name TEXT NOT "
     "NULL,mailbox_name TEXT NOT NULL,quota TEXT NOT NULL,PRIMARY KEY (domain_name, "
@@ -122,7 +120,7 @@ void logRecreationFailure(const char* reason) {
 }  // namespace
 
 MailUserDbHelper::MailUserDbHelper(const std::string& path)
-    : path_(path.empty() ? DEFAULT_PATH : path) {}
+    : path_(path.empty() ? MAIL_USER_DB : path) {}
 
 bool MailUserDbHelper::initMailUserdb(bool skipOwnerChange) const {
     const int unlinkError = safe_path::unlinkEntry(AT_FDCWD, path_.c_str()) == 0 ? 0 : errno;

@@ -15,6 +15,9 @@
 
 namespace corvo::mail {
 
+/// The mail server's own file.
+inline constexpr const char* MAIL_USER_DB = "/var/lib/corvo/mail/userdb/userdb.db";
+
 /// A mailbox's quota in userdbStoreMboxesQuotas.
 struct MailQuota {
     std::string mailboxName;
@@ -26,7 +29,7 @@ struct MailQuota {
 /// the names as the caller gave them. No database error is thrown.
 class MailUserDbHelper {
 public:
-    /// An empty path stands for the mail server's own file.
+    /// An empty path stands for MAIL_USER_DB.
     explicit MailUserDbHelper(const std::string& path = "");
 
     /// Deletes the file and makes a new one with an empty table, owned by popuser unless

@@ -274,28 +274,6 @@ TEST_F(FileLockWithoutMemoryTest, ThereIsNoHandle) {
     EXPECT_TRUE(namesIn("/run/lock/files").empty());
 }
 
-TEST_F(FileLockTest, FolderIsLockedUntilItsDescriptorIsClosed) {
-    const auto isFree = [] {
-        return runForked([] {
-                   const corvo::UniqueFd folder(
-                       ::open("/run/lock/files", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-                   std::exit(::flock(folder.get(), LOCK_EX | LOCK_NB) == 0 ? 0 : 1);
-               }).status == 0;
-    };
-    {
-        const corvo::UniqueFd locked = lock_folder();
-        ASSERT_TRUE(locked);
-        EXPECT_FALSE(isFree());
-    }
-    EXPECT_TRUE(isFree());
-}
-
-TEST_F(FileLockTest, FolderThatIsMissingIsNotLocked) {
-    std::filesystem::remove("/run/lock/files");
-    EXPECT_FALSE(lock_folder());
-    EXPECT_EQ(errno, ENOENT);
-}
-
 TEST_F(FileLockTest, NoDescriptorStaysBehind) {
     const int before = openDescriptors();
     EXPECT_EQ(rm_lock(mk_lock("/x", 1)), 0);

@@ -1,0 +1,37 @@
+// Forwards that are kept until it is known who still wants them.
+
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "mail/delivery/dotqmail_manager.h"
+#include "mail/home/mailname.h"
+
+namespace corvo {
+
+/// The forwards that the delivery file of one mail name has from before this run. They stay in it
+/// until the walk has left the mail name: mail goes on being forwarded while the panel names them
+/// one by one. What it has not named by then is dropped.
+class CarriedForwards {
+public:
+    /// Restores the delivery file of a mail name and is about its forwards from now on. Throws what
+    /// DotQMailManager::restore throws.
+    void restore(const mail::Mailname& mailname, bool delivers);
+
+    /// Puts an address that the panel names behind those named before and in front of the others.
+    /// False where that is not possible; the address is to be added then, and counts as named.
+    bool place(const std::string& address);
+
+    /// Drops what was not named, and is about no mail name any more. What cannot be dropped stays,
+    /// which is told in one line.
+    void leave() noexcept;
+
+private:
+    bool drop();
+
+    std::optional<mail::DotQMailManager> file_;
+    std::optional<mail::ForwardLines> unnamed_;  // none where the file was not restored
+};
+
+}  // namespace corvo

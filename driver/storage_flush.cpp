@@ -1,0 +1,56 @@
+#include "driver/storage_flush.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "mail/handlers/mail_handlers_db.h"
+#include "mail/quota/mail_user_db.h"
+#include "utils/log.h"
+#include "utils/safe_path.h"
+
+namespace corvo {
+
+namespace {
+
+// Says what came of a flush.
+void conclude(int result, const char* path) noexcept {
+    if (result != 0 && errno != EROFS)
+        Log().line(LOG_ERR, "Unable to flush %s: %s", path, std::strerror(errno));
+}
+
+// SQLite removes a journal without a flush of the folder that it lay in.
+void flushFolderOf(const std::filesystem::path& database) {
+    const std::filesystem::path path = database.parent_path();
+    const UniqueFd folder = safe_path::openDirectory(AT_FDCWD, path.c_str());
+    if (folder)
+        conclude(retryOnEintr([&] { return ::fsync(folder.get()); }), path.c_str());
+    else if (errno != ENOENT && errno != ENOTDIR)
+        conclude(-1, path.c_str());
+}
+
+}  // namespace
+
+void StorageFlush::noteHome(const std::filesystem::path& home) {
+    struct stat seen = {};
+    if (safe_path::status(AT_FDCWD, home.c_str(), seen) != 0 || fileSystems_.contains(seen.st_dev))
+        return;
+    UniqueFd directory = safe_path::openDirectory(AT_FDCWD, home.c_str());
+    if (directory)
+        fileSystems_.emplace(seen.st_dev, FileSystem{std::move(directory), home});
+    else
+        conclude(-1, home.c_str());
+}
+
+void StorageFlush::flush() {
+    for (const auto& [device, fileSystem] : fileSystems_)
+        conclude(::syncfs(fileSystem.directory.get()), fileSystem.home.c_str());
+    flushFolderOf(mail::MAIL_USER_DB);
+    flushFolderOf(mh_db_path);
+}
+
+}  // namespace corvo

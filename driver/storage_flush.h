@@ -1,0 +1,35 @@
+// A run that ended well is on the disk.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <map>
+
+#include "utils/guards.h"
+
+namespace corvo {
+
+/// Remembers which file systems hold mail names that a run has seen to, and brings them and the
+/// folders of the two mail databases to the disk at its end. What was written is not asked for: a
+/// run that was killed may have left it behind.
+class StorageFlush {
+public:
+    /// The file system of a home is one of them. Opened when it is first met, so that later it is
+    /// still the same. A home that is not there is on none.
+    void noteHome(const std::filesystem::path& home);
+
+    /// Flushes; what cannot be flushed is told in a line each, but for a file system that takes no
+    /// changes.
+    void flush();
+
+private:
+    struct FileSystem {
+        UniqueFd directory;
+        std::filesystem::path home;  // the first one met there
+    };
+    std::map<dev_t, FileSystem> fileSystems_;
+};
+
+}  // namespace corvo
