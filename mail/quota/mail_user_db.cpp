@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -48,6 +49,13 @@ Parameter quotaParameter(long long quota) {
     return {"quota", std::to_string(std::max(quota, 0LL)) + "B"};
 }
 
+// A mailbox's row; the first two are its key.
+using QuotaRow = std::array<Parameter, 3>;
+
+QuotaRow quotaRow(const std::string& domain, const std::string& mailbox, long long quota) {
+    return {domainParameter(domain), mailboxParameter(mailbox), quotaParameter(quota)};
+}
+
 // The statement does not copy the parameters: they must outlive its steps.
 bool bindAll(SqliteStatement& statement, std::span<const Parameter> parameters) {
     for (const Parameter& parameter : parameters)
@@ -58,13 +66,25 @@ bool bindAll(SqliteStatement& statement, std::span<const Parameter> parameters) 
     return true;
 }
 
+// SQL compares, since it tells a BLOB of the same bytes from a text, and reads nothing that popuser
+// could have made long.
+RowDifferences lookAt(const SqliteSession& session, const QuotaRow& row) {
+    SqliteStatement look(
+        session,
+        "SELECT quota = ?3 FROM mailbox_quota WHERE domain_name = ?1 AND mailbox_name = ?2",
+        SqliteUse::look);
+    const bool isReady =
+        look && std::all_of(row.begin(), row.end(),
+                            [&](const Parameter& parameter) { return look.bind(parameter.value); });
+    return isReady ? rowDifferences(look) : RowDifferences{.unknown = true};
+}
+
 // One statement, run once or several times inside one transaction. After a failure to open, begin,
 // prepare or bind nothing more is done and the transaction is not ended; nor after a run that made
 // SQLite take the transaction back. Any other run that fails spoils the result and nothing else.
 class WriteOperation {
 public:
-    WriteOperation(const std::string& path, const char* sql)
-        : session_(path.c_str(), SqliteAccess::readWrite) {
+    WriteOperation(const SqliteSession& session, const char* sql) : session_(session) {
         if (session_.begin())
             statement_.emplace(session_, sql);
         usable_ = statement_ && *statement_;
@@ -72,8 +92,8 @@ public:
 
     // `logFailure` receives the reason.
     template <typename LogFailure>
-    void run(std::initializer_list<Parameter> parameters, LogFailure logFailure) {
-        usable_ = usable_ && bindAll(*statement_, {parameters.begin(), parameters.size()});
+    void run(std::span<const Parameter> parameters, LogFailure logFailure) {
+        usable_ = usable_ && bindAll(*statement_, parameters);
         if (!usable_)
             return;
         if (statement_->step() != SqliteStep::done) {
@@ -82,6 +102,11 @@ public:
             usable_ = session_.inTransaction();
         }
         statement_->rewind();
+    }
+
+    template <typename LogFailure>
+    void run(std::initializer_list<Parameter> parameters, LogFailure logFailure) {
+        run(std::span(parameters.begin(), parameters.size()), logFailure);
     }
 
     // True when everything was done.
@@ -93,11 +118,24 @@ public:
     }
 
 private:
-    SqliteSession session_;
+    const SqliteSession& session_;
     std::optional<SqliteStatement> statement_;
     bool usable_;
     bool succeeded_ = true;
 };
+
+bool storeQuotas(const SqliteSession& session, const std::string& domain,
+                 std::span<const MailQuota> quotas, long long defaultQuota) {
+    WriteOperation operation(
+        session, "REPLACE INTO mailbox_quota (domain_name, mailbox_name, quota) VALUES (?, ?, ?)");
+    for (const auto& [mailbox, quota] : quotas)
+        operation.run(quotaRow(domain, mailbox, quota >= 0 ? quota : defaultQuota),
+                      [&, &name = mailbox](const char* error) {
+                          corvo_log(3, "Unable to set quota for '%s@%s': %s", name.c_str(),
+                                    domain.c_str(), error);
+                      });
+    return operation.finish();
+}
 
 // A leading number and a unit, as bytes; -1 after logging that there is none.
 long long decodeQuota(const char* text) {
@@ -170,7 +208,18 @@ bool MailUserDbHelper::changeDatabaseOwner(const std::string& path) {
 
 bool MailUserDbHelper::userdbStoreMboxQuota(const std::string& domain, const std::string& mailbox,
                                             long long quota) const {
-    return userdbStoreMboxesQuotas(domain, {{mailbox, quota}}, 0);
+    const SqliteSession session(path_.c_str(), SqliteAccess::readWrite);
+    if (!lookAt(session, quotaRow(domain, mailbox, quota)).any())
+        return true;
+    const MailQuota one[] = {{mailbox, quota}};
+    return storeQuotas(session, domain, one, 0);
+}
+
+RowDifferences MailUserDbHelper::userdbMboxQuotaDifferences(const std::string& domain,
+                                                            const std::string& mailbox,
+                                                            long long quota) const {
+    const SqliteSession session(path_.c_str(), SqliteAccess::readOnly, SqliteUse::look);
+    return lookAt(session, quotaRow(domain, mailbox, quota));
 }
 
 bool MailUserDbHelper::userdbStoreMboxesQuotas(const std::string& domain,
@@ -178,22 +227,15 @@ bool MailUserDbHelper::userdbStoreMboxesQuotas(const std::string& domain,
                                                long long defaultQuota) const {
     if (quotas.empty())
         return true;
-    WriteOperation operation(
-        path_, "REPLACE INTO mailbox_quota (domain_name, mailbox_name, quota) VALUES (?, ?, ?)");
-    for (const auto& [mailbox, quota] : quotas)
-        operation.run({domainParameter(domain), mailboxParameter(mailbox),
-                       quotaParameter(quota >= 0 ? quota : defaultQuota)},
-                      [&, &name = mailbox](const char* error) {
-                          corvo_log(3, "Unable to set quota for '%s@%s': %s", name.c_str(),
-                                    domain.c_str(), error);
-                      });
-    return operation.finish();
+    const SqliteSession session(path_.c_str(), SqliteAccess::readWrite);
+    return storeQuotas(session, domain, quotas, defaultQuota);
 }
 
 bool MailUserDbHelper::userdbRemoveMboxQuota(const std::string& domain,
                                              const std::string& mailbox) const {
+    const SqliteSession session(path_.c_str(), SqliteAccess::readWrite);
     WriteOperation operation(
-        path_, "DELETE FROM mailbox_quota WHERE domain_name = ? AND mailbox_name = ?");
+        session, "DELETE FROM mailbox_quota WHERE domain_name = ? AND mailbox_name = ?");
     operation.run({domainParameter(domain), mailboxParameter(mailbox)}, [&](const char* error) {
         corvo_log(3, "Unable to remove quota for '%s@%s': %s", mailbox.c_str(), domain.c_str(),
                   error);
@@ -202,7 +244,8 @@ bool MailUserDbHelper::userdbRemoveMboxQuota(const std::string& domain,
 }
 
 bool MailUserDbHelper::userdbRemoveDefaultDomainQuota(const std::string& domain) const {
-    WriteOperation operation(path_, "DELETE FROM mailbox_quota WHERE domain_name = ?");
+    const SqliteSession session(path_.c_str(), SqliteAccess::readWrite);
+    WriteOperation operation(session, "DELETE FROM mailbox_quota WHERE domain_name = ?");
     operation.run({domainParameter(domain)}, [&](const char* error) {
         corvo_log(3, "Unable to remove quota for '%s': %s", domain.c_str(), error);
     });
@@ -211,7 +254,8 @@ bool MailUserDbHelper::userdbRemoveDefaultDomainQuota(const std::string& domain)
 
 bool MailUserDbHelper::userdbRenameMbox(const std::string& domain, const std::string& oldMailbox,
                                         const std::string& newMailbox) const {
-    WriteOperation operation(path_,
+    const SqliteSession session(path_.c_str(), SqliteAccess::readWrite);
+    WriteOperation operation(session,
                              "UPDATE mailbox_quota SET mailbox_name = ? WHERE domain_name = ? AND "
                              "mailbox_name = ?");
     operation.run({mailboxParameter(newMailbox),
@@ -227,7 +271,8 @@ bool MailUserDbHelper::userdbRenameMbox(const std::string& domain, const std::st
 
 bool MailUserDbHelper::userdbRenameDomain(const std::string& oldDomain,
                                           const std::string& newDomain) const {
-    WriteOperation operation(path_,
+    const SqliteSession session(path_.c_str(), SqliteAccess::readWrite);
+    WriteOperation operation(session,
                              "UPDATE mailbox_quota SET domain_name = ? WHERE domain_name = ?");
     operation.run({domainParameter(newDomain), {"old_domain_name", to_lower(oldDomain)}},
                   [&](const char* error) {

@@ -43,6 +43,12 @@ int repeatWhileBusy(Call call) noexcept {
     return repeatWhileBusy(call, [] {});
 }
 
+// A look is made once.
+template <typename Call, typename Undo>
+int attempt(SqliteUse use, Call call, Undo undo) noexcept {
+    return use == SqliteUse::look ? call() : repeatWhileBusy(call, undo);
+}
+
 void close(sqlite3* database) noexcept {
     (void)repeatWhileBusy([database] { return sqlite3_close(database); });
 }
@@ -57,6 +63,13 @@ int openHardened(const char* path, bool readOnly, sqlite3*& opened) noexcept {
 const char* errorOf(sqlite3* database) noexcept {
     return database == nullptr ? "general DB errror"  // sic
                                : sqlite3_errmsg(database);
+}
+
+void logOpenFailure(const char* path, bool readOnly, sqlite3* database) noexcept {
+    if (readOnly)
+        corvo_log(3, "Unable to open database(readonly) %s: %s", path, errorOf(database));
+    else
+        corvo_log(3, "Unable to open database %s: %s", path, errorOf(database));
 }
 
 // The errors for which SQLite says that it may take a transaction back unasked.
@@ -80,13 +93,14 @@ void SqliteFree::operator()(char* text) const noexcept {
     sqlite3_free(text);
 }
 
-SqliteSession::SqliteSession(const char* path, SqliteAccess access) noexcept
-    : SqliteSession(nullptr, path, access) {}
+SqliteSession::SqliteSession(const char* path, SqliteAccess access, SqliteUse use) noexcept
+    : SqliteSession(nullptr, path, access, use) {}
 
-SqliteSession::SqliteSession(sqlite3* database, const char* path, SqliteAccess access) noexcept
+SqliteSession::SqliteSession(sqlite3* database, const char* path, SqliteAccess access,
+                             SqliteUse use) noexcept
     : database_(database), owned_(database == nullptr) {
     if (owned_)
-        open(path, access);
+        open(path, access, use);
 }
 
 SqliteSession::~SqliteSession() {
@@ -94,7 +108,7 @@ SqliteSession::~SqliteSession() {
         close(database_);
 }
 
-void SqliteSession::open(const char* path, SqliteAccess access) noexcept {
+void SqliteSession::open(const char* path, SqliteAccess access, SqliteUse use) noexcept {
     const bool readOnly = access == SqliteAccess::readOnly;
     sqlite3* opened = nullptr;
     if (openHardened(path, readOnly, opened) == SQLITE_OK) {
@@ -103,10 +117,8 @@ void SqliteSession::open(const char* path, SqliteAccess access) noexcept {
         database_ = opened;
         return;
     }
-    if (readOnly)
-        corvo_log(3, "Unable to open database(readonly) %s: %s", path, errorOf(opened));
-    else
-        corvo_log(3, "Unable to open database %s: %s", path, errorOf(opened));
+    if (use == SqliteUse::work)
+        logOpenFailure(path, readOnly, opened);
     close(opened);
 }
 
@@ -153,12 +165,15 @@ bool SqliteSession::execute(const char* script, SqliteText& error) const noexcep
     return repeatWhileBusy(attempt, rollBack) == SQLITE_OK;
 }
 
-SqliteStatement::SqliteStatement(const SqliteSession& session, const char* sql) noexcept {
+SqliteStatement::SqliteStatement(const SqliteSession& session, const char* sql,
+                                 SqliteUse use) noexcept
+    : use_(use) {
     if (!session)
         return;
-    const int result = repeatWhileBusy(
-        [&] { return sqlite3_prepare_v2(session.handle(), sql, -1, &statement_, nullptr); });
-    if (result != SQLITE_OK)
+    const int result = attempt(
+        use, [&] { return sqlite3_prepare_v2(session.handle(), sql, -1, &statement_, nullptr); },
+        [] {});
+    if (result != SQLITE_OK && use == SqliteUse::work)
         corvo_log(3, "Unable to prepare SQL statement for query '%s': %s", sql,
                   errorOf(session.handle()));
 }
@@ -183,8 +198,8 @@ bool SqliteStatement::bind(std::string_view value) noexcept {
 }
 
 SqliteStep SqliteStatement::step() noexcept {
-    const int result = repeatWhileBusy([this] { return sqlite3_step(statement_); },
-                                       [this] { sqlite3_reset(statement_); });
+    const int result = attempt(
+        use_, [this] { return sqlite3_step(statement_); }, [this] { sqlite3_reset(statement_); });
     switch (result) {
         case SQLITE_ROW:
             return SqliteStep::row;

@@ -6,7 +6,9 @@
 //
 // That opening, preparing, beginning or ending a transaction failed reads alike for every database
 // and is logged here, once, at priority 3. What a bind, a step or a script failed at is for the
-// caller to say. Nothing here throws. A session belongs to one thread at a time: it has no mutex.
+// caller to say. Whoever only looks whether something is right, and otherwise takes the steps that
+// wait and report, has it neither wait nor log. Nothing here throws. A session belongs to one
+// thread at a time: it has no mutex.
 
 #pragma once
 
@@ -23,6 +25,11 @@ enum class SqliteAccess {
     readOnly,
 };
 
+enum class SqliteUse {
+    work,
+    look,  // gives up after SQLite's own 50 ms, and is silent
+};
+
 struct SqliteFree {
     void operator()(char* text) const noexcept;
 };
@@ -33,9 +40,10 @@ using SqliteText = std::unique_ptr<char, SqliteFree>;
 class SqliteSession {
 public:
     /// Opens `path`. A failure is logged; the session is then not open.
-    SqliteSession(const char* path, SqliteAccess access) noexcept;
+    SqliteSession(const char* path, SqliteAccess access, SqliteUse use = SqliteUse::work) noexcept;
     /// Works on `database`, which stays open, and opens `path` when that is null.
-    SqliteSession(sqlite3* database, const char* path, SqliteAccess access) noexcept;
+    SqliteSession(sqlite3* database, const char* path, SqliteAccess access,
+                  SqliteUse use = SqliteUse::work) noexcept;
     /// Closes what was opened here.
     ~SqliteSession();
     SqliteSession(const SqliteSession&) = delete;
@@ -65,7 +73,7 @@ public:
     [[nodiscard]] bool execute(const char* script, SqliteText& error) const noexcept;
 
 private:
-    void open(const char* path, SqliteAccess access) noexcept;
+    void open(const char* path, SqliteAccess access, SqliteUse use) noexcept;
 
     sqlite3* database_;
     bool owned_;
@@ -78,7 +86,8 @@ enum class SqliteStep { row, done, failed };
 class SqliteStatement {
 public:
     /// Prepares. A failure is logged; nothing is prepared (silently) in a session that is not open.
-    SqliteStatement(const SqliteSession& session, const char* sql) noexcept;
+    SqliteStatement(const SqliteSession& session, const char* sql,
+                    SqliteUse use = SqliteUse::work) noexcept;
     ~SqliteStatement();
     SqliteStatement(const SqliteStatement&) = delete;
     SqliteStatement& operator=(const SqliteStatement&) = delete;
@@ -106,6 +115,7 @@ public:
 
 private:
     sqlite3_stmt* statement_ = nullptr;
+    SqliteUse use_;
     int bound_ = 0;  // parameters so far
 };
 

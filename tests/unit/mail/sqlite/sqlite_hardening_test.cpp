@@ -203,12 +203,25 @@ TEST_F(SqliteHardeningTest, SuperJournalNamedInForgedJournalIsNotDeleted) {
     dieHalfway();
     writeFile(JOURNAL, contentsOf(JOURNAL) + superJournalRecord(victim));
     giveToPopuser(JOURNAL);
-    EXPECT_FALSE(store());
-    expectLogged({"Unable to prepare SQL statement for query '" + REPLACE +
-                  "': unable to open database file"});
+    EXPECT_FALSE(helper.userdbRemoveMboxQuota("a.com", "x"));
+    expectLogged(
+        {"Unable to prepare SQL statement for query 'DELETE FROM mailbox_quota WHERE domain_name = "
+         "? AND mailbox_name = ?': unable to open database file"});
     EXPECT_EQ(contentsOf(victim), "dear");
     EXPECT_FALSE(exists(JOURNAL));
     EXPECT_TRUE(store());
+    EXPECT_EQ(rows(), Rows{"a.com|x|5B"});
+}
+
+TEST_F(SqliteHardeningTest, ForgedJournalFailsTheLookBeforeAStoreAndNoMore) {
+    const std::string victim = "/var/lib/corvo/victim";
+    writeFile(victim, "dear");
+    dieHalfway();
+    writeFile(JOURNAL, contentsOf(JOURNAL) + superJournalRecord(victim));
+    giveToPopuser(JOURNAL);
+    EXPECT_TRUE(store());
+    EXPECT_EQ(contentsOf(victim), "dear");
+    EXPECT_FALSE(exists(JOURNAL));
     EXPECT_EQ(rows(), Rows{"a.com|x|5B"});
 }
 
