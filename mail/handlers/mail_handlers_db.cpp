@@ -11,10 +11,13 @@ char mh_db_path[PATH_MAX] = "/var/lib/corvo/mail/handlers/handlers.db";
 
 namespace {
 
+using corvo::mail::RowDifferences;
+using corvo::mail::rowDifferences;
 using corvo::mail::SqliteAccess;
 using corvo::mail::SqliteSession;
 using corvo::mail::SqliteStatement;
 using corvo::mail::SqliteStep;
+using corvo::mail::SqliteUse;
 
 // The addresses of global handlers.
 constexpr const char* ALL = "all";
@@ -31,17 +34,29 @@ bool isEverybody(const char* address) noexcept {
     return std::strcmp(address, ALL) == 0 || std::strcmp(address, ALL_RECIPIENTS) == 0;
 }
 
-// The address to store a global handler under; null after logging.
-const char* validate_global_handler_recipient(const char* address) noexcept {
-    if (isEmpty(address))
+// The address that a record is stored under, but for its case; null where a global handler must not
+// have it.
+const char* storedAddress(const mh_data& record) noexcept {
+    if (record.type != MH_GLOBAL_HANDLER_TYPE)
+        return record.address;
+    if (isEmpty(record.address))
         return ALL;
-    if (isEverybody(address))
-        return address;
+    return isEverybody(record.address) ? record.address : nullptr;
+}
+
+const char* storedContext(const mh_data& record) noexcept {
+    return record.context == nullptr ? "none" : record.context;
+}
+
+// False after logging.
+bool validate_global_handler_recipient(const mh_data& record) noexcept {
+    if (record.type != MH_GLOBAL_HANDLER_TYPE || storedAddress(record) != nullptr)
+        return true;
     corvo_log(3,
               "Incorrect recipient address for global handler, expected [NULL|EMPTY_STRING|%s|%s]",
               ALL, ALL_RECIPIENTS);
     errno = EINVAL;
-    return nullptr;
+    return false;
 }
 
 // The address to look for; null after logging. Unlike a record to add, a key for global handlers
@@ -80,12 +95,12 @@ private:
     const char* query_;
 };
 
-bool bindInsertion(SqliteStatement& insert, const mh_data& record, const char* address) noexcept {
+bool bindInsertion(SqliteStatement& insert, const mh_data& record) noexcept {
     Binder bind(insert, "INSERT");
     return bind("priority", record.priority) && bind("name", record.name) &&
-           bind("type", record.type) && bind("address", address) && bind("queue", record.queue) &&
-           bind("address", record.executable) &&  // sic
-           bind("context", record.context == nullptr ? "none" : record.context) &&
+           bind("type", record.type) && bind("address", storedAddress(record)) &&
+           bind("queue", record.queue) && bind("address", record.executable) &&  // sic
+           bind("context", storedContext(record)) &&
            bind("protect_on_restore", record.protect_on_restore) && bind("enabled", record.enabled);
 }
 
@@ -165,6 +180,29 @@ int selectWhole(sqlite3* db, mh_list* list, const char* wanted, const char* sql,
     });
 }
 
+// The row of a record is found by its key and compared in SQL, which tells a BLOB of the same bytes
+// from a text.
+RowDifferences lookAt(const SqliteSession& session, const mh_data& record) noexcept {
+    SqliteStatement look(session,
+                         "SELECT priority=? AND executable=? AND context=? AND protected=? AND "
+                         "enabled=? FROM handlers WHERE name=? AND type=? AND address=LOWER(?) AND "
+                         "queue=?",
+                         SqliteUse::look);
+    const bool isReady = look && look.bind(record.priority) && look.bind(record.executable) &&
+                         look.bind(storedContext(record)) && look.bind(record.protect_on_restore) &&
+                         look.bind(record.enabled) && look.bind(record.name) &&
+                         look.bind(record.type) && look.bind(storedAddress(record)) &&
+                         look.bind(record.queue);
+    return isReady ? rowDifferences(look) : RowDifferences{.unknown = true};
+}
+
+// How many rows have the name; -1 when that cannot be told.
+int countRows(const SqliteSession& session, const char* name) noexcept {
+    SqliteStatement count(session, "SELECT COUNT(*) FROM handlers WHERE name=?", SqliteUse::look);
+    const bool isCounted = count && count.bind(name) && count.step() == SqliteStep::row;
+    return isCounted ? count.integer(0) : -1;
+}
+
 }  // namespace
 
 char* mh_db_path_set(const char* path) noexcept {
@@ -178,18 +216,14 @@ char* mh_db_path_set(const char* path) noexcept {
 }
 
 int mh_db_add(sqlite3* db, mh_data* record) noexcept {
-    const char* address = record->address;
-    if (record->type == MH_GLOBAL_HANDLER_TYPE) {
-        address = validate_global_handler_recipient(address);
-        if (address == nullptr)
-            return -1;
-    }
+    if (!validate_global_handler_recipient(*record))
+        return -1;
     const SqliteSession session(db, mh_db_path, SqliteAccess::readWrite);
     SqliteStatement insert(session,
                            "INSERT OR REPLACE INTO handlers(priority, name, type, address, queue, "
                            "executable, context, protected, enabled) VALUES(?, ?, ?, LOWER(?), ?, "
                            "?, ?, ?, ?)");
-    if (!insert || !bindInsertion(insert, *record, address))
+    if (!insert || !bindInsertion(insert, *record))
         return -1;
     if (insert.step() == SqliteStep::done)
         return 0;
@@ -306,4 +340,24 @@ int mh_db_select_by_domain_name(sqlite3* db, mh_list* list, const char* domain) 
                        "SELECT priority, type, queue, name, address, executable, context, enabled "
                        "FROM handlers WHERE address LIKE '%' || ? || '%'",
                        isOfDomain);
+}
+
+RowDifferences mh_db_name_differences(sqlite3* db, const char* name,
+                                      std::span<const mh_data> wanted) noexcept {
+    const SqliteSession session(db, mh_db_path, SqliteAccess::readOnly, SqliteUse::look);
+    RowDifferences all;
+    int found = 0;
+    for (const mh_data& record : wanted) {
+        const RowDifferences one = lookAt(session, record);
+        if (one.unknown)
+            return one;
+        all.missing |= one.missing;
+        all.contents |= one.contents;
+        found += one.missing ? 0 : 1;
+    }
+    const int rows = countRows(session, name);
+    if (rows < 0)
+        return {.unknown = true};
+    all.surplus = rows > found;
+    return all;
 }

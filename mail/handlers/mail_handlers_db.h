@@ -13,8 +13,10 @@
 #pragma once
 
 #include <climits>
+#include <span>
 
 #include "mail/handlers/mail_handler.h"
+#include "mail/sqlite/row_differences.h"
 
 struct sqlite3;
 
@@ -71,3 +73,9 @@ int mh_db_select_by_addr(sqlite3* db, mh_list* list, const char* address) noexce
 /// Whole records (but for protect_on_restore) whose address is the domain or ends in "@" and the
 /// domain, upper and lower case being alike.
 int mh_db_select_by_domain_name(sqlite3* db, mh_list* list, const char* domain) noexcept;
+
+/// How the rows with a name differ from what adding the records, all with that name and no two with
+/// the same queue, type and address, would leave if there were none before: all nine columns.
+/// Unlike other functions it is silent and does not wait.
+corvo::mail::RowDifferences mh_db_name_differences(sqlite3* db, const char* name,
+                                                   std::span<const mh_data> wanted) noexcept;
