@@ -72,7 +72,7 @@ Relay readRelay(Connection& connection) {
 
 void restoreSubmission(MailsrvEntitiesCallbacks& callbacks, Connection& connection) {
     callbacks.setSubmissionEnabled(
-        getBoolMailServerParamSafe("message_submission", connection, false));
+        getBoolMailServerParamSafe("message_submission", connection, /*defaultValue=*/false));
 }
 
 void restoreMaxMessageSize(MailsrvEntitiesCallbacks& callbacks, Connection& connection) {
@@ -102,9 +102,10 @@ void restoreShortNamesAuth(MailsrvEntitiesCallbacks& callbacks, Connection& conn
 }
 
 void restoreOverquotaRejection(MailsrvEntitiesCallbacks& callbacks, Connection& connection) {
-    const bool permanently =
-        getBoolMiscParamSafe("reject_mail_when_overquota_with_permfail", connection, false);
-    const bool reject = getBoolMiscParamSafe("reject_mail_when_overquota", connection, true);
+    const bool permanently = getBoolMiscParamSafe("reject_mail_when_overquota_with_permfail",
+                                                  connection, /*defaultValue=*/false);
+    const bool reject =
+        getBoolMiscParamSafe("reject_mail_when_overquota", connection, /*defaultValue=*/true);
     callbacks.enableRejectOverquota(reject, permanently);
 }
 

@@ -70,7 +70,7 @@ bool isDebugWanted() {
 }  // namespace
 
 void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks) {
-    Connection connection(true);
+    Connection connection(/*open_now=*/true);
     walkMailServerEntities(callbacks, connection);
 }
 

@@ -95,7 +95,7 @@ id_t corvo_ugid(const char* name, int want_gid) noexcept {
     gid_t gid = 0;
     if (corvo_getpw(name, &uid, &gid, nullptr) != 0)
         return 0;
-    return want_gid != 0 ? gid : uid;
+    return want_gid != WANT_UID ? gid : uid;
 }
 
 uid_t get_user_id(const char* name) noexcept {

@@ -28,7 +28,12 @@ gid_t get_group_if_exists(const char* name, int* found) noexcept;
 /// -1.
 int corvo_getpw(const char* name, uid_t* uid, gid_t* gid, char** home) noexcept;
 
-/// The user's primary gid when `want_gid` is set, else the uid; 0 when the user is unknown.
+/// What corvo_ugid is asked for.
+inline constexpr int WANT_UID = 0;
+inline constexpr int WANT_GID = 1;
+
+/// The user's primary gid when `want_gid` is WANT_GID (or anything but 0), else the uid; 0 when the
+/// user is unknown.
 id_t corvo_ugid(const char* name, int want_gid) noexcept;
 
 /// The uid, or 0.

@@ -53,7 +53,7 @@ lock_handle* makeHandle(char* lockPath) noexcept {
 lock_handle* takeLock(const char* path, int open_flags, int flock_op, int by_name,
                       bool& opened) noexcept {
     opened = true;
-    char* const lockPath = by_name != 0 ? mk_flock_path(path) : ::strdup(path);
+    char* const lockPath = by_name != LOCK_ITSELF ? mk_flock_path(path) : ::strdup(path);
     if (lockPath == nullptr)
         return nullptr;
     if (keptLock && std::strcmp(keptLock->path, lockPath) == 0)
@@ -142,7 +142,7 @@ void keep_lock(lock_handle* lock) noexcept {
 namespace corvo {
 
 LineLock::LineLock(const char* path) noexcept
-    : path_(path), lock_(takeLock(path, EXCLUSIVE_OPEN, LOCK_EX, 1, opened_)) {
+    : path_(path), lock_(takeLock(path, EXCLUSIVE_OPEN, LOCK_EX, LOCK_BY_NAME, opened_)) {
     if (!isHeld())
         error_ = errno;
 }

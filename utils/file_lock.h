@@ -14,12 +14,17 @@ struct lock_handle {
     char* path;  // of the lock file; owned
 };
 
+/// Which file a lock is taken on, as `by_name` says: the protected file itself, or the one in the
+/// lock folder that is named after it.
+inline constexpr int LOCK_ITSELF = 0;
+inline constexpr int LOCK_BY_NAME = 1;
+
 /// "/run/lock/files/" and the MD5 of `path`, newly allocated; free with free(). Null without
 /// memory.
 char* mk_flock_path(const char* path) noexcept;
 
-/// Opens the lock file (mode 0644) with `open_flags` and locks it with `flock_op`. `by_name` locks
-/// the file in the lock folder, else `path` itself. O_TRUNC takes effect only on a regular file
+/// Opens the lock file (mode 0644) with `open_flags` and locks it with `flock_op`. `by_name` is
+/// LOCK_BY_NAME (or anything but 0) or LOCK_ITSELF. O_TRUNC takes effect only on a regular file
 /// with one link. Returns null without memory; else a handle whose fd tells how it went, with errno
 /// of what failed. Only an open that fails is logged, once through messlog2.
 lock_handle* mk_lock_(const char* path, int open_flags, int flock_op, int by_name) noexcept;

@@ -182,7 +182,7 @@ UniqueFd openForPermissions(int base, const char* path) noexcept {
 UniqueFd findForPermissions(int base, const char* path) noexcept {
     UniqueFd file = openTrusted(base, path, O_PATH | O_CLOEXEC);
     struct stat seen = {};
-    if (!file || checkFile(base, path, file.get(), true, seen) != 0)
+    if (!file || checkFile(base, path, file.get(), /*writes=*/true, seen) != 0)
         return UniqueFd();
     return file;
 }

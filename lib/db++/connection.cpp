@@ -50,7 +50,7 @@ Connection::Connection(bool open_now) {
 Connection::Connection(st_mysql* openHandle, bool closesIt) : handle(openHandle), owns(closesIt) {}
 
 Connection Connection::owning(st_mysql* opened) {
-    return {demand(opened), true};
+    return {demand(opened), /*closesIt=*/true};
 }
 
 Connection::~Connection() {
@@ -173,7 +173,7 @@ void Connection::run(const std::string& statement) {
 }
 
 void Connection::test() {
-    Connection connection(true);
+    Connection connection(/*open_now=*/true);
     for (const char* text : {"aaaa", "a`aaa", "a``aaa", "a``aa`a"})
         std::cerr << "static void corvo::mysql::Connection::test()(" << baseName(__FILE__) << ':'
                   << __LINE__ << ")connection.escape_name(\"" << text
