@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <utility>
 
 #include "utils/digest.h"
@@ -21,12 +20,8 @@ namespace {
 constexpr const char* LOCK_FOLDER = "/run/lock/files";
 constexpr int EXCLUSIVE_OPEN = O_RDWR | O_CREAT | O_TRUNC;
 
-struct LockFreer {
-    void operator()(lock_handle* lock) const noexcept { free_lock(lock); }
-};
-
 // What keep_lock was given last, until the process ends.
-std::unique_ptr<lock_handle, LockFreer> keptLock;
+corvo::UniqueLock keptLock;
 
 // Opens a lock file, and empties it only when it is surely one.
 corvo::UniqueFd openLockFile(const char* path, int flags) noexcept {
@@ -40,26 +35,25 @@ corvo::UniqueFd openLockFile(const char* path, int flags) noexcept {
     return file;
 }
 
-// An empty handle for a lock file; takes the path over.
-lock_handle* makeHandle(char* lockPath) noexcept {
-    corvo::UniqueCString path(lockPath);
-    auto* const lock = static_cast<lock_handle*>(std::malloc(sizeof(lock_handle)));
-    if (lock != nullptr)
+// An empty handle for a lock file.
+corvo::UniqueLock makeHandle(corvo::UniqueCString path) noexcept {
+    corvo::UniqueLock lock(static_cast<lock_handle*>(std::malloc(sizeof(lock_handle))));
+    if (lock)
         *lock = {-1, path.release()};
     return lock;
 }
 
 // mk_lock_, silently; `opened` tells whether the lock file could be opened.
-lock_handle* takeLock(const char* path, int open_flags, int flock_op, int by_name,
-                      bool& opened) noexcept {
+corvo::UniqueLock takeLock(const char* path, int open_flags, int flock_op, int by_name,
+                           bool& opened) noexcept {
     opened = true;
-    char* const lockPath = by_name != LOCK_ITSELF ? mk_flock_path(path) : ::strdup(path);
-    if (lockPath == nullptr)
+    corvo::UniqueCString lockPath(by_name != LOCK_ITSELF ? mk_flock_path(path) : ::strdup(path));
+    if (!lockPath)
         return nullptr;
-    if (keptLock && std::strcmp(keptLock->path, lockPath) == 0)
+    if (keptLock && std::strcmp(keptLock->path, lockPath.get()) == 0)
         keptLock.reset();
-    lock_handle* const lock = makeHandle(lockPath);
-    if (lock == nullptr)
+    corvo::UniqueLock lock = makeHandle(std::move(lockPath));
+    if (!lock)
         return nullptr;
     corvo::UniqueFd file = openLockFile(lock->path, open_flags);
     opened = static_cast<bool>(file);
@@ -88,10 +82,10 @@ char* mk_flock_path(const char* path) noexcept {
 
 lock_handle* mk_lock_(const char* path, int open_flags, int flock_op, int by_name) noexcept {
     bool opened = false;
-    lock_handle* const lock = takeLock(path, open_flags, flock_op, by_name, opened);
+    corvo::UniqueLock lock = takeLock(path, open_flags, flock_op, by_name, opened);
     if (!opened)
-        logNotOpened(lock);
-    return lock;
+        logNotOpened(lock.get());
+    return lock.release();
 }
 
 lock_handle* mk_lock(const char* path, int by_name) noexcept {
@@ -147,28 +141,24 @@ LineLock::LineLock(const char* path) noexcept
         error_ = errno;
 }
 
-LineLock::~LineLock() {
-    free_lock(lock_);
-}
-
 void LineLock::report() const noexcept {
     errno = error_;
     if (!opened_)
-        logNotOpened(lock_);
+        logNotOpened(lock_.get());
     errno = error_;
     messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path_, std::strerror(error_));
     errno = error_;
 }
 
 int LineLock::release() noexcept {
-    if (rm_lock(std::exchange(lock_, nullptr)) == 0)
+    if (rm_lock(lock_.release()) == 0)
         return 0;
     messlog2(0, 0, "Error occurred while unlocking the file %s: %s\n", path_, std::strerror(errno));
     return -1;
 }
 
 void LineLock::keep() noexcept {
-    keep_lock(std::exchange(lock_, nullptr));
+    keep_lock(lock_.release());
 }
 
 }  // namespace corvo

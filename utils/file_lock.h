@@ -5,10 +5,12 @@
 
 #pragma once
 
+#include <memory>
+
 #include "utils/guards.h"
 
 /// A lock, held or not. Made by the mk_ functions only, and given back to rm_lock, free_lock or
-/// keep_lock.
+/// keep_lock; see corvo::UniqueLock.
 struct lock_handle {
     int fd;      // > 0 while locked, 0 when the lock was busy, -1 on failure
     char* path;  // of the lock file; owned
@@ -54,17 +56,25 @@ void keep_lock(lock_handle* lock) noexcept;
 
 namespace corvo {
 
+struct LockFreer {
+    void operator()(lock_handle* lock) const noexcept { free_lock(lock); }
+};
+
+/// Owns what an mk_ function returned; releases it as free_lock does. rm_lock and keep_lock take
+/// what it gives up.
+using UniqueLock = std::unique_ptr<lock_handle, LockFreer>;
+
 /// The lock by name under which a file of lines is changed: taken when this is made, waiting
 /// without limit, and released when it goes, both silently.
 class LineLock {
 public:
     /// `path` must outlive the lock.
     explicit LineLock(const char* path) noexcept;
-    ~LineLock();
+    ~LineLock() = default;
     LineLock(const LineLock&) = delete;
     LineLock& operator=(const LineLock&) = delete;
 
-    bool isHeld() const noexcept { return is_locked(lock_); }
+    bool isHeld() const noexcept { return is_locked(lock_.get()); }
 
     /// Logs why it is not held, through messlog2; errno is then that reason.
     void report() const noexcept;
@@ -78,7 +88,7 @@ public:
 private:
     const char* path_;
     bool opened_ = false;
-    lock_handle* lock_;
+    UniqueLock lock_;
     int error_ = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "utils/conf_store.h"
 #include "utils/log.h"
@@ -82,21 +83,24 @@ constexpr const char* CONFIGURATION_FILE = "/etc/vhc/vhc.conf";
 conf_store* theVhcConfHash = nullptr;         // null until the file has been read
 const char* theVhcConfArray[VHC_CONF_COUNT];  // values found so far; they point into the store
 
+struct StoreFreer {
+    void operator()(conf_store* store) const noexcept { conf_free_r(store); }
+};
+using UniqueStore = std::unique_ptr<conf_store, StoreFreer>;
+
 // Loads the file unless that is done. 0, or -1 after logging why.
 int autoprepend() {
     if (theVhcConfHash != nullptr)
         return 0;
-    auto* store = static_cast<conf_store*>(std::calloc(1, sizeof(conf_store)));
-    if (store == nullptr) {
+    UniqueStore store(static_cast<conf_store*>(std::calloc(1, sizeof(conf_store))));
+    if (!store) {
         corvo::Log().line(LOG_ERR,
                           "Not enough memory to allocate Corvo runtime configuration structure");
         return -1;
     }
-    if (conf_read_file_r(CONFIGURATION_FILE, store) != 0) {
-        conf_free_r(store);
+    if (conf_read_file_r(CONFIGURATION_FILE, store.get()) != 0)
         return -1;
-    }
-    theVhcConfHash = store;
+    theVhcConfHash = store.release();
     return 0;
 }
 

@@ -27,6 +27,7 @@ using corvo::UniqueFd;
 
 constexpr const char* DSN_FILE = "/etc/vhc/private/dsn.ini";
 constexpr const char* ADMIN_PASSWORD_FILE = "/etc/vhc/.vhc.shadow";
+constexpr const char* SET_NAMES = "set names query";  // as messages call it
 
 struct HandleCloser {
     void operator()(st_mysql* handle) const noexcept {
@@ -142,18 +143,17 @@ bool connectWith(const Credentials& credentials, st_mysql* handle) noexcept {
 }
 
 // A handle on which an error is set is closed; the answer is then null.
-st_mysql* closeOnError(st_mysql* handle, Failure& failure) noexcept {
-    UniqueHandle owned(handle);
-    if (owned)
-        failure.number = mysql_errno(handle);
+UniqueHandle closeOnError(UniqueHandle handle, Failure& failure) noexcept {
+    if (handle)
+        failure.number = mysql_errno(handle.get());
     if (failure.number != 0)
-        owned.reset();
-    return owned.release();
+        handle.reset();
+    return handle;
 }
 
 // The layers of the family; each explains its failures.
 
-st_mysql* connectRawEx(Failure& failure) noexcept {
+UniqueHandle connectRawEx(Failure& failure) noexcept {
     Credentials credentials;
     if (!readCredentials(credentials, failure))
         return nullptr;
@@ -169,33 +169,33 @@ st_mysql* connectRawEx(Failure& failure) noexcept {
         explain(failure, "Unable to connect to Corvo Database: %s", mysql_error(handle.get()));
         return nullptr;
     }
-    return handle.release();
-}
-
-st_mysql* connectRaw(Failure& failure) noexcept {
-    return closeOnError(connectRawEx(failure), failure);
-}
-
-st_mysql* connectEx(Failure& failure) noexcept {
-    st_mysql* handle = connectRaw(failure);
-    if (handle == nullptr || speakUtf8(handle))
-        return handle;
-    const unsigned int number = mysql_errno(handle);
-    if (number == 0)
-        explain(failure, "DB error (%s): unknown error", "set names query");
-    else
-        explain(failure, "DB error (%s) %u: %s", "set names query", number, mysql_error(handle));
     return handle;
 }
 
-st_mysql* connect(Failure& failure) noexcept {
+UniqueHandle connectRaw(Failure& failure) noexcept {
+    return closeOnError(connectRawEx(failure), failure);
+}
+
+UniqueHandle connectEx(Failure& failure) noexcept {
+    UniqueHandle handle = connectRaw(failure);
+    if (!handle || speakUtf8(handle.get()))
+        return handle;
+    const unsigned int number = mysql_errno(handle.get());
+    if (number == 0)
+        explain(failure, "DB error (%s): unknown error", SET_NAMES);
+    else
+        explain(failure, "DB error (%s) %u: %s", SET_NAMES, number, mysql_error(handle.get()));
+    return handle;
+}
+
+UniqueHandle connect(Failure& failure) noexcept {
     return closeOnError(connectEx(failure), failure);
 }
 
 // A layer for a caller that wants the reason alone.
-st_mysql* runLayer(st_mysql* (*layer)(Failure&), char* errbuf, std::size_t size) noexcept {
+st_mysql* runLayer(UniqueHandle (*layer)(Failure&), char* errbuf, std::size_t size) noexcept {
     Failure failure{errbuf, size};
-    return layer(failure);
+    return layer(failure).release();
 }
 
 }  // namespace
@@ -223,9 +223,9 @@ st_mysql* db_connect_nothrow(char* errbuf, std::size_t size) noexcept {
 st_mysql* corvo_db_attempt(db_connect_failure& failure) noexcept {
     failure.reason[0] = '\0';
     Failure told{failure.reason, sizeof failure.reason};
-    st_mysql* handle = connect(told);
+    UniqueHandle handle = connect(told);
     failure.number = told.number;
-    return handle;
+    return handle.release();
 }
 
 void print_db_connect_failure(const db_connect_failure& failure) noexcept {
