@@ -46,17 +46,13 @@ long long readDefaultQuota(const Domain& domain, Connection& connection) {
     Row row;
     if (!rows.fetchOnce(row))
         return NO_QUOTA;
-    return numberOrWarn<long long>(row["value"].value,
-                                   "Warning: invalid default mailbox quota value '",
-                                   "' stored in Corvo DB, ignored")
+    return numberOrWarn<long long>(row["value"].value, "default mailbox quota value")
         .value_or(NO_QUOTA);
 }
 
 long long quotaOf(const Mailname& mailname, long long defaultQuota) {
     const long long quota =
-        numberOrWarn<long long>(mailname.quota, "Warning: invalid mailbox quota value '",
-                                "' stored in Corvo DB, ignored")
-            .value_or(NO_QUOTA);
+        numberOrWarn<long long>(mailname.quota, "mailbox quota value").value_or(NO_QUOTA);
     return quota == NO_QUOTA ? defaultQuota : quota;
 }
 

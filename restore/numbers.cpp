@@ -8,16 +8,18 @@
 namespace corvo::mail::restore {
 
 template <typename Number>
-std::optional<Number> numberOrWarn(const std::string& text, const char* before, const char* after) {
+std::optional<Number> numberOrWarn(const std::string& text, const char* what, Quoted quoted) {
     Number number = 0;
     if (boost::conversion::try_lexical_convert(text, number))
         return number;
-    uerr << before << text << after << std::endl;
+    const char* const quote = quoted == Quoted::yes ? "'" : "";
+    uerr << "Warning: invalid " << what << ' ' << quote << text << quote
+         << " stored in Corvo DB, ignored" << std::endl;
     return std::nullopt;
 }
 
-template std::optional<short> numberOrWarn(const std::string&, const char*, const char*);
-template std::optional<int> numberOrWarn(const std::string&, const char*, const char*);
-template std::optional<long long> numberOrWarn(const std::string&, const char*, const char*);
+template std::optional<short> numberOrWarn(const std::string&, const char*, Quoted);
+template std::optional<int> numberOrWarn(const std::string&, const char*, Quoted);
+template std::optional<long long> numberOrWarn(const std::string&, const char*, Quoted);
 
 }  // namespace corvo::mail::restore

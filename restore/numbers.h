@@ -7,10 +7,14 @@
 
 namespace corvo::mail::restore {
 
+/// How a warning shows the text.
+enum class Quoted { yes, no };
+
 /// The number, when it fits and all of `text` is it: decimal digits after at most one sign.
-/// Otherwise nothing, and `before` + `text` + `after` is a line on corvo::uerr. For short, int and
-/// long long.
+/// Otherwise nothing, and a line on corvo::uerr: "Warning: invalid <what> <text> stored in Corvo
+/// DB, ignored", the text in single quotes or as it stands. For short, int and long long.
 template <typename Number>
-std::optional<Number> numberOrWarn(const std::string& text, const char* before, const char* after);
+std::optional<Number> numberOrWarn(const std::string& text, const char* what,
+                                   Quoted quoted = Quoted::yes);
 
 }  // namespace corvo::mail::restore

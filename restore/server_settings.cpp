@@ -29,8 +29,7 @@ struct Relay {
 
 bool readSmtpAuth(Connection& connection) {
     const std::string text = getStringMailServerParamSafe("disable_smtp_auth", connection).value;
-    const auto disabled = numberOrWarn<int>(text, "Warning: invalid SMTP Auth Disable flag value '",
-                                            "' stored in Corvo DB, ignored");
+    const auto disabled = numberOrWarn<int>(text, "SMTP Auth Disable flag value");
     return disabled == 0;
 }
 
@@ -39,15 +38,13 @@ bool readPopAuth(Connection& connection) {
     const std::string text = getStringMailServerParamSafe("disable_pop_auth", connection).value;
     if (text.empty())
         return false;
-    const auto disabled = numberOrWarn<int>(text, "Warning: invalid POP3 Auth Disable flag value '",
-                                            "' stored in Corvo DB, ignored");
+    const auto disabled = numberOrWarn<int>(text, "POP3 Auth Disable flag value");
     return disabled == 0;
 }
 
 short readLockTime(Connection& connection) {
     const std::string text = getStringMailServerParamSafe("poplock_time", connection).value;
-    return numberOrWarn<short>(text, "Warning: invalid POP3 lock time value ",
-                               " stored in Corvo DB, ignored")
+    return numberOrWarn<short>(text, "POP3 lock time value", Quoted::no)
         .value_or(DEFAULT_LOCK_TIME);
 }
 
@@ -79,8 +76,7 @@ void restoreMaxMessageSize(MailsrvEntitiesCallbacks& callbacks, Connection& conn
     const mysql::Field size = getStringMailServerParamSafe("ml_size", connection);
     if (size.null)
         return;
-    const auto kib = numberOrWarn<long long>(size.value, "Warning: invalid Maximal Message Size ",
-                                             " stored in Corvo DB, ignored");
+    const auto kib = numberOrWarn<long long>(size.value, "Maximal Message Size", Quoted::no);
     if (!kib)
         return;
     progress(" " + std::to_string(*kib) + "KiB \n");

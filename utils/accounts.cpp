@@ -35,7 +35,7 @@ struct group* lookupGid(const char* digits) noexcept {
     errno = 0;
     struct group* const found = ::getgrgid(gid);
     if (found == nullptr)
-        messlog2(0, 0, "getgrgid(%u): %s", gid, reason("Group not found"));
+        messlog2(0, 0, "getgrgid(%u): %s", gid, reason(GROUP_NOT_FOUND));
     return found;
 }
 
@@ -58,7 +58,7 @@ struct group* lookup_group(const char* name_or_number) noexcept {
     errno = 0;
     struct group* const found = ::getgrnam(name_or_number);
     if (found == nullptr)
-        messlog2(0, 0, "getgrnam(%s): %s", name_or_number, reason("Group not found"));
+        messlog2(0, 0, "getgrnam(%s): %s", name_or_number, reason(GROUP_NOT_FOUND));
     return found;
 }
 

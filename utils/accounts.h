@@ -11,6 +11,9 @@
 /// The account that owns all mail storage.
 inline constexpr const char* POPUSER = "popuser";
 
+/// The reason that is given for a group that is not there.
+inline constexpr const char* GROUP_NOT_FOUND = "Group not found";
+
 /// Whether the uid is popuser's; false without such an account. Logs nothing; may leave any errno.
 bool is_popuser(uid_t uid) noexcept;
 

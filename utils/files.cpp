@@ -165,7 +165,7 @@ int get_string_from_file(const char* path, char* buffer, std::size_t size) noexc
     const corvo::UniqueFile stream =
         corvo::openStream(safe_path::openFile(AT_FDCWD, path, O_RDONLY), "r");
     if (!stream) {
-        messlog2(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
+        messlog2(0, 0, MESSLOG_UNABLE_TO_OPEN, path, std::strerror(errno));
         return -1;
     }
     return readLine(stream.get(), buffer, size);

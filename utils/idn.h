@@ -13,6 +13,9 @@
 /// libidn's result code of the last plain conversion that failed; 0 before any did.
 extern int idn_errno;
 
+/// What callers say of idn_toascii when it fails: the name and the text of the code.
+inline constexpr char IDN_TOASCII_FAILED[] = "idn_toascii(%s) failed: %s";
+
 /// The ASCII form of a host name, or null.
 char* idn_toascii(const char* name) noexcept;
 

@@ -28,7 +28,7 @@ constexpr mode_t NEW_FILE_MODE = 0666;
 constexpr mode_t SPECIAL_BITS = S_ISUID | S_ISGID | S_ISVTX;
 
 int unableToOpen(const char* path) noexcept {
-    messlog2(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
+    messlog2(0, 0, MESSLOG_UNABLE_TO_OPEN, path, std::strerror(errno));
     return 1;
 }
 
@@ -253,7 +253,7 @@ int removeLines(const Target& target, const char* const* list, Matcher matches,
         return unableToOpen(target.path());
     Replacement fresh(target);
     if (!fresh.create())
-        return printError("Unable to open file %s: %s\n", fresh.path(), std::strerror(errno));
+        return printError(MESSLOG_UNABLE_TO_OPEN, fresh.path(), std::strerror(errno));
     for (auto line = old.next(); !line.empty(); line = old.next()) {
         if (!matchesAny(line, list, matches) && !write(fresh.stream(), line))
             return unableToWrite(fresh, target.path());

@@ -13,6 +13,9 @@
 /// prefix.
 extern char* PROGNAME;
 
+/// What several families say of a path and the text of an errno.
+inline constexpr char MESSLOG_UNABLE_TO_OPEN[] = "Unable to open file %s: %s\n";
+
 /// Writes "<base name>: ", the text and, unless the text ends in one, a newline to standard error,
 /// then the same to standard output, flushing each. `flag` is not used.
 int ex_messlog(const char* text, int status, int flag);

@@ -10,6 +10,7 @@ namespace {
 
 using namespace corvo::test;
 using corvo::mail::restore::numberOrWarn;
+using corvo::mail::restore::Quoted;
 
 TEST(NumbersTest, WholeNumbersWithASignAtMostAreTaken) {
     const struct {
@@ -24,7 +25,7 @@ TEST(NumbersTest, WholeNumbersWithASignAtMostAreTaken) {
     const StreamCapture nothingPrinted;
     for (const auto& [text, number] : cases) {
         SCOPED_TRACE(text);
-        EXPECT_EQ(numberOrWarn<long long>(text, "invalid '", "'"), number);
+        EXPECT_EQ(numberOrWarn<long long>(text, "number"), number);
     }
 }
 
@@ -33,18 +34,20 @@ TEST(NumbersTest, AnyOtherTextIsAWarningOnBothStreams) {
          {"", " 1", "1 ", "1k", "--1", "+", "0x1", "1.5", "9223372036854775808"}) {
         SCOPED_TRACE(text);
         StreamCapture capture;
-        EXPECT_EQ(numberOrWarn<long long>(text, "invalid '", "'"), std::nullopt);
-        EXPECT_EQ(capture.err(), "invalid '" + text + "'\n");
-        EXPECT_EQ(capture.out(), "invalid '" + text + "'\n");
+        EXPECT_EQ(numberOrWarn<long long>(text, "number"), std::nullopt);
+        const std::string line =
+            "Warning: invalid number '" + text + "' stored in Corvo DB, ignored\n";
+        EXPECT_EQ(capture.err(), line);
+        EXPECT_EQ(capture.out(), line);
     }
 }
 
 TEST(NumbersTest, RangeIsThatOfTheType) {
-    EXPECT_EQ(numberOrWarn<short>("32767", "", ""), 32767);
+    EXPECT_EQ(numberOrWarn<short>("32767", "number"), 32767);
     StreamCapture capture;
-    EXPECT_EQ(numberOrWarn<short>("32768", "<", ">"), std::nullopt);
-    EXPECT_EQ(capture.err(), "<32768>\n");
-    EXPECT_EQ(capture.out(), "<32768>\n");
+    EXPECT_EQ(numberOrWarn<short>("32768", "number", Quoted::no), std::nullopt);
+    EXPECT_EQ(capture.err(), "Warning: invalid number 32768 stored in Corvo DB, ignored\n");
+    EXPECT_EQ(capture.out(), "Warning: invalid number 32768 stored in Corvo DB, ignored\n");
 }
 
 }  // namespace
