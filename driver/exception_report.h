@@ -7,7 +7,8 @@
 namespace corvo {
 
 /// Writes "Fatal error: <dynamic type>(<what>)" to corvo::uerr, then the traceback of an exception
-/// that carries one.
+/// that carries one. That it is a template with one specialisation is part of the interface:
+/// callers name the type.
 template <typename Exception>
 void reportException(const Exception& e);
 

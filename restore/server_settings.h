@@ -23,6 +23,7 @@ void restoreShortNamesAuth(MailsrvEntitiesCallbacks& callbacks, mysql::Connectio
 
 void restoreOverquotaRejection(MailsrvEntitiesCallbacks& callbacks, mysql::Connection& connection);
 
+/// Reads nothing; the connection is there because every step has the same parameters.
 void restoreRecipientCanonicalMapper(MailsrvEntitiesCallbacks& callbacks,
                                      mysql::Connection& connection);
 

@@ -17,7 +17,8 @@ extern char* PROGNAME;
 inline constexpr char MESSLOG_UNABLE_TO_OPEN[] = "Unable to open file %s: %s\n";
 
 /// Writes "<base name>: ", the text and, unless the text ends in one, a newline to standard error,
-/// then the same to standard output, flushing each. `flag` is not used.
+/// then the same to standard output, flushing each. `flag` is not used, here and
+/// below; it is part of the interface.
 int ex_messlog(const char* text, int status, int flag);
 
 /// As ex_messlog with a formatted text of any length. Unless errno is 0 on entry, "\nSystem error

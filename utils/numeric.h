@@ -17,6 +17,7 @@ inline long long addSaturated(long long a, long long b) noexcept {
 
 }  // namespace corvo
 
+/// Holds one function; that it is a class is part of the interface.
 class Util {
 public:
     /// Reads an unsigned decimal number with an optional "+" and blanks (space, tab, newline,

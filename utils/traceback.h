@@ -30,6 +30,7 @@ private:
     void printAddresses(std::ostream& stream) const;
     void printSymbols(std::ostream& stream) const;
 
+    // Described to other programs by these names and types.
     std::size_t count = 0;  // frames captured
     std::size_t skip = 0;   // at most count
     std::array<void*, 11> frames = {};

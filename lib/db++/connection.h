@@ -70,8 +70,8 @@ public:
     /// Runs the statement and returns its rows, stored on the client's side.
     Result operator<<(Query::fetch_t);
 
-    /// Prints escape_name's answers to four texts on standard error, for inspection by a person;
-    /// part of the interface.
+    /// Prints escape_name's answers to four texts on standard error, for a look by eye. Part of the
+    /// interface, as are its lines, which name this function and its place in the source.
     static void test();
 
 private:
@@ -80,6 +80,7 @@ private:
     std::string takeStatement();
     void run(const std::string& statement);
 
+    // Described to other programs by these names and types.
     st_mysql* handle = nullptr;
     bool owns = true;
     std::optional<std::ostringstream> query;
