@@ -1,7 +1,6 @@
 #include "mail/delivery/dotqmail.h"
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,60 +9,17 @@
 #include <string>
 #include <vector>
 
-#include "mail/delivery/delivery_agent.h"
 #include "tests/support/disk.h"
 #include "tests/support/files.h"
 #include "tests/support/logging.h"
 #include "tests/support/memory.h"
 #include "tests/support/process.h"
-#include "tests/support/race.h"
 #include "tests/support/sandbox.h"
+#include "tests/unit/mail/delivery/dotqmail_fixture.h"
 #include "utils/idn.h"
 
+namespace corvo::test::dotqmail {
 namespace {
-
-using namespace corvo::test;
-
-const std::string HOME = MAILNAMES + "/example.com/info";
-const std::string DOTQMAIL = HOME + "/.qmail";
-const std::string DEFAULT_DELIVERY = MAILNAMES + "/.default_delivery";
-const std::string OUTSIDE = "/var/lib/corvo/outside";
-
-const std::string DELIVERY_LINE =
-    "| /usr/bin/deliverquota -w 95 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir";
-
-// Every known delivery line, to the letter.
-const std::vector<std::string> KNOWN_DELIVERY_LINES = {
-    "./Maildir/",
-    "| /usr/bin/deliverquota ./Maildir",
-    "| /usr/bin/deliverquota -w 94 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
-    "| /usr/bin/deliverquota -w 95 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
-    R"(| /usr/libexec/dovecot/dovecot-lda -d "$DELIVERED_TO" -a "${ORIGINAL_RECIPIENT:-$DELIVERED_TO}")",
-};
-
-const std::string NOT_ADDED = "Unable to add delivery string to '" + DOTQMAIL + "'";
-const LoggedLine OLD_NOT_REMOVED = {"Unable to remove old delivery strings from '" + DOTQMAIL + "'",
-                                    4};
-
-class DotqmailTest : public LoggingTest {
-protected:
-    DotqmailTest() {
-        detectedImapPop3Server = DELIVERY_AGENT_UNKNOWN;
-        installDeliverquota();
-        writeFile(DEFAULT_DELIVERY, DELIVERY_LINE + "\n");
-        makeDirectory(HOME);
-    }
-
-    /// Content of the delivery file, after a look at its owner and mode.
-    static std::string delivered() {
-        EXPECT_EQ(modeOf(DOTQMAIL) + " " + ownerOf(DOTQMAIL), "0600 " + popuser());
-        return contentsOf(DOTQMAIL);
-    }
-};
-
-const char* path() {
-    return DOTQMAIL.c_str();
-}
 
 TEST_F(DotqmailTest, ResetMakesAFileThatDiscards) {
     EXPECT_EQ(dotqmail_reset(path()), 0);
@@ -361,20 +317,6 @@ TEST_F(DotqmailWithoutMemoryTest, LineThatCannotBeFormattedIsReported) {
     EXPECT_EQ(contentsOf(DOTQMAIL), "&a@example.net\n");
 }
 
-TEST_F(DotqmailTest, DeliveryLineIsNotTakenFromAHardLinkToAnothersFile) {
-    ASSERT_EQ(::unlink(DEFAULT_DELIVERY.c_str()), 0);
-    chownToPopuser(MAILNAMES);
-    writeFile(MAILNAMES + "/secrets", "root:secret\n", 0, 0, 0600);
-    ASSERT_EQ(::link((MAILNAMES + "/secrets").c_str(), DEFAULT_DELIVERY.c_str()), 0);
-    ASSERT_EQ(dotqmail_reset(path()), 0);
-    EXPECT_EQ(dotqmail_add_delivery(path()), -1);
-    EXPECT_EQ(errno, EPERM);
-    expectLogged({"Unable to open default delivery config file(" + DEFAULT_DELIVERY +
-                      "): Operation not permitted\n",
-                  NOT_ADDED});
-    EXPECT_EQ(delivered(), "| true\n");
-}
-
 TEST_F(DotqmailTest, NewFileIsNeverOpenToOthers) {
     removeUser("popuser");  // so that the file stays as it was made
     ::umask(0);
@@ -382,80 +324,6 @@ TEST_F(DotqmailTest, NewFileIsNeverOpenToOthers) {
     ::umask(022);
     EXPECT_EQ(message(), "user popuser not found\n");
     EXPECT_EQ(modeOf(DOTQMAIL) + " " + ownerOf(DOTQMAIL), "0600 0:0");
-}
-
-TEST_F(DotqmailTest, LinkThatComesAndGoesIsNeverWrittenThrough) {
-    writeFile(OUTSIDE + "/file", "./Maildir/\n&a@example.net\n", 0, 0, 0644);
-    writeFile(DOTQMAIL, "| true\n", POPUSER_UID, POPUSER_GID, 0600);
-    const std::string before = fingerprint(OUTSIDE);
-    const Racer swapping([] {
-        const std::string link = HOME + "/link";
-        plantLink(OUTSIDE + "/file", link);
-        exchange(link, DOTQMAIL);
-        exchange(link, DOTQMAIL);
-    });
-    Outcomes seen;
-    while (seen.wantsMore()) {
-        seen.note(dotqmail_reset(path()) == 0 && dotqmail_add_delivery(path()) == 0);
-        (void)message();
-    }
-    EXPECT_TRUE(seen.both()) << seen;
-    EXPECT_EQ(fingerprint(OUTSIDE), before);
-}
-
-TEST_F(DotqmailTest, LinkOfPopuserIsRefusedByEveryFunction) {
-    writeFile(OUTSIDE, "./Maildir/\n&a@example.net\n", 0, 0, 0644);
-    makeLink(OUTSIDE, DOTQMAIL, POPUSER_UID);
-    const std::function<int()> operations[] = {
-        [] { return dotqmail_reset(path()); },
-        [] { return dotqmail_add_delivery(path()); },
-        [] { return dotqmail_remove_delivery(path()); },
-        [] { return dotqmail_remove_delivery_strings(path()); },
-        [] { return dotqmail_add_forward(path(), "b@example.net"); },
-        [] { return dotqmail_remove_forward(path(), "a@example.net"); },
-    };
-    for (const auto& operation : operations) {
-        EXPECT_EQ(operation(), -1);
-        EXPECT_EQ(errno, ELOOP);
-        EXPECT_NE(message(), "");
-    }
-    EXPECT_EQ(contentsOf(OUTSIDE), "./Maildir/\n&a@example.net\n");
-    EXPECT_EQ(modeOf(OUTSIDE) + " " + ownerOf(OUTSIDE), "0644 0:0");
-    EXPECT_EQ(namesIn(HOME), std::vector<std::string>{".qmail"});
-}
-
-TEST_F(DotqmailTest, LinkOfPopuserInPlaceOfTheHomeIsRefused) {
-    writeFile(OUTSIDE + "/.qmail", "kept\n");
-    ASSERT_EQ(::rmdir(HOME.c_str()), 0);
-    makeLink(OUTSIDE, HOME, POPUSER_UID);
-    EXPECT_EQ(dotqmail_reset(path()), -1);
-    EXPECT_EQ(errno, ELOOP);
-    expectLogged({"Unable to open '" + DOTQMAIL + "': Too many levels of symbolic links"});
-    EXPECT_EQ(dotqmail_add_forward(path(), "a@example.net"), -1);
-    EXPECT_EQ(errno, ELOOP);
-    EXPECT_NE(message(), "");
-    EXPECT_EQ(listTree(OUTSIDE), "- 0644 0:0 .qmail 5\n");
-}
-
-TEST_F(DotqmailTest, ForwardsBehindABlockedHomeDoNotWaitForEachOther) {
-    ASSERT_EQ(::rmdir(HOME.c_str()), 0);
-    writeFile(HOME, "no directory");
-    for (const char* address : {"a@example.net", "b@example.net", "c@example.net"}) {
-        EXPECT_EQ(dotqmail_add_forward(path(), address), -1);
-        EXPECT_EQ(errno, ENOTDIR);
-    }
-    EXPECT_NE(message(), "");
-}
-
-TEST_F(DotqmailTest, LinkOfRootInPlaceOfTheHomeIsFollowed) {
-    makeDirectory(OUTSIDE);
-    ASSERT_EQ(::rmdir(HOME.c_str()), 0);
-    makeLink(OUTSIDE, HOME);
-    EXPECT_EQ(dotqmail_reset(path()), 0);
-    EXPECT_EQ(dotqmail_add_delivery(path()), 0);
-    EXPECT_EQ(dotqmail_add_forward(path(), "a@example.net"), 0);
-    EXPECT_EQ(contentsOf(OUTSIDE + "/.qmail"), "| true\n" + DELIVERY_LINE + "\n&a@example.net\n");
-    EXPECT_EQ(delivered(), contentsOf(OUTSIDE + "/.qmail"));
 }
 
 TEST_F(DotqmailTest, NoDescriptorStaysOpen) {
@@ -510,3 +378,4 @@ TEST_F(DotqmailTest, MailNameFormsFailForPathsThatCannotBe) {
 }
 
 }  // namespace
+}  // namespace corvo::test::dotqmail
