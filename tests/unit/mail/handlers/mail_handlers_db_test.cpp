@@ -21,6 +21,8 @@
 namespace corvo::test::handlers {
 namespace {
 
+// The path.
+
 TEST_F(MailHandlersDbTest, PathIsTheMailServersUnlessReplaced) {
     EXPECT_STREQ(mh_db_path, FILE_PATH.c_str());
     EXPECT_EQ(mh_db_path_set("/var/lib/corvo/other.db"), mh_db_path);

@@ -138,6 +138,4 @@ protected:
     }
 };
 
-// The path.
-
 }  // namespace corvo::test::handlers
