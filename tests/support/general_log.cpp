@@ -4,15 +4,15 @@
 
 namespace corvo::test {
 
-GeneralLog::GeneralLog(PanelDatabase& panel) : user(panel.user()) {
+GeneralLog::GeneralLog(PanelDatabase& panel) : user_(panel.user()) {
     panel.execute("SET GLOBAL general_log=1");
-    log.open(panel.query("SELECT @@general_log_file").at(0));
-    log.seekg(0, std::ios::end);
+    log_.open(panel.query("SELECT @@general_log_file").at(0));
+    log_.seekg(0, std::ios::end);
 }
 
 std::vector<std::string> GeneralLog::statements() {
     std::vector<std::string> found;
-    for (std::string line; std::getline(log, line);)
+    for (std::string line; std::getline(log_, line);)
         take(line, found);
     return found;
 }
@@ -28,10 +28,10 @@ void GeneralLog::take(const std::string& line, std::vector<std::string>& found) 
     std::string command;
     words >> thread >> command;
     const std::string argument = line.substr(end + 1);
-    if (command == "Connect" && argument.starts_with(user + "@"))
-        connectionOf.emplace(thread, connectionOf.size() + 1);
-    else if (command == "Query" && connectionOf.contains(thread))
-        found.push_back(std::to_string(connectionOf[thread]) + ". " + argument);
+    if (command == "Connect" && argument.starts_with(user_ + "@"))
+        connectionOf_.emplace(thread, connectionOf_.size() + 1);
+    else if (command == "Query" && connectionOf_.contains(thread))
+        found.push_back(std::to_string(connectionOf_[thread]) + ". " + argument);
 }
 
 }  // namespace corvo::test

@@ -21,14 +21,14 @@ public:
     std::vector<std::string> statements();
 
     /// How many connections there were up to the last statement that was given.
-    std::size_t connections() const { return connectionOf.size(); }
+    std::size_t connections() const { return connectionOf_.size(); }
 
 private:
     void take(const std::string& line, std::vector<std::string>& found);
 
-    std::string user;
-    std::ifstream log;
-    std::map<int, std::size_t> connectionOf;
+    std::string user_;
+    std::ifstream log_;
+    std::map<int, std::size_t> connectionOf_;
 };
 
 }  // namespace corvo::test

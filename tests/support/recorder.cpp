@@ -59,7 +59,7 @@ void Recorder::bind(const std::string& slot) {
 }
 
 void Recorder::on(const std::string& slot, Action action) {
-    actions[slot] = std::move(action);
+    actions_[slot] = std::move(action);
 }
 
 template <typename... Arguments>
@@ -72,7 +72,7 @@ void Recorder::called(const std::string& slot, const std::vector<std::string>& a
     for (const std::string& argument : arguments)
         joined += (joined.empty() ? "" : ", ") + argument;
     lines_.push_back(slot + '(' + joined + ')');
-    if (const auto action = actions.find(slot); action != actions.end())
+    if (const auto action = actions_.find(slot); action != actions_.end())
         action->second();
 }
 

@@ -44,7 +44,7 @@ private:
     void called(const std::string& slot, const std::vector<std::string>& arguments);
 
     std::vector<std::string> lines_;
-    std::map<std::string, Action> actions;
+    std::map<std::string, Action> actions_;
 };
 
 /// An action for Recorder::on that throws a copy of `exception`.

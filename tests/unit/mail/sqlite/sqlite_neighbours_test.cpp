@@ -61,15 +61,15 @@ TEST_F(SqliteNeighboursTest, CommitTwoDatabasesAtOnce) {
 class Theirs {
 public:
     explicit Theirs(const std::string& mode) {
-        giveAway(THEIRS);
+        giveAway(path_);
         database_.execute("PRAGMA journal_mode = " + mode +
                           "; CREATE TABLE IF NOT EXISTS t (a); BEGIN; INSERT INTO t VALUES (1)");
     }
 
     void expectJournals(const std::vector<std::string>& suffixes) const {
         for (const std::string& suffix : suffixes) {
-            EXPECT_EQ(ownerOf(THEIRS + suffix), popuser()) << suffix;
-            EXPECT_EQ(modeOf(THEIRS + suffix), "0666") << suffix;
+            EXPECT_EQ(ownerOf(path_ + suffix), popuser()) << suffix;
+            EXPECT_EQ(modeOf(path_ + suffix), "0666") << suffix;
         }
     }
 
@@ -79,8 +79,8 @@ private:
         ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
     }
 
-    const std::string THEIRS = "/var/lib/corvo/theirs.db";
-    TestDatabase database_{THEIRS};
+    const std::string path_ = "/var/lib/corvo/theirs.db";
+    TestDatabase database_{path_};
 };
 
 TEST_F(SqliteNeighboursTest, GiveTheirJournalsTheOwnerAndModeOfTheirDatabases) {
