@@ -38,9 +38,9 @@ Command floorProgram() {
     return {CORVO_FLOOR, "--all"};
 }
 
-class Cost : public SandboxTest {
+class CostTest : public SandboxTest {
 protected:
-    Cost() { installMailServer(); }
+    CostTest() { installMailServer(); }
 
     // Takes everything away that runs have made.
     static void startAfresh() {
@@ -65,7 +65,7 @@ std::string outcomeOf(const Command& command) {
            restoredState();
 }
 
-class FloorProgram : public Cost {
+class FloorProgramTest : public CostTest {
 protected:
     // Mail, attachments and damage in the home of each mailbox with room in it.
     void use() {
@@ -96,7 +96,7 @@ protected:
     }
 };
 
-TEST_F(FloorProgram, RestoresWhatTheProductRestores) {
+TEST_F(FloorProgramTest, RestoresWhatTheProductRestores) {
     panel.execute(generatedPanel(4, 30));
     const std::vector<std::string> expected = outcomes(product());
 
@@ -113,7 +113,7 @@ struct Measured {
     std::size_t connections;
 };
 
-class MeasuredRestore : public Cost, public ::testing::WithParamInterface<Tree> {
+class MeasuredRestoreTest : public CostTest, public ::testing::WithParamInterface<Tree> {
 protected:
     void SetUp() override {
         if (INSTRUMENTED)
@@ -133,9 +133,9 @@ protected:
     }
 };
 
-class CallsOfAFullRestore : public MeasuredRestore {
+class CallsOfAFullRestoreTest : public MeasuredRestoreTest {
 protected:
-    CallsOfAFullRestore() {
+    CallsOfAFullRestoreTest() {
         panel.execute(generatedPanel(6, 50));
         size = {.runs = 1,
                 .domains = count("domains"),
@@ -150,7 +150,7 @@ protected:
     Size size;
 };
 
-TEST_P(CallsOfAFullRestore, AreThoseOfTheFloorAndThoseWithAReason) {
+TEST_P(CallsOfAFullRestoreTest, AreThoseOfTheFloorAndThoseWithAReason) {
     const Measured most = measure(product());
     const Measured least = measure(floorProgram());
 
@@ -171,7 +171,7 @@ TEST_P(CallsOfAFullRestore, AreThoseOfTheFloorAndThoseWithAReason) {
     EXPECT_EQ(most.connections, least.connections);
 }
 
-TEST_P(CallsOfAFullRestore, FlushConnectAndLookUpAsOftenAsTheJobNeeds) {
+TEST_P(CallsOfAFullRestoreTest, FlushConnectAndLookUpAsOftenAsTheJobNeeds) {
     for (const Command& command : {product(), floorProgram()}) {
         SCOPED_TRACE(command[0]);
         const Measured measured = measure(command);
@@ -199,9 +199,9 @@ TEST_P(CallsOfAFullRestore, FlushConnectAndLookUpAsOftenAsTheJobNeeds) {
     }
 }
 
-using CallsOfAMailbox = MeasuredRestore;
+using CallsOfAMailboxTest = MeasuredRestoreTest;
 
-TEST_P(CallsOfAMailbox, AreFourHundredAtMost) {
+TEST_P(CallsOfAMailboxTest, AreFourHundredAtMost) {
     constexpr int MAILBOXES = 20;
     PanelDatabase::Domain domain = panel.domain("example.com").defaultQuota(1048576);
     const long without = measure(product()).calls.total();
@@ -219,8 +219,8 @@ std::string nameOf(const ::testing::TestParamInfo<Tree>& tree) {
 
 const auto TREES = ::testing::Values(Tree::fresh, Tree::existing);
 
-INSTANTIATE_TEST_SUITE_P(Cost, CallsOfAFullRestore, TREES, nameOf);
-INSTANTIATE_TEST_SUITE_P(Cost, CallsOfAMailbox, TREES, nameOf);
+INSTANTIATE_TEST_SUITE_P(Cost, CallsOfAFullRestoreTest, TREES, nameOf);
+INSTANTIATE_TEST_SUITE_P(Cost, CallsOfAMailboxTest, TREES, nameOf);
 
 }  // namespace
 }  // namespace corvo::test

@@ -14,16 +14,16 @@
 namespace corvo::test {
 namespace {
 
-using GeneratedPanel = SandboxTest;
+using GeneratedPanelTest = SandboxTest;
 
-TEST_F(GeneratedPanel, HasTheSameBytesOnEveryMachine) {
+TEST_F(GeneratedPanelTest, HasTheSameBytesOnEveryMachine) {
     char digest[MD5_HEX_SIZE];
     EXPECT_STREQ(get_md5sum("", generatedPanel(20, 300, 7).c_str(), digest),
                  "76296c652e4f16132c73d0479b0b9095");
     EXPECT_NE(generatedPanel(20, 300, 7), generatedPanel(20, 300, 8));
 }
 
-TEST_F(GeneratedPanel, HasAsManyDomainsAndMailNamesAsWanted) {
+TEST_F(GeneratedPanelTest, HasAsManyDomainsAndMailNamesAsWanted) {
     PanelDatabase panel;
     panel.execute(generatedPanel(20, 500));
     const std::string walked =
@@ -34,7 +34,7 @@ TEST_F(GeneratedPanel, HasAsManyDomainsAndMailNamesAsWanted) {
               std::vector<std::string>{"500"});
 }
 
-TEST_F(GeneratedPanel, HasEveryKindOfThingThatAServerHas) {
+TEST_F(GeneratedPanelTest, HasEveryKindOfThingThatAServerHas) {
     PanelDatabase panel;
     panel.execute(generatedPanel(100, 2000));
     const char* const kinds[] = {

@@ -62,9 +62,9 @@ std::string quotaFile() {
 }
 
 // A home that the production binary made, with messages delivered as qmail would.
-class Judged : public SandboxTest {
+class JudgedTest : public SandboxTest {
 protected:
-    Judged() { installMailServer(); }
+    JudgedTest() { installMailServer(); }
 
     void mailboxOf(long long quota) {
         panel.domain("example.com").mailname("info").quota(quota);
@@ -114,7 +114,7 @@ protected:
 
 // --- Courier's deliverquota
 
-class JudgedByCourier : public Judged {
+class JudgedByCourierTest : public JudgedTest {
 protected:
     void SetUp() override {
         if (!exists(COURIER_AGENT))
@@ -124,7 +124,7 @@ protected:
     }
 };
 
-TEST_F(JudgedByCourier, AMessageUnderQuotaIsDeliveredAndCounted) {
+TEST_F(JudgedByCourierTest, AMessageUnderQuotaIsDeliveredAndCounted) {
     mailboxOf(1000);
 
     EXPECT_EQ(deliver(300), 0) << lastWords;
@@ -135,7 +135,7 @@ TEST_F(JudgedByCourier, AMessageUnderQuotaIsDeliveredAndCounted) {
     EXPECT_EQ(quotaFile(), "300 of 1000, 1");
 }
 
-TEST_F(JudgedByCourier, AFurtherRunCountsWhatWasDelivered) {
+TEST_F(JudgedByCourierTest, AFurtherRunCountsWhatWasDelivered) {
     mailboxOf(1000);
     ASSERT_EQ(deliver(300), 0) << lastWords;
     ASSERT_EQ(deliver(301), 0) << lastWords;
@@ -145,7 +145,7 @@ TEST_F(JudgedByCourier, AFurtherRunCountsWhatWasDelivered) {
     EXPECT_EQ(contentsOf(QUOTA_FILE), "1000S,0C\n         601           2\n");
 }
 
-TEST_F(JudgedByCourier, ExactlyFullIsAcceptedAndOneByteMoreRefused) {
+TEST_F(JudgedByCourierTest, ExactlyFullIsAcceptedAndOneByteMoreRefused) {
     mailboxOf(1000);
     store("/cur", "1.M1P1.mx,S=400:2,S", 400);
     restore();
@@ -158,7 +158,7 @@ TEST_F(JudgedByCourier, ExactlyFullIsAcceptedAndOneByteMoreRefused) {
     EXPECT_EQ(quotaFile(), "1000 of 1000, 2");
 }
 
-TEST_F(JudgedByCourier, QuotaZeroRefusesTheSmallestMessage) {
+TEST_F(JudgedByCourierTest, QuotaZeroRefusesTheSmallestMessage) {
     mailboxOf(0);
 
     EXPECT_EQ(deliver(16), NO_PERMISSION) << lastWords;
@@ -167,7 +167,7 @@ TEST_F(JudgedByCourier, QuotaZeroRefusesTheSmallestMessage) {
     EXPECT_EQ(quotaFile(), "0 of 1, 0");
 }
 
-TEST_F(JudgedByCourier, AnUnlimitedMailboxAcceptsAndCounts) {
+TEST_F(JudgedByCourierTest, AnUnlimitedMailboxAcceptsAndCounts) {
     mailboxOf(-1);
 
     EXPECT_EQ(deliver(5'000'000), 0) << lastWords;
@@ -177,7 +177,7 @@ TEST_F(JudgedByCourier, AnUnlimitedMailboxAcceptsAndCounts) {
     EXPECT_EQ(contentsOf(QUOTA_FILE), "0S,0C\n     5000000           1\n");
 }
 
-TEST_F(JudgedByCourier, ItsRecountIsReadAndReplacedByOurs) {
+TEST_F(JudgedByCourierTest, ItsRecountIsReadAndReplacedByOurs) {
     mailboxOf(1000);
     store("/.Trash/cur", "1.M1P1.mx,S=700:2,S", 700);
     restore();
@@ -195,7 +195,7 @@ TEST_F(JudgedByCourier, ItsRecountIsReadAndReplacedByOurs) {
 
 // --- Dovecot
 
-class JudgedByDovecot : public Judged {
+class JudgedByDovecotTest : public JudgedTest {
 protected:
     void SetUp() override {
         if (!exists(DOVECOT_AGENT) || !exists("/usr/bin/doveadm"))
@@ -209,7 +209,7 @@ protected:
     }
 
     // With -e a full mailbox is an exit status; without, a message back to the sender.
-    int deliver(std::size_t size) { return Judged::deliver(size, " -e"); }
+    int deliver(std::size_t size) { return JudgedTest::deliver(size, " -e"); }
 
     static ProcessResult doveadm(const std::string& verb) {
         ProcessResult result = run({"doveadm", "-f", "tab", "quota", verb, "-u", ADDRESS}, {}, 20);
@@ -236,7 +236,7 @@ protected:
     }
 };
 
-TEST_F(JudgedByDovecot, ReportsTheUsageAndLimitsThatWeWrote) {
+TEST_F(JudgedByDovecotTest, ReportsTheUsageAndLimitsThatWeWrote) {
     mailboxOf(10'485'760);
     store("/cur", "1.M1P1.mx,S=2048:2,S", 2048);
     store("/new", "2.M1P1.mx", 1024);
@@ -252,7 +252,7 @@ TEST_F(JudgedByDovecot, ReportsTheUsageAndLimitsThatWeWrote) {
     EXPECT_EQ(written, "10485760S,0C\n        8192           4\n");
 }
 
-TEST_F(JudgedByDovecot, ItsRecountOfAllFoldersIsOurs) {
+TEST_F(JudgedByDovecotTest, ItsRecountOfAllFoldersIsOurs) {
     mailboxOf(10'485'760);
     store("/cur", "1.M1P1.mx,S=2048:2,S", 2048);
     store("/.Trash/new", "2.M1P1.mx", 1000);
@@ -269,7 +269,7 @@ TEST_F(JudgedByDovecot, ItsRecountOfAllFoldersIsOurs) {
     EXPECT_EQ(quotaFile(), "6048 of 10485760, 3");
 }
 
-TEST_F(JudgedByDovecot, ReportsAnUnlimitedMailboxAsSuch) {
+TEST_F(JudgedByDovecotTest, ReportsAnUnlimitedMailboxAsSuch) {
     mailboxOf(-1);
     store("/cur", "1.M1P1.mx,S=2048:2,S", 2048);
     restore();
@@ -280,7 +280,7 @@ TEST_F(JudgedByDovecot, ReportsAnUnlimitedMailboxAsSuch) {
     EXPECT_EQ(contentsOf(QUOTA_FILE), "0S,0C\n        2048           1\n");
 }
 
-TEST_F(JudgedByDovecot, ItsAgentDeliversAndBothCountIt) {
+TEST_F(JudgedByDovecotTest, ItsAgentDeliversAndBothCountIt) {
     mailboxOf(10'485'760);
     {
         const Dovecot dovecot;
@@ -296,7 +296,7 @@ TEST_F(JudgedByDovecot, ItsAgentDeliversAndBothCountIt) {
     EXPECT_EQ(contentsOf(QUOTA_FILE), "10485760S,0C\n        3072           1\n");
 }
 
-TEST_F(JudgedByDovecot, ExactlyFullIsAcceptedAndOneByteMoreRefused) {
+TEST_F(JudgedByDovecotTest, ExactlyFullIsAcceptedAndOneByteMoreRefused) {
     mailboxOf(1000);
     store("/cur", "1.M1P1.mx,S=400:2,S", 400);
     restore();
@@ -310,7 +310,7 @@ TEST_F(JudgedByDovecot, ExactlyFullIsAcceptedAndOneByteMoreRefused) {
     EXPECT_EQ(quotaFile(), "1000 of 1000, 2");
 }
 
-TEST_F(JudgedByDovecot, QuotaZeroRefusesTheSmallestMessageWhereTheQuotaFileIsRead) {
+TEST_F(JudgedByDovecotTest, QuotaZeroRefusesTheSmallestMessageWhereTheQuotaFileIsRead) {
     const bool refuses = isDovecotOfOldDialect();
     mailboxOf(0);
     {
@@ -325,7 +325,7 @@ TEST_F(JudgedByDovecot, QuotaZeroRefusesTheSmallestMessageWhereTheQuotaFileIsRea
     EXPECT_THAT(contentsOf(QUOTA_FILE), StartsWith("1S,0C\n"));
 }
 
-TEST_F(JudgedByDovecot, AnUnlimitedMailboxAccepts) {
+TEST_F(JudgedByDovecotTest, AnUnlimitedMailboxAccepts) {
     mailboxOf(-1);
     const Dovecot dovecot;
 
@@ -335,7 +335,7 @@ TEST_F(JudgedByDovecot, AnUnlimitedMailboxAccepts) {
     EXPECT_EQ(quotaFile(), "5000000 of 0, 1");
 }
 
-TEST_F(JudgedByDovecot, ItPutsTheRowInPlaceOfALimitLoweredByAttachments) {
+TEST_F(JudgedByDovecotTest, ItPutsTheRowInPlaceOfALimitLoweredByAttachments) {
     mailboxOf(52'428'800);
     writeFile(HOME + "/@attachments/catalogue.pdf", std::string(20000, 'x'));
     restore();

@@ -41,9 +41,9 @@ std::vector<std::string> complaintsIn(const std::string& log) {
     return complaints;
 }
 
-class Resources : public SandboxTest {
+class ResourcesTest : public SandboxTest {
 protected:
-    Resources() { installMailServer(); }
+    ResourcesTest() { installMailServer(); }
 
     // Fills the panel by one statement per table: thousands of sentences would take longer than the
     // run.
@@ -72,7 +72,7 @@ protected:
     PanelDatabase panel;
 };
 
-TEST_F(Resources, TenTimesTheMailboxesNeedNoMoreMemory) {
+TEST_F(ResourcesTest, TenTimesTheMailboxesNeedNoMoreMemory) {
     if (SANITIZED)
         GTEST_SKIP() << "a sanitizer's memory is not the program's";
     mailboxes(0, 10, 10);
@@ -87,7 +87,7 @@ TEST_F(Resources, TenTimesTheMailboxesNeedNoMoreMemory) {
     EXPECT_LE(thousand, hundred + 132);
 }
 
-TEST_F(Resources, SqliteGoesWithoutMutexesAndMemoryStatistics) {
+TEST_F(ResourcesTest, SqliteGoesWithoutMutexesAndMemoryStatistics) {
     if (SANITIZED)
         GTEST_SKIP() << "a sanitizer must be loaded before all else";
     mailboxes(0, 1, 1);
@@ -99,7 +99,7 @@ TEST_F(Resources, SqliteGoesWithoutMutexesAndMemoryStatistics) {
     EXPECT_EQ(contentsOf("/run/sqlite"), "mutexes 0, statistics 0");
 }
 
-TEST_F(Resources, ValgrindFindsNoErrorLeakOrOpenDescriptor) {
+TEST_F(ResourcesTest, ValgrindFindsNoErrorLeakOrOpenDescriptor) {
     if (SANITIZED)
         GTEST_SKIP() << "valgrind and a sanitizer exclude each other";
     loadSample(panel);
@@ -140,7 +140,7 @@ Connections connectionsOf(const std::string& user, const std::string& log) {
     return connections;
 }
 
-TEST_F(Resources, EveryConnectionIsClosed) {
+TEST_F(ResourcesTest, EveryConnectionIsClosed) {
     loadSample(panel);
     panel.execute("SET GLOBAL general_log = 1");
 

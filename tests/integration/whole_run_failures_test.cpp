@@ -25,7 +25,7 @@ using ::testing::MatchesRegex;
 
 // --- what ends a run
 
-TEST_F(WholeRun, AnUnknownArgumentGivesTheUsageAndTouchesNothing) {
+TEST_F(WholeRunTest, AnUnknownArgumentGivesTheUsageAndTouchesNothing) {
     loadSample(panel);
     writeFile("/etc/vhc/vhc.conf", "MYSQL_SOCKET /nonexistent/socket\n");
     for (const std::string argument : {"--ALL", "--all=1", "-h", "--help", ""}) {
@@ -42,7 +42,7 @@ TEST_F(WholeRun, AnUnknownArgumentGivesTheUsageAndTouchesNothing) {
     }
 }
 
-TEST_F(WholeRun, EndsWhenTheDatabaseIsOutOfReach) {
+TEST_F(WholeRunTest, EndsWhenTheDatabaseIsOutOfReach) {
     writeFile("/etc/vhc/vhc.conf", "MYSQL_SOCKET /run/no.sock\n");
 
     const ProcessResult result = mailRebuild();
@@ -57,7 +57,7 @@ TEST_F(WholeRun, EndsWhenTheDatabaseIsOutOfReach) {
     EXPECT_EQ(result.status, 1);
 }
 
-TEST_F(WholeRun, EndsWithoutTheOwnerOfMailStorage) {
+TEST_F(WholeRunTest, EndsWithoutTheOwnerOfMailStorage) {
     panel.domain("example.com").mailname("info");
     removeUser("popuser");
 
@@ -72,7 +72,7 @@ TEST_F(WholeRun, EndsWithoutTheOwnerOfMailStorage) {
     EXPECT_THAT(namesIn(MAILNAMES), ElementsAre(".default_delivery"));
 }
 
-TEST_F(WholeRun, EndsWithTwoForAnExceptionOutsideTheStandardFamily) {
+TEST_F(WholeRunTest, EndsWithTwoForAnExceptionOutsideTheStandardFamily) {
     const ProcessResult result =
         mailRebuild({}, {{"LD_PRELOAD", preloadable(CORVO_THROWING_GETPWNAM)},
                          {"ASAN_OPTIONS", "verify_asan_link_order=0"}});
@@ -82,7 +82,7 @@ TEST_F(WholeRun, EndsWithTwoForAnExceptionOutsideTheStandardFamily) {
     EXPECT_EQ(result.status, 2);
 }
 
-TEST_F(WholeRun, NeverPutsMessagesIntoAFileThatItOpened) {
+TEST_F(WholeRunTest, NeverPutsMessagesIntoAFileThatItOpened) {
     loadSample(panel);
     writeFile(MAILNAMES + "/example.com/team", "in the way");
 
@@ -95,7 +95,7 @@ TEST_F(WholeRun, NeverPutsMessagesIntoAFileThatItOpened) {
 }
 
 // One of the first things that a run opens is the connection to which its last question goes.
-TEST_F(WholeRun, NeverSendsMessagesToTheDatabase) {
+TEST_F(WholeRunTest, NeverSendsMessagesToTheDatabase) {
     panel.domain("example.com").mailname("info").postbox().delivery();
     panel.misc("reject_mail_when_overquota", "false");
     std::filesystem::remove(DEFAULT_DELIVERY);
@@ -106,7 +106,7 @@ TEST_F(WholeRun, NeverSendsMessagesToTheDatabase) {
     EXPECT_THAT(handlerRows(), ElementsAre(SPAM_ROW));
 }
 
-TEST_F(WholeRun, AReaderThatGoesAwayDoesNotEndTheRun) {
+TEST_F(WholeRunTest, AReaderThatGoesAwayDoesNotEndTheRun) {
     loadSample(panel);
 
     EXPECT_EQ(mailRebuildWithoutReader({}).status, 0);
@@ -114,11 +114,11 @@ TEST_F(WholeRun, AReaderThatGoesAwayDoesNotEndTheRun) {
     EXPECT_EQ(quotaRows().size(), 7U);
 }
 
-TEST_F(WholeRun, AReaderThatGoesAwayChangesNoStatus) {
+TEST_F(WholeRunTest, AReaderThatGoesAwayChangesNoStatus) {
     EXPECT_EQ(mailRebuildWithoutReader({"--help"}).status, 1);
 }
 
-TEST_F(WholeRun, AFileThatMeetsItsSizeLimitDoesNotEndTheRun) {
+TEST_F(WholeRunTest, AFileThatMeetsItsSizeLimitDoesNotEndTheRun) {
     loadSample(panel);
 
     const ProcessResult result =
@@ -133,7 +133,7 @@ TEST_F(WholeRun, AFileThatMeetsItsSizeLimitDoesNotEndTheRun) {
 
 // --- what is reported and survived
 
-TEST_F(WholeRun, SkipsADomainWhoseRootIsBlockedAndGoesOn) {
+TEST_F(WholeRunTest, SkipsADomainWhoseRootIsBlockedAndGoesOn) {
     panel.domain("blocked.example").mailname("info");
     panel.domain("example.com").mailname("info");
     writeFile(MAILNAMES + "/blocked.example", "in the way");
@@ -151,7 +151,7 @@ TEST_F(WholeRun, SkipsADomainWhoseRootIsBlockedAndGoesOn) {
     EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|0B"));
 }
 
-TEST_F(WholeRun, ReportsEachStageOfABlockedHomeAndGoesOn) {
+TEST_F(WholeRunTest, ReportsEachStageOfABlockedHomeAndGoesOn) {
     auto domain = panel.domain("example.com");
     domain.mailname("blocked").group().redirect("a@example.com").redirect("b@example.com");
     domain.mailname("info");
@@ -185,7 +185,7 @@ TEST_F(WholeRun, ReportsEachStageOfABlockedHomeAndGoesOn) {
     EXPECT_EQ(contentsOf(blocked), "in the way");
 }
 
-TEST_F(WholeRun, AMissingDeliveryAgentLeavesTheResetFile) {
+TEST_F(WholeRunTest, AMissingDeliveryAgentLeavesTheResetFile) {
     panel.domain("example.com").mailname("info");
     std::filesystem::remove("/usr/bin/deliverquota");
 
@@ -196,7 +196,7 @@ TEST_F(WholeRun, AMissingDeliveryAgentLeavesTheResetFile) {
     EXPECT_EQ(result.status, 0);
 }
 
-TEST_F(WholeRun, AMissingDefaultDeliveryFileFailsTheMailboxStage) {
+TEST_F(WholeRunTest, AMissingDefaultDeliveryFileFailsTheMailboxStage) {
     panel.domain("example.com").mailname("info");
     std::filesystem::remove(DEFAULT_DELIVERY);
 
@@ -207,7 +207,7 @@ TEST_F(WholeRun, AMissingDefaultDeliveryFileFailsTheMailboxStage) {
     EXPECT_EQ(result.status, 0);
 }
 
-TEST_F(WholeRun, AMissingHandlersDatabaseFailsItsStepOnly) {
+TEST_F(WholeRunTest, AMissingHandlersDatabaseFailsItsStepOnly) {
     panel.domain("example.com").mailname("info");
     std::filesystem::remove_all("/var/lib/corvo/mail/handlers");
 
@@ -227,7 +227,7 @@ TEST_F(WholeRun, AMissingHandlersDatabaseFailsItsStepOnly) {
     EXPECT_FALSE(exists("/var/lib/corvo/mail/handlers"));
 }
 
-TEST_F(WholeRun, AUserDatabaseWithoutItsTableFailsTheQuotaStage) {
+TEST_F(WholeRunTest, AUserDatabaseWithoutItsTableFailsTheQuotaStage) {
     panel.domain("example.com").mailname("info");
     std::filesystem::remove(USERDB);
 
@@ -245,7 +245,7 @@ TEST_F(WholeRun, AUserDatabaseWithoutItsTableFailsTheQuotaStage) {
     EXPECT_TRUE(exists(home("info", "example.com") + "/Maildir/maildirsize"));
 }
 
-TEST_F(WholeRun, AUnicodeDomainKeepsItsHomeAndFailsItsQuota) {
+TEST_F(WholeRunTest, AUnicodeDomainKeepsItsHomeAndFailsItsQuota) {
     panel.domain("bücher.example").mailname("info");
 
     const ProcessResult result = mailRebuild();
@@ -264,7 +264,7 @@ TEST_F(WholeRun, AUnicodeDomainKeepsItsHomeAndFailsItsQuota) {
     EXPECT_THAT(quotaRows(), IsEmpty());
 }
 
-TEST_F(WholeRun, NamesThatAreNoPathComponentReachNothingOutside) {
+TEST_F(WholeRunTest, NamesThatAreNoPathComponentReachNothingOutside) {
     auto domain = panel.domain("example.com");
     domain.mailname("..").group().redirect("a@example.com");
     domain.mailname("../../escape").group().redirect("a@example.com");
@@ -288,7 +288,7 @@ TEST_F(WholeRun, NamesThatAreNoPathComponentReachNothingOutside) {
     EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|0B"));
 }
 
-TEST_F(WholeRun, HardLinkBackupsThatRootMakesAreNotInTheWay) {
+TEST_F(WholeRunTest, HardLinkBackupsThatRootMakesAreNotInTheWay) {
     panel.domain("example.com").mailname("info");
     writeFile(DEFAULT_DELIVERY, DELIVERY_LINE + "\n", 0, 0, 0600);
     makeDirectory("/var/qmail/disk/example.com");
@@ -308,7 +308,7 @@ TEST_F(WholeRun, HardLinkBackupsThatRootMakesAreNotInTheWay) {
                 ElementsAre(checkQuotaRow(1, "none"), checkQuotaRow(4, "none"), SPAM_ROW));
 }
 
-TEST_F(WholeRun, TwoRunsAtOnceLoseNoRow) {
+TEST_F(WholeRunTest, TwoRunsAtOnceLoseNoRow) {
     loadSample(panel);
 
     const ProcessResult both =

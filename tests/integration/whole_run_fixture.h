@@ -48,9 +48,9 @@ inline std::string sortedLines(const std::string& text) {
     return sorted;
 }
 
-class WholeRun : public SandboxTest {
+class WholeRunTest : public SandboxTest {
 protected:
-    WholeRun() { installMailServer(); }
+    WholeRunTest() { installMailServer(); }
 
     static ProcessResult mailRebuild(const std::vector<std::string>& arguments = {},
                                      const Environment& environment = {}) {

@@ -25,7 +25,7 @@ using namespace std::chrono_literals;
 
 // --- what a full run makes
 
-TEST_F(WholeRun, RestoresEveryMailboxOfTheSample) {
+TEST_F(WholeRunTest, RestoresEveryMailboxOfTheSample) {
     loadSample(panel);
 
     const ProcessResult result = mailRebuild();
@@ -49,7 +49,7 @@ TEST_F(WholeRun, RestoresEveryMailboxOfTheSample) {
                 ElementsAre(checkQuotaRow(1, "none"), checkQuotaRow(4, "none"), SPAM_ROW));
 }
 
-TEST_F(WholeRun, MakesTheWholeHomeWithOwnersAndModes) {
+TEST_F(WholeRunTest, MakesTheWholeHomeWithOwnersAndModes) {
     panel.domain("example.com").mailname("info").quota(10485760);
 
     mailRebuild();
@@ -68,7 +68,7 @@ TEST_F(WholeRun, MakesTheWholeHomeWithOwnersAndModes) {
     EXPECT_EQ(listTree(MAILNAMES + "/example.com"), expected);
 }
 
-TEST_F(WholeRun, WritesDeliveryFilesByTheMailNamesKind) {
+TEST_F(WholeRunTest, WritesDeliveryFilesByTheMailNamesKind) {
     loadSample(panel);
 
     mailRebuild();
@@ -82,7 +82,7 @@ TEST_F(WholeRun, WritesDeliveryFilesByTheMailNamesKind) {
               "| true\n&anna@xn--bcher-kva.example\n&orders@shop.example.net\n");
 }
 
-TEST_F(WholeRun, WritesQuotaFilesThatCountWhatIsStored) {
+TEST_F(WholeRunTest, WritesQuotaFilesThatCountWhatIsStored) {
     loadSample(panel);
     const std::string orders = home("orders", "shop.example.net");
     writeFile(orders + "/Maildir/new/1.M1P1.mx,S=1200", "not its size");
@@ -100,7 +100,7 @@ TEST_F(WholeRun, WritesQuotaFilesThatCountWhatIsStored) {
               "0S,0C\n           0           0\n");
 }
 
-TEST_F(WholeRun, KeepsEveryMessage) {
+TEST_F(WholeRunTest, KeepsEveryMessage) {
     panel.domain("example.com").mailname("info");
     const std::string maildir = home("info", "example.com") + "/Maildir";
     writeFile(maildir + "/new/1", "unread", POPUSER_UID, POPUSER_GID, 0600);
@@ -116,7 +116,7 @@ TEST_F(WholeRun, KeepsEveryMessage) {
     EXPECT_EQ(contentsOf(maildir + "/tmp/3"), "on its way");
 }
 
-TEST_F(WholeRun, ASecondRunChangesNothing) {
+TEST_F(WholeRunTest, ASecondRunChangesNothing) {
     loadSample(panel);
     const ProcessResult first = mailRebuild();
     const std::string state = restoredState();
@@ -128,7 +128,7 @@ TEST_F(WholeRun, ASecondRunChangesNothing) {
     EXPECT_EQ(second.status, 0);
 }
 
-TEST_F(WholeRun, RepairsWhatIsDamaged) {
+TEST_F(WholeRunTest, RepairsWhatIsDamaged) {
     loadSample(panel);
     mailRebuild();
     const std::string state = restoredState();
@@ -139,7 +139,7 @@ TEST_F(WholeRun, RepairsWhatIsDamaged) {
     EXPECT_EQ(restoredState(), state);
 }
 
-TEST_F(WholeRun, AllIsTheDefaultAndLaterArgumentsAreNotRead) {
+TEST_F(WholeRunTest, AllIsTheDefaultAndLaterArgumentsAreNotRead) {
     panel.domain("example.com").mailname("info");
 
     EXPECT_EQ(mailRebuild({"--all", "--fast"}).status, 0);
@@ -149,7 +149,7 @@ TEST_F(WholeRun, AllIsTheDefaultAndLaterArgumentsAreNotRead) {
 
 // --- handlers only
 
-TEST_F(WholeRun, HandlersOnlyTouchesNothingElse) {
+TEST_F(WholeRunTest, HandlersOnlyTouchesNothingElse) {
     loadSample(panel);
     mailRebuild();
     damage();
@@ -170,7 +170,7 @@ TEST_F(WholeRun, HandlersOnlyTouchesNothingElse) {
     }
 }
 
-TEST_F(WholeRun, RejectionSettingsDecideTheHandlerRecords) {
+TEST_F(WholeRunTest, RejectionSettingsDecideTheHandlerRecords) {
     panel.misc("reject_mail_when_overquota_with_permfail", "true");
     mailRebuild({"--fast"});
     EXPECT_THAT(handlerRows(), ElementsAre(checkQuotaRow(1, "permanent"),
@@ -181,7 +181,7 @@ TEST_F(WholeRun, RejectionSettingsDecideTheHandlerRecords) {
     EXPECT_THAT(handlerRows(), ElementsAre(SPAM_ROW));
 }
 
-TEST_F(WholeRun, ObeysThePanelWhenTheServerEndedItsConnectionsMeanwhile) {
+TEST_F(WholeRunTest, ObeysThePanelWhenTheServerEndedItsConnectionsMeanwhile) {
     panel.domain("example.com").mailname("info");
     panel.misc("reject_mail_when_overquota", "false");
     const std::string qmail = home("info", "example.com") + "/.qmail";
@@ -204,7 +204,7 @@ TEST_F(WholeRun, ObeysThePanelWhenTheServerEndedItsConnectionsMeanwhile) {
 
 // --- debug output
 
-TEST_F(WholeRun, TellsItsProgressInDebugMode) {
+TEST_F(WholeRunTest, TellsItsProgressInDebugMode) {
     auto domain = panel.domain("example.com");
     domain.mailname("info").quota(1048576);
     domain.mailname("team").group().redirect("info@example.com");
@@ -228,7 +228,7 @@ TEST_F(WholeRun, TellsItsProgressInDebugMode) {
     EXPECT_EQ(result.out, "");
 }
 
-TEST_F(WholeRun, StaysQuietWhenDebugIsZero) {
+TEST_F(WholeRunTest, StaysQuietWhenDebugIsZero) {
     EXPECT_EQ(mailRebuild({}, {{"CORVO_INSTALLER_DEBUG", "0"}}).err, "");
     EXPECT_THAT(mailRebuild({}, {{"CORVO_INSTALLER_DEBUG", ""}}).err,
                 HasSubstr("Restoring Mail Server Entities from Corvo DB:\n"));

@@ -19,7 +19,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Rows = std::vector<std::string>;
 
-class Panel : public SandboxTest {
+class PanelTest : public SandboxTest {
 protected:
     // The first column of the first row, as the login that /etc/vhc names sees it.
     static ProcessResult askAsPanel(const PanelDatabase& panel, const std::string& statement) {
@@ -35,7 +35,7 @@ protected:
     }
 };
 
-TEST_F(Panel, WritesTheFilesThatLeadToIt) {
+TEST_F(PanelTest, WritesTheFilesThatLeadToIt) {
     const PanelDatabase panel;
     EXPECT_EQ(contentsOf("/etc/vhc/private/dsn.ini"),
               "[corvo]\nhost = localhost\nusername = " + panel.user() +
@@ -46,7 +46,7 @@ TEST_F(Panel, WritesTheFilesThatLeadToIt) {
     EXPECT_EQ(modeOf("/etc/vhc/.vhc.shadow"), "0600");
 }
 
-TEST_F(Panel, LetsItsLoginDoAnythingInItsDatabaseOnly) {
+TEST_F(PanelTest, LetsItsLoginDoAnythingInItsDatabaseOnly) {
     const PanelDatabase mine;
     const PanelDatabase other;
     writeFile("/etc/vhc/vhc.conf", "");
@@ -56,7 +56,7 @@ TEST_F(Panel, LetsItsLoginDoAnythingInItsDatabaseOnly) {
     EXPECT_NE(askAsPanel(mine, "SELECT * FROM mysql.user").status, 0);
 }
 
-TEST_F(Panel, LeavesNothingInTheServer) {
+TEST_F(PanelTest, LeavesNothingInTheServer) {
     PanelDatabase server;
     std::optional<PanelDatabase> panel(std::in_place);
     const std::string name = panel->name();
@@ -71,7 +71,7 @@ TEST_F(Panel, LeavesNothingInTheServer) {
     EXPECT_THAT(server.query(logins), IsEmpty());
 }
 
-TEST_F(Panel, StartsEmpty) {
+TEST_F(PanelTest, StartsEmpty) {
     PanelDatabase panel;
     const Rows tables = panel.query("SHOW TABLES");
     EXPECT_EQ(tables.size(), 15U);
@@ -79,19 +79,19 @@ TEST_F(Panel, StartsEmpty) {
         EXPECT_EQ(count(panel, table), "0") << table;
 }
 
-TEST_F(Panel, GivesTheRowsOfTheLastStatement) {
+TEST_F(PanelTest, GivesTheRowsOfTheLastStatement) {
     PanelDatabase panel;
     EXPECT_THAT(panel.query("SELECT 1; SELECT 2, NULL, '' UNION ALL SELECT 3, 'x', 'y'"),
                 ElementsAre("2|NULL|", "3|x|y"));
 }
 
-TEST_F(Panel, ThrowsForAStatementThatFails) {
+TEST_F(PanelTest, ThrowsForAStatementThatFails) {
     PanelDatabase panel;
     EXPECT_THROW(panel.execute("nonsense"), std::runtime_error);
     EXPECT_THROW(panel.execute("SELECT 1; nonsense"), std::runtime_error);
 }
 
-TEST_F(Panel, SetsParametersOnceEach) {
+TEST_F(PanelTest, SetsParametersOnceEach) {
     PanelDatabase panel;
     panel.misc("param", "first");
     panel.misc("param", "it's");
@@ -102,7 +102,7 @@ TEST_F(Panel, SetsParametersOnceEach) {
                 ElementsAre("1|mailServer|relay|closed"));
 }
 
-TEST_F(Panel, JoinsADomainWithItsServiceAndParameters) {
+TEST_F(PanelTest, JoinsADomainWithItsServiceAndParameters) {
     PanelDatabase panel;
     panel.domain("first.example");
     panel.domain("ü.example")
@@ -118,7 +118,7 @@ TEST_F(Panel, JoinsADomainWithItsServiceAndParameters) {
                     "ü.example|16|catch_addr|post@ü.example", "ü.example|16|nonexist_mail|catch"));
 }
 
-TEST_F(Panel, JoinsADomainWithItsDefaultQuota) {
+TEST_F(PanelTest, JoinsADomainWithItsDefaultQuota) {
     PanelDatabase panel;
     panel.domain("without.example");
     panel.domain("with.example").defaultQuota(1).defaultQuota(1048576);
@@ -130,14 +130,14 @@ TEST_F(Panel, JoinsADomainWithItsDefaultQuota) {
         ElementsAre("with.example|1048576"));
 }
 
-TEST_F(Panel, AddsAliasesOfADomain) {
+TEST_F(PanelTest, AddsAliasesOfADomain) {
     PanelDatabase panel;
     panel.domain("example.com").alias("example.net").alias("example.org", false, 2);
     EXPECT_THAT(panel.query("SELECT name, mail, status FROM domain_aliases ORDER BY id"),
                 ElementsAre("example.net|true|0", "example.org|false|2"));
 }
 
-TEST_F(Panel, AddsMailnamesWithWhatBelongsToThem) {
+TEST_F(PanelTest, AddsMailnamesWithWhatBelongsToThem) {
     PanelDatabase panel;
     PanelDatabase::Domain domain = panel.domain("example.com");
     domain.mailname("plain");
@@ -153,7 +153,7 @@ TEST_F(Panel, AddsMailnamesWithWhatBelongsToThem) {
     EXPECT_THAT(panel.query("SELECT mn_id, address FROM mail_redir"), ElementsAre(id + "|a@b.c"));
 }
 
-TEST_F(Panel, GivesEachKindOfIdARangeOfItsOwn) {
+TEST_F(PanelTest, GivesEachKindOfIdARangeOfItsOwn) {
     PanelDatabase panel;
     panel.domain("example.com")
         .defaultQuota(1)
@@ -169,7 +169,7 @@ TEST_F(Panel, GivesEachKindOfIdARangeOfItsOwn) {
                 ElementsAre("7|7"));
 }
 
-TEST(PanelSocket, CanBeNamedByTheEnvironment) {
+TEST(PanelSocketTest, CanBeNamedByTheEnvironment) {
     const ProcessResult child = runForked([] {
         ::setenv("CORVO_PANEL_SOCKET", "/somewhere/socket", 1);
         std::exit(PanelDatabase::socket() == "/somewhere/socket" ? 0 : 1);
@@ -177,7 +177,7 @@ TEST(PanelSocket, CanBeNamedByTheEnvironment) {
     EXPECT_EQ(child.status, 0);
 }
 
-TEST(PanelSocket, FailsATestInOneLineWhenNoServerAnswers) {
+TEST(PanelSocketTest, FailsATestInOneLineWhenNoServerAnswers) {
     const ProcessResult child = runForked([] {
         ::setenv("CORVO_PANEL_SOCKET", "/somewhere/socket", 1);
         try {

@@ -17,16 +17,16 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-class Sandbox : public SandboxTest {};
+class SandboxStateTest : public SandboxTest {};
 
-TEST_F(Sandbox, StartsWithEmptyStorage) {
+TEST_F(SandboxStateTest, StartsWithEmptyStorage) {
     EXPECT_EQ(listTree("/var/qmail"), "d 0755 0:0 mailnames\n");
     EXPECT_EQ(listTree("/run"), "d 0755 0:0 lock\nd 0700 0:0 lock/files\n");
     EXPECT_EQ(listTree("/etc/vhc"), "");
     EXPECT_EQ(listTree("/var/lib/corvo"), "");
 }
 
-TEST_F(Sandbox, IsEmptyAgainAfterAReset) {
+TEST_F(SandboxStateTest, IsEmptyAgainAfterAReset) {
     writeFile(MAILNAMES + "/left", "behind");
     writeFile("/etc/vhc/vhc.conf", "left behind");
     installDeliverquota();
@@ -39,7 +39,7 @@ TEST_F(Sandbox, IsEmptyAgainAfterAReset) {
     EXPECT_FALSE(exists("/usr/bin/deliverquota"));
 }
 
-TEST_F(Sandbox, KnowsPopuserUntilItIsRemoved) {
+TEST_F(SandboxStateTest, KnowsPopuserUntilItIsRemoved) {
     const struct passwd* account = ::getpwnam("popuser");
     ASSERT_NE(account, nullptr);
     EXPECT_EQ(account->pw_uid, POPUSER_UID);
@@ -50,7 +50,7 @@ TEST_F(Sandbox, KnowsPopuserUntilItIsRemoved) {
     EXPECT_EQ(::getpwnam("popuser"), nullptr);
 }
 
-TEST_F(Sandbox, IsSeenByProgramsThatATestRuns) {
+TEST_F(SandboxStateTest, IsSeenByProgramsThatATestRuns) {
     writeFile("/etc/vhc/vhc.conf", "inside");
 
     const ProcessResult cat = run({"cat", "/etc/vhc/vhc.conf"});
@@ -59,7 +59,7 @@ TEST_F(Sandbox, IsSeenByProgramsThatATestRuns) {
     EXPECT_EQ(cat.status, 0);
 }
 
-TEST(ListTree, TellsTypeModeOwnerSizeAndTarget) {
+TEST(ListTreeTest, TellsTypeModeOwnerSizeAndTarget) {
     resetSandbox();
     writeFile("/var/qmail/tree/file", "12345", POPUSER_UID, POPUSER_GID, 0640);
     makeLink("file", "/var/qmail/tree/link", STRANGER_UID);
@@ -68,7 +68,7 @@ TEST(ListTree, TellsTypeModeOwnerSizeAndTarget) {
               "- 0640 1031:1032 file 5\nl 0777 1041:1041 link -> file\n");
 }
 
-TEST(StreamCapture, KeepsTheStreamsApart) {
+TEST(StreamCaptureTest, KeepsTheStreamsApart) {
     StreamCapture streams;
     (void)std::fputs("to out", stdout);
     (void)std::fputs("to err", stderr);
@@ -77,7 +77,7 @@ TEST(StreamCapture, KeepsTheStreamsApart) {
     EXPECT_EQ(streams.out(), "");
 }
 
-TEST(StreamCapture, FailsATestThatPrintsWhatItDidNotDeclare) {
+TEST(StreamCaptureTest, FailsATestThatPrintsWhatItDidNotDeclare) {
     EXPECT_NONFATAL_FAILURE(
         {
             const StreamCapture streams;
@@ -87,7 +87,7 @@ TEST(StreamCapture, FailsATestThatPrintsWhatItDidNotDeclare) {
 }
 
 // The test fails on purpose, in a process of its own.
-TEST(StreamCapture, TakesNoFailureForOutput) {
+TEST(StreamCaptureTest, TakesNoFailureForOutput) {
     const ProcessResult result = runForked([] {
         StreamCapture streams;
         (void)std::fputs("output", stdout);
@@ -99,23 +99,23 @@ TEST(StreamCapture, TakesNoFailureForOutput) {
     EXPECT_THAT(result.out, Not(HasSubstr("output")));
 }
 
-TEST(Run, GivesBothStreamsAndTheStatus) {
+TEST(RunTest, GivesBothStreamsAndTheStatus) {
     const ProcessResult result = run({"sh", "-c", "echo out; echo err >&2; exit 3"});
     EXPECT_EQ(result.out, "out\n");
     EXPECT_EQ(result.err, "err\n");
     EXPECT_EQ(result.status, 3);
 }
 
-TEST(Run, EndsAProgramThatHangs) {
+TEST(RunTest, EndsAProgramThatHangs) {
     EXPECT_EQ(run({"sleep", "60"}, {}, 1).status, 128 + SIGKILL);
 }
 
-TEST(Run, AddsToTheEnvironment) {
+TEST(RunTest, AddsToTheEnvironment) {
     EXPECT_EQ(run({"sh", "-c", "echo $CORVO_TEST_VARIABLE"}, {{"CORVO_TEST_VARIABLE", "x"}}).out,
               "x\n");
 }
 
-TEST(RunForked, GivesTheStatusOfAnExit) {
+TEST(RunForkedTest, GivesTheStatusOfAnExit) {
     EXPECT_EQ(runForked([] { std::exit(7); }).status, 7);  // NOLINT(concurrency-mt-unsafe)
     EXPECT_EQ(runForked([] {}).status, 0);
 }

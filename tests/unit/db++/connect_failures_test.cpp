@@ -63,10 +63,10 @@ TEST_F(ConnectTest, ClosesAHandleOnWhichAnErrorIsSet) {
 
 // Failing "SET NAMES utf8"
 
-class SetNamesFails : public ConnectTest {
+class SetNamesFailsTest : public ConnectTest {
 protected:
     // The account may run one more statement this hour, and that one is spent.
-    SetNamesFails() {
+    SetNamesFailsTest() {
         panel.execute("ALTER USER '" + panel.user() + "'@'localhost' WITH MAX_QUERIES_PER_HOUR 1");
         EXPECT_NE(connect(), nullptr);
         client.closed = 0;
@@ -78,14 +78,14 @@ protected:
     }
 };
 
-TEST_F(SetNamesFails, GivesTheHandleInTheThirdLayer) {
+TEST_F(SetNamesFailsTest, GivesTheHandleInTheThirdLayer) {
     const Handle handle = connect(corvo_db_connect_ex);
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(mysql_errno(handle.get()), 1226U);
     EXPECT_EQ(reason, text());
 }
 
-TEST_F(SetNamesFails, ClosesTheHandleInTheFourthLayer) {
+TEST_F(SetNamesFailsTest, ClosesTheHandleInTheFourthLayer) {
     for (Connector* connector : {corvo_db_connect, db_connect_nothrow}) {
         client.closed = 0;
         EXPECT_EQ(connect(connector), nullptr);
@@ -94,7 +94,7 @@ TEST_F(SetNamesFails, ClosesTheHandleInTheFourthLayer) {
     }
 }
 
-TEST_F(SetNamesFails, DoesNotTouchTheLayersBelow) {
+TEST_F(SetNamesFailsTest, DoesNotTouchTheLayersBelow) {
     EXPECT_NE(connect(corvo_db_connect_raw), nullptr);
     EXPECT_STREQ(reason, "");
 }
@@ -150,14 +150,14 @@ TEST_F(AttemptTest, TellsTheNumberOfAHandleThatCameWithAnError) {
     expectFailure(42, "");
 }
 
-TEST_F(SetNamesFails, HasItsNumberInAnAttempt) {
+TEST_F(SetNamesFailsTest, HasItsNumberInAnAttempt) {
     db_connect_failure failure{};
     EXPECT_EQ(corvo_db_attempt(failure), nullptr);
     EXPECT_EQ(failure.number, 1226U);
     EXPECT_EQ(failure.reason, text());
 }
 
-TEST(DbConnectFailure, MayPassByItselfWhenTheServerIsBusyOrAway) {
+TEST(DbConnectFailureTest, MayPassByItselfWhenTheServerIsBusyOrAway) {
     for (const unsigned int number : {1040U, 1203U, 1226U, 2002U, 2003U, 2006U, 2013U, 2055U})
         EXPECT_TRUE(may_pass_by_itself({number, ""})) << number;
     for (const unsigned int number : {0U, 1044U, 1045U, 1049U, 1053U, 1129U, 2001U, 2005U, 2012U})

@@ -117,9 +117,9 @@ TEST_F(ConnectTest, TakesEveryKeyOfTheDsnFile) {
     EXPECT_EQ(client.call.flags, 0U);
 }
 
-class WithoutDsnKeys : public ConnectTest, public ::testing::WithParamInterface<std::string> {};
+class WithoutDsnKeysTest : public ConnectTest, public ::testing::WithParamInterface<std::string> {};
 
-TEST_P(WithoutDsnKeys, TakesTheDefaults) {
+TEST_P(WithoutDsnKeysTest, TakesTheDefaults) {
     if (GetParam().empty())
         std::filesystem::remove(DSN);
     else
@@ -131,7 +131,7 @@ TEST_P(WithoutDsnKeys, TakesTheDefaults) {
     EXPECT_EQ(client.call.socket, "/etc/vhc/mysql.sock");
 }
 
-INSTANTIATE_TEST_SUITE_P(ConnectTest, WithoutDsnKeys,
+INSTANTIATE_TEST_SUITE_P(ConnectTest, WithoutDsnKeysTest,
                          ::testing::Values("", "\n", "username = someone\n", "[corvo]\n; user\n",
                                            "[other]\nusername = someone\nport = 7\n",
                                            "[corvo]\nUsername = someone\nport\n"));

@@ -199,7 +199,7 @@ TEST_F(ConnectionTest, RefusesATextThatNoMemoryHolds) {
     EXPECT_THROW(connection.escape("x", SIZE_MAX / 2), std::bad_alloc);
 }
 
-TEST(EscapeName, DoublesEveryBackquote) {
+TEST(EscapeNameTest, DoublesEveryBackquote) {
     Connection connection(false);
     const struct {
         const char* name;

@@ -9,28 +9,28 @@
 namespace corvo::mysql::test {
 namespace {
 
-TEST(MError, SaysWhatItWasTold) {
+TEST(MErrorTest, SaysWhatItWasTold) {
     EXPECT_STREQ(mError("connection failed").what(), "connection failed");
 }
 
-TEST(MError, IsOfTheStandardFamily) {
+TEST(MErrorTest, IsOfTheStandardFamily) {
     EXPECT_TRUE((std::is_base_of_v<std::exception, mError>));
 }
 
-TEST(MError, KeepsItsTextInACopy) {
+TEST(MErrorTest, KeepsItsTextInACopy) {
     const mError original("kept");
     const mError copy = original;  // NOLINT(performance-unnecessary-copy-initialization)
     EXPECT_STREQ(copy.what(), "kept");
 }
 
-TEST(MError, WithoutAnErrorNumberIsUnknown) {
+TEST(MErrorTest, WithoutAnErrorNumberIsUnknown) {
     EXPECT_STREQ(mError(nullptr, " executing query: SELECT 1").what(),
                  "Unknown error\n executing query: SELECT 1");
 }
 
-class MErrorFromServer : public DatabaseTest {};
+class MErrorFromServerTest : public DatabaseTest {};
 
-TEST_F(MErrorFromServer, NamesNumberTextAndContext) {
+TEST_F(MErrorFromServerTest, NamesNumberTextAndContext) {
     EXPECT_EQ(failureOf([&] { connection << "SELECT v FROM nowhere" << Query::fetch; }),
               "MySQL error 1146: Table '" + panel.name() +
                   ".nowhere' doesn't exist executing query: SELECT v FROM nowhere");

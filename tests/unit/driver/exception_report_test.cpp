@@ -20,14 +20,14 @@ void report(const std::exception& e) {
     reportException<std::exception>(e);
 }
 
-TEST(ReportException, NamesTheDynamicTypeOnBothStreams) {
+TEST(ReportExceptionTest, NamesTheDynamicTypeOnBothStreams) {
     StreamCapture streams;
     report(std::runtime_error("Restore check-quota mail handler"));
     EXPECT_EQ(streams.err(), "Fatal error: std::runtime_error(Restore check-quota mail handler)\n");
     EXPECT_EQ(streams.out(), "Fatal error: std::runtime_error(Restore check-quota mail handler)\n");
 }
 
-TEST(ReportException, NamesTypesOfOurOwn) {
+TEST(ReportExceptionTest, NamesTypesOfOurOwn) {
     StreamCapture streams;
     report(mysql::mError("connection failed"));
     EXPECT_EQ(streams.err(), "Fatal error: corvo::mysql::mError(connection failed)\n");
@@ -35,7 +35,7 @@ TEST(ReportException, NamesTypesOfOurOwn) {
 }
 
 // GCC marks the name of a type that only one unit can know with a leading "*".
-TEST(ReportException, LeavesOutTheMarkOfALocalType) {
+TEST(ReportExceptionTest, LeavesOutTheMarkOfALocalType) {
     struct Local : std::exception {
         const char* what() const noexcept override { return "here"; }
     };
@@ -47,7 +47,7 @@ TEST(ReportException, LeavesOutTheMarkOfALocalType) {
     EXPECT_EQ(streams.out(), text);
 }
 
-TEST(ReportException, AddsTheTracebackThatAnExceptionCarries) {
+TEST(ReportExceptionTest, AddsTheTracebackThatAnExceptionCarries) {
     struct Traced : std::runtime_error, Traceback {
         Traced() : std::runtime_error("deep") {}
     };
@@ -58,7 +58,7 @@ TEST(ReportException, AddsTheTracebackThatAnExceptionCarries) {
     EXPECT_EQ(streams.out(), text);
 }
 
-TEST(ReportUntypedException, WritesItsOneLine) {
+TEST(ReportUntypedExceptionTest, WritesItsOneLine) {
     StreamCapture streams;
     reportUntypedException();
     EXPECT_EQ(streams.err(), "UNSPECIFIED ERROR OCCURED\n");

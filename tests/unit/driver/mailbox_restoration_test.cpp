@@ -64,9 +64,9 @@ std::vector<std::string> boundSlots(const mail::restore::MailsrvEntitiesCallback
     return bound;
 }
 
-class MailboxRestoration : public SandboxTest {
+class MailboxRestorationTest : public SandboxTest {
 protected:
-    MailboxRestoration() {
+    MailboxRestorationTest() {
         installMailServer();
         makeDirectory(MAILNAMES + "/example.com");
     }
@@ -75,24 +75,24 @@ protected:
     MailboxRestorationHelper helper;
 };
 
-TEST_F(MailboxRestoration, FullModeBindsWhatIsRestored) {
+TEST_F(MailboxRestorationTest, FullModeBindsWhatIsRestored) {
     MailboxRestorationAdaptor adaptor(RestoreModeAll);
     EXPECT_THAT(boundSlots(adaptor.callbacks()),
                 ElementsAre("registerDomain", "registerMailRedirect", "registerMailForwarding",
                             "registerMailbox", "setMailboxQuota", "enableRejectOverquota"));
 }
 
-TEST_F(MailboxRestoration, HandlersOnlyModeBindsOneSlot) {
+TEST_F(MailboxRestorationTest, HandlersOnlyModeBindsOneSlot) {
     MailboxRestorationAdaptor adaptor(RestoreModeHandlersOnly);
     EXPECT_THAT(boundSlots(adaptor.callbacks()), ElementsAre("enableRejectOverquota"));
 }
 
-TEST_F(MailboxRestoration, AnotherModeBindsNothing) {
+TEST_F(MailboxRestorationTest, AnotherModeBindsNothing) {
     MailboxRestorationAdaptor adaptor(static_cast<RestoreMode>(2));
     EXPECT_THAT(boundSlots(adaptor.callbacks()), IsEmpty());
 }
 
-TEST_F(MailboxRestoration, BothForwardingSlotsAddAForward) {
+TEST_F(MailboxRestorationTest, BothForwardingSlotsAddAForward) {
     MailboxRestorationAdaptor adaptor(RestoreModeAll);
     adaptor.callbacks().registerMailbox("example.com", "info", false);
 
@@ -102,30 +102,30 @@ TEST_F(MailboxRestoration, BothForwardingSlotsAddAForward) {
     EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n&a@example.com\n&b@example.com\n");
 }
 
-TEST_F(MailboxRestoration, NeedsTheOwnerOfMailStorage) {
+TEST_F(MailboxRestorationTest, NeedsTheOwnerOfMailStorage) {
     removeUser("popuser");
     EXPECT_EQ(messageOf([] { MailboxRestorationHelper(); }), "user popusernot found");
 }
 
-TEST_F(MailboxRestoration, ADomainGetsItsRootWhateverItsStatus) {
+TEST_F(MailboxRestorationTest, ADomainGetsItsRootWhateverItsStatus) {
     helper.registerDomain("On.Example", false);
     helper.registerDomain("off.example", true);
     EXPECT_EQ(modeOf(MAILNAMES + "/on.example"), "0750");
     EXPECT_EQ(ownerOf(MAILNAMES + "/off.example"), popuser());
 }
 
-TEST_F(MailboxRestoration, AMailboxWithDeliveryGetsTheDefaultLine) {
+TEST_F(MailboxRestorationTest, AMailboxWithDeliveryGetsTheDefaultLine) {
     helper.registerMailbox("example.com", "info", true);
     EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n" + DELIVERY_LINE + "\n");
 }
 
-TEST_F(MailboxRestoration, AMailboxWithoutDeliveryGetsTheResetFile) {
+TEST_F(MailboxRestorationTest, AMailboxWithoutDeliveryGetsTheResetFile) {
     helper.registerMailbox("example.com", "info", true);
     helper.registerMailbox("example.com", "info", false);
     EXPECT_EQ(contentsOf(home + "/.qmail"), "| true\n");
 }
 
-TEST_F(MailboxRestoration, ARedirectMakesNoDirectory) {
+TEST_F(MailboxRestorationTest, ARedirectMakesNoDirectory) {
     StreamCapture streams;
     EXPECT_THROW(helper.registerMailRedirect("example.com", "info", "a@example.com"), SystemError);
     EXPECT_FALSE(exists(home));
@@ -138,7 +138,7 @@ TEST_F(MailboxRestoration, ARedirectMakesNoDirectory) {
     EXPECT_EQ(streams.out(), logged);
 }
 
-TEST_F(MailboxRestoration, ARedirectOfANameThatIsNoPathComponentIsRefused) {
+TEST_F(MailboxRestorationTest, ARedirectOfANameThatIsNoPathComponentIsRefused) {
     for (const std::string& name : NO_PATH_COMPONENTS) {
         SCOPED_TRACE(name);
         const std::string path =
@@ -150,7 +150,7 @@ TEST_F(MailboxRestoration, ARedirectOfANameThatIsNoPathComponentIsRefused) {
     }
 }
 
-TEST_F(MailboxRestoration, AQuotaGoesToTheMaildirAndToTheUserDatabase) {
+TEST_F(MailboxRestorationTest, AQuotaGoesToTheMaildirAndToTheUserDatabase) {
     helper.registerMailbox("example.com", "info", true);
     StreamCapture streams;
 
@@ -163,7 +163,7 @@ TEST_F(MailboxRestoration, AQuotaGoesToTheMaildirAndToTheUserDatabase) {
     EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|10485760B"));
 }
 
-TEST_F(MailboxRestoration, AQuotaThatTheMaildirRefusesDoesNotReachTheUserDatabase) {
+TEST_F(MailboxRestorationTest, AQuotaThatTheMaildirRefusesDoesNotReachTheUserDatabase) {
     StreamCapture streams;
 
     EXPECT_EQ(messageOf([&] { helper.setMailboxQuota("example.com", "info", 1000); }),
@@ -177,7 +177,7 @@ TEST_F(MailboxRestoration, AQuotaThatTheMaildirRefusesDoesNotReachTheUserDatabas
     EXPECT_THAT(quotaRows(), IsEmpty());
 }
 
-TEST_F(MailboxRestoration, AQuotaOfANameThatIsNoPathComponentIsRefused) {
+TEST_F(MailboxRestorationTest, AQuotaOfANameThatIsNoPathComponentIsRefused) {
     helper.registerMailbox("example.com", "info", true);
     for (const std::string& name : NO_PATH_COMPONENTS) {
         SCOPED_TRACE(name);
@@ -194,7 +194,7 @@ TEST_F(MailboxRestoration, AQuotaOfANameThatIsNoPathComponentIsRefused) {
     EXPECT_THAT(quotaRows(), IsEmpty());
 }
 
-TEST_F(MailboxRestoration, AQuotaThatTheUserDatabaseRefusesNamesTheMailbox) {
+TEST_F(MailboxRestorationTest, AQuotaThatTheUserDatabaseRefusesNamesTheMailbox) {
     helper.registerMailbox("example.com", "info", true);
     std::filesystem::remove(USERDB);
     StreamCapture streams;
@@ -210,7 +210,7 @@ TEST_F(MailboxRestoration, AQuotaThatTheUserDatabaseRefusesNamesTheMailbox) {
     EXPECT_EQ(streams.out(), logged);
 }
 
-TEST_F(MailboxRestoration, AHandlerThatCannotBeReplacedIsAFailure) {
+TEST_F(MailboxRestorationTest, AHandlerThatCannotBeReplacedIsAFailure) {
     std::filesystem::remove_all("/var/lib/corvo/mail/handlers");
     StreamCapture streams;
 

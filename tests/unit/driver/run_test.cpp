@@ -33,26 +33,26 @@ int doMain(std::vector<std::string> arguments) {
     return do_main(count, argv.data());
 }
 
-class Run : public SandboxTest {
+class RunTest : public SandboxTest {
 protected:
-    Run() { installMailServer(); }
+    RunTest() { installMailServer(); }
 };
 
-TEST_F(Run, AnUnknownArgumentGivesTheUsageOnStandardError) {
+TEST_F(RunTest, AnUnknownArgumentGivesTheUsageOnStandardError) {
     StreamCapture streams;
     EXPECT_EQ(doMain({"/sbin/rebuild", "--quick"}), 1);
     EXPECT_EQ(streams.err(), "Usage: /sbin/rebuild [--fast | --handlers-only | --all]\n");
     EXPECT_EQ(streams.out(), "");
 }
 
-TEST_F(Run, WithoutAnyArgumentListEverythingIsRestored) {
+TEST_F(RunTest, WithoutAnyArgumentListEverythingIsRestored) {
     PanelDatabase panel;
     panel.domain("example.com");
     EXPECT_EQ(doMain({}), 0);
     EXPECT_EQ(modeOf(MAILNAMES + "/example.com"), "0750");
 }
 
-TEST_F(Run, StepsThatFailDoNotChangeTheStatus) {
+TEST_F(RunTest, StepsThatFailDoNotChangeTheStatus) {
     PanelDatabase panel;
     panel.execute("DROP TABLE domains, misc");
     std::filesystem::remove_all("/var/lib/corvo/mail/handlers");
@@ -81,20 +81,20 @@ TEST_F(Run, StepsThatFailDoNotChangeTheStatus) {
     EXPECT_EQ(streams.out(), warnings);
 }
 
-TEST_F(Run, HoldsNoLockOfItsOwn) {
+TEST_F(RunTest, HoldsNoLockOfItsOwn) {
     const PanelDatabase panel;
     const UniqueFd other(::open("/run/lock/files", O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
     EXPECT_EQ(doMain({"mail_rebuild", "--all"}), 0);
 }
 
-TEST_F(Run, AFullRunDoesWithoutTheLockFolder) {
+TEST_F(RunTest, AFullRunDoesWithoutTheLockFolder) {
     const PanelDatabase panel;
     std::filesystem::remove("/run/lock/files");
     EXPECT_EQ(doMain({"mail_rebuild", "--all"}), 0);
 }
 
-TEST_F(Run, AConnectionThatCannotBeOpenedIsThrown) {
+TEST_F(RunTest, AConnectionThatCannotBeOpenedIsThrown) {
     StreamCapture streams;
     writeFile("/etc/vhc/vhc.conf", "MYSQL_SOCKET /run/no.sock\n");
     EXPECT_THROW(doMain({"mail_rebuild"}), mysql::mError);

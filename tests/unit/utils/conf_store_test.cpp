@@ -46,7 +46,7 @@ void fill(const Store& store, std::size_t pairs) {
         ASSERT_EQ(conf_set_r(numbered(i).c_str(), std::to_string(i).c_str(), store.get()), 0);
 }
 
-TEST(ConfStore, StartsWithTwentySortedEmptySlots) {
+TEST(ConfStoreTest, StartsWithTwentySortedEmptySlots) {
     const Store store = newStore();
     EXPECT_EQ(conf_init_r(store.get()), 0);
     EXPECT_EQ(store->capacity, 20U);
@@ -56,7 +56,7 @@ TEST(ConfStore, StartsWithTwentySortedEmptySlots) {
         EXPECT_EQ(store->entries[i].name, nullptr);
 }
 
-TEST(ConfStore, DoublesItsCapacityWhenEverySlotIsUsed) {
+TEST(ConfStoreTest, DoublesItsCapacityWhenEverySlotIsUsed) {
     const Store store = newStore();
     fill(store, 19);
     EXPECT_EQ(conf_init_r(store.get()), 0);
@@ -70,7 +70,7 @@ TEST(ConfStore, DoublesItsCapacityWhenEverySlotIsUsed) {
     EXPECT_EQ(store->count, 41U);
 }
 
-TEST(ConfStore, KeepsTheOrderOfAdditionUntilItIsSorted) {
+TEST(ConfStoreTest, KeepsTheOrderOfAdditionUntilItIsSorted) {
     const Store store = newStore();
     conf_set_r("B", "1", store.get());
     conf_set_r("a", "2", store.get());
@@ -84,7 +84,7 @@ TEST(ConfStore, KeepsTheOrderOfAdditionUntilItIsSorted) {
     EXPECT_EQ(pairsOf(store), "A=3 B=1 a=2");
 }
 
-TEST(ConfStore, TakesALaterValueForAKnownName) {
+TEST(ConfStoreTest, TakesALaterValueForAKnownName) {
     const Store store = newStore();
     conf_set_r("B", "1", store.get());
     conf_set_r("A", "2", store.get());
@@ -96,14 +96,14 @@ TEST(ConfStore, TakesALaterValueForAKnownName) {
     EXPECT_TRUE(store->sorted);
 }
 
-TEST(ConfStore, IsUnsortedAgainAfterANewName) {
+TEST(ConfStoreTest, IsUnsortedAgainAfterANewName) {
     const Store store = newStore();
     conf_finalize_r(store.get());
     conf_set_r("A", "1", store.get());
     EXPECT_FALSE(store->sorted);
 }
 
-TEST(ConfStore, CopiesItsStrings) {
+TEST(ConfStoreTest, CopiesItsStrings) {
     const Store store = newStore();
     std::string name = "NAME";
     std::string value = "value";
@@ -112,7 +112,7 @@ TEST(ConfStore, CopiesItsStrings) {
     EXPECT_STREQ(conf_get_r("NAME", store.get()), "value");
 }
 
-TEST(ConfStore, FindsEveryNameSortedAndUnsorted) {
+TEST(ConfStoreTest, FindsEveryNameSortedAndUnsorted) {
     const Store store = newStore();
     fill(store, 50);
     for (const bool sorted : {false, true}) {
@@ -125,20 +125,20 @@ TEST(ConfStore, FindsEveryNameSortedAndUnsorted) {
     }
 }
 
-TEST(ConfStore, FindsNothingWhenItIsEmpty) {
+TEST(ConfStoreTest, FindsNothingWhenItIsEmpty) {
     const Store store = newStore();
     EXPECT_EQ(conf_get_r("NAME", store.get()), nullptr);
     conf_finalize_r(store.get());
     EXPECT_EQ(conf_get_r("NAME", store.get()), nullptr);
 }
 
-TEST(ConfStore, FreesNothingForNull) {
+TEST(ConfStoreTest, FreesNothingForNull) {
     errno = ENOENT;
     conf_free_r(nullptr);
     EXPECT_EQ(errno, ENOENT);
 }
 
-class ConfFile : public LoggingTest {
+class ConfFileTest : public LoggingTest {
 protected:
     int read(const std::string& contents) {
         writeFile(PATH, contents);
@@ -154,7 +154,7 @@ LoggedLines unprinted(const std::string& text) {
     return {{text, 12}};
 }
 
-TEST_F(ConfFile, GivesValuesWithoutBlanksAroundAndComments) {
+TEST_F(ConfFileTest, GivesValuesWithoutBlanksAroundAndComments) {
     const struct {
         const char* line;
         const char* value;
@@ -177,13 +177,13 @@ TEST_F(ConfFile, GivesValuesWithoutBlanksAroundAndComments) {
     EXPECT_EQ(LogRecorder::all(), LoggedLines());
 }
 
-TEST_F(ConfFile, KnowsNamesOfLettersDigitsAndUnderscores) {
+TEST_F(ConfFileTest, KnowsNamesOfLettersDigitsAndUnderscores) {
     EXPECT_EQ(read("_a1 1\n9Z_ 2\nX 3"), 0);
     EXPECT_EQ(pairsOf(store), "9Z_=2 X=3 _a1=1");
     EXPECT_TRUE(store->sorted);
 }
 
-TEST_F(ConfFile, SkipsAndReportsLinesThatAreNoDefinition) {
+TEST_F(ConfFileTest, SkipsAndReportsLinesThatAreNoDefinition) {
     const std::string space = "\nExpected a space after variable name\n";
     const std::string value = "\nExpected a value";
     const struct {
@@ -207,21 +207,21 @@ TEST_F(ConfFile, SkipsAndReportsLinesThatAreNoDefinition) {
     }
 }
 
-TEST_F(ConfFile, GoesOnAfterALineThatIsNoDefinition) {
+TEST_F(ConfFileTest, GoesOnAfterALineThatIsNoDefinition) {
     EXPECT_EQ(read("A 1\n=\nB 2\n"), 0);
     EXPECT_EQ(pairsOf(store), "A=1 B=2");
     EXPECT_EQ(LogRecorder::all(),
               unprinted("Invalid variable definition =\nExpected a space after variable name\n"));
 }
 
-TEST_F(ConfFile, ReadsLinesOfAnyLength) {
+TEST_F(ConfFileTest, ReadsLinesOfAnyLength) {
     const std::string value(100000, 'x');
     EXPECT_EQ(read("NAME " + value + "\nB 2"), 0);
     EXPECT_EQ(conf_get_r("NAME", store.get()), value);
     EXPECT_STREQ(conf_get_r("B", store.get()), "2");
 }
 
-TEST_F(ConfFile, ReadsManyLinesIntoAGrowingSortedStore) {
+TEST_F(ConfFileTest, ReadsManyLinesIntoAGrowingSortedStore) {
     std::string contents;
     for (int i = 99; i >= 0; --i)
         contents += "N" + std::to_string(i) + " " + std::to_string(i) + "\n";
@@ -233,20 +233,20 @@ TEST_F(ConfFile, ReadsManyLinesIntoAGrowingSortedStore) {
     EXPECT_STREQ(conf_get_r("N42", store.get()), "42");
 }
 
-TEST_F(ConfFile, ReadsAnEmptyFile) {
+TEST_F(ConfFileTest, ReadsAnEmptyFile) {
     EXPECT_EQ(read(""), 0);
     EXPECT_EQ(store->count, 0U);
     EXPECT_EQ(LogRecorder::all(), LoggedLines());
 }
 
-TEST_F(ConfFile, AddsToAStoreThatHasPairs) {
+TEST_F(ConfFileTest, AddsToAStoreThatHasPairs) {
     conf_set_r("B", "old", store.get());
     conf_set_r("C", "3", store.get());
     EXPECT_EQ(read("B 2\nA 1\n"), 0);
     EXPECT_EQ(pairsOf(store), "A=1 B=2 C=3");
 }
 
-TEST_F(ConfFile, ReportsAMissingFile) {
+TEST_F(ConfFileTest, ReportsAMissingFile) {
     EXPECT_EQ(conf_read_file_r(PATH, store.get()), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(LogRecorder::all(),
@@ -254,19 +254,19 @@ TEST_F(ConfFile, ReportsAMissingFile) {
                         "directory\n"));
 }
 
-TEST_F(ConfFile, ReportsAFileThatCannotBeRead) {
+TEST_F(ConfFileTest, ReportsAFileThatCannotBeRead) {
     EXPECT_EQ(conf_read_file_r("/etc/vhc", store.get()), -1);
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(LogRecorder::all(), unprinted("Unable to read configuration file: Is a directory"));
 }
 
-TEST_F(ConfFile, PrintsNoMessagesOnTheStreams) {
+TEST_F(ConfFileTest, PrintsNoMessagesOnTheStreams) {
     EXPECT_EQ(read("NAME\n=\n"), 0);
     EXPECT_EQ(conf_read_file_r("/nonexistent", store.get()), -1);
     expectLogged({});
 }
 
-class ConfStoreWithoutMemory : public WithoutMemoryTest {
+class ConfStoreWithoutMemoryTest : public WithoutMemoryTest {
 protected:
     /// Runs `body` in a child; it tells by its result whether all was as expected.
     template <typename Body>
@@ -282,7 +282,7 @@ protected:
     LogRecorder log;
 };
 
-TEST_F(ConfStoreWithoutMemory, CannotBePrepared) {
+TEST_F(ConfStoreWithoutMemoryTest, CannotBePrepared) {
     runInChild([&] {
         exhaustMemory();
         return conf_read_file_r("/etc/vhc/test.conf", store.get()) == -1 && errno == ENOMEM;
@@ -291,7 +291,7 @@ TEST_F(ConfStoreWithoutMemory, CannotBePrepared) {
               unprinted("Unable to read configuration: Cannot allocate memory"));
 }
 
-TEST_F(ConfStoreWithoutMemory, CannotGrowButKeepsItsPairs) {
+TEST_F(ConfStoreWithoutMemoryTest, CannotGrowButKeepsItsPairs) {
     const std::string name(2000, 'n');
     runInChild([&] {
         fill(store, 20);
@@ -305,7 +305,7 @@ TEST_F(ConfStoreWithoutMemory, CannotGrowButKeepsItsPairs) {
               unprinted("Unable to read configuration: Cannot allocate memory"));
 }
 
-TEST_F(ConfStoreWithoutMemory, CannotCopyStrings) {
+TEST_F(ConfStoreWithoutMemoryTest, CannotCopyStrings) {
     runInChild([&] {
         conf_init_r(store.get());
         exhaustMemory();
@@ -315,7 +315,7 @@ TEST_F(ConfStoreWithoutMemory, CannotCopyStrings) {
               unprinted("Unable to form configuration: Cannot allocate memory"));
 }
 
-TEST_F(ConfStoreWithoutMemory, FailsToReadAPairThatCannotBeCopied) {
+TEST_F(ConfStoreWithoutMemoryTest, FailsToReadAPairThatCannotBeCopied) {
     writeFile("/etc/vhc/test.conf", "NAME " + std::string(20000, 'x') + "\n");
     runInChild([&] {
         conf_init_r(store.get());
@@ -327,7 +327,7 @@ TEST_F(ConfStoreWithoutMemory, FailsToReadAPairThatCannotBeCopied) {
               unprinted("Unable to form configuration: Cannot allocate memory"));
 }
 
-TEST_F(ConfStoreWithoutMemory, FailsToReadALineThatIsTooLongForIt) {
+TEST_F(ConfStoreWithoutMemoryTest, FailsToReadALineThatIsTooLongForIt) {
     writeFile("/etc/vhc/test.conf", "NAME " + std::string(100000, 'x') + "\n");
     runInChild([&] {
         conf_init_r(store.get());

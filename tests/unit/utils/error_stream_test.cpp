@@ -11,12 +11,12 @@
 namespace corvo::test {
 namespace {
 
-class ErrorStream : public ::testing::Test {
+class ErrorStreamTest : public ::testing::Test {
 protected:
     StreamCapture streams;
 };
 
-TEST_F(ErrorStream, ShowsEachCharacterOnStandardErrorAtOnce) {
+TEST_F(ErrorStreamTest, ShowsEachCharacterOnStandardErrorAtOnce) {
     uerr << 'a';
     EXPECT_EQ(streams.err(), "a");
     uerr << 'b';
@@ -27,7 +27,7 @@ TEST_F(ErrorStream, ShowsEachCharacterOnStandardErrorAtOnce) {
     EXPECT_EQ(streams.out(), "ab\n");
 }
 
-TEST_F(ErrorStream, ShowsEachTextOnStandardOutputOnce) {
+TEST_F(ErrorStreamTest, ShowsEachTextOnStandardOutputOnce) {
     uerr << "first " << 1 << std::endl;
     EXPECT_EQ(streams.out(), "first 1\n");
     uerr << "second " << 2 << std::endl;
@@ -35,13 +35,13 @@ TEST_F(ErrorStream, ShowsEachTextOnStandardOutputOnce) {
     EXPECT_EQ(streams.err(), "first 1\nsecond 2\n");
 }
 
-TEST_F(ErrorStream, ShowsNothingForAFlushWithoutText) {
+TEST_F(ErrorStreamTest, ShowsNothingForAFlushWithoutText) {
     uerr << std::flush;
     EXPECT_EQ(streams.out(), "");
     EXPECT_EQ(streams.err(), "");
 }
 
-TEST_F(ErrorStream, PassesEveryByteOn) {
+TEST_F(ErrorStreamTest, PassesEveryByteOn) {
     std::string bytes;
     for (int byte = 0; byte < 256; ++byte)
         bytes.push_back(static_cast<char>(byte));
@@ -50,7 +50,7 @@ TEST_F(ErrorStream, PassesEveryByteOn) {
     EXPECT_EQ(streams.out(), bytes);
 }
 
-TEST_F(ErrorStream, PassesOnATextThatWasNeverFlushedWhenItEnds) {
+TEST_F(ErrorStreamTest, PassesOnATextThatWasNeverFlushedWhenItEnds) {
     {
         UtilityErrorStream stream;
         stream << "left";
@@ -60,21 +60,21 @@ TEST_F(ErrorStream, PassesOnATextThatWasNeverFlushedWhenItEnds) {
     EXPECT_EQ(streams.err(), "left");
 }
 
-TEST_F(ErrorStream, PassesOnATextThatWasNeverFlushedAtExit) {
+TEST_F(ErrorStreamTest, PassesOnATextThatWasNeverFlushedAtExit) {
     const ProcessResult result = runForked([] { uerr << "never flushed"; });
     EXPECT_EQ(result.out, "never flushed");
     EXPECT_EQ(result.err, "never flushed");
     EXPECT_EQ(result.status, 0);
 }
 
-TEST(ErrorStreamOfTheProcess, IsReadyBeforeMainAndUntilAllIsDestroyed) {
+TEST(ErrorStreamOfTheProcessTest, IsReadyBeforeMainAndUntilAllIsDestroyed) {
     const ProcessResult result = run({CORVO_EARLY_ERROR});
     EXPECT_EQ(result.err, "before main\nin main\nafter main");
     EXPECT_EQ(result.out, "before main\nin main\nafter main");
     EXPECT_EQ(result.status, 0);
 }
 
-TEST(ErrorStreamWithoutMemory, PassesOnALongText) {
+TEST(ErrorStreamWithoutMemoryTest, PassesOnALongText) {
     requireExhaustibleMemory();
     static const std::string text(5000, 'x');
     const ProcessResult result = runForked([] {
@@ -90,7 +90,7 @@ struct OpenBuffer : UtilityErrorStreamBuf {
     using UtilityErrorStreamBuf::overflow;
 };
 
-TEST_F(ErrorStream, TakesTheEndOfFileForNoCharacter) {
+TEST_F(ErrorStreamTest, TakesTheEndOfFileForNoCharacter) {
     OpenBuffer buffer;
     EXPECT_EQ(buffer.overflow(EOF), EOF);
     EXPECT_EQ(buffer.overflow('a'), 'a');

@@ -64,9 +64,9 @@ const std::string UNICODE = "m\xc3\xbcller.example";
 const std::string ASCII = "xn--mller-kva.example";
 const std::string TOO_LONG = std::string(64, 'x') + ".example";  // its label has 64 octets
 
-class Idn : public ::testing::Test {
+class IdnTest : public ::testing::Test {
 protected:
-    Idn() {
+    IdnTest() {
         errno = 0;
         idn_errno = 0;
     }
@@ -91,11 +91,11 @@ protected:
     StreamCapture streams;
 };
 
-TEST_F(Idn, IsTestedWithTheLibraryItself) {
+TEST_F(IdnTest, IsTestedWithTheLibraryItself) {
     EXPECT_NE(stringprep_check_version("1.0"), nullptr);
 }
 
-TEST_F(Idn, ConvertsHostNames) {
+TEST_F(IdnTest, ConvertsHostNames) {
     EXPECT_EQ(text(idn_toascii(UNICODE.c_str())), ASCII);
     EXPECT_EQ(text(idn_toascii("example.com")), "example.com");
     EXPECT_EQ(text(idn_toutf8(ASCII.c_str())), UNICODE);
@@ -103,7 +103,7 @@ TEST_F(Idn, ConvertsHostNames) {
     EXPECT_EQ(idn_errno, 0);
 }
 
-TEST_F(Idn, KeepsTheCodeOfAFailedConversion) {
+TEST_F(IdnTest, KeepsTheCodeOfAFailedConversion) {
     EXPECT_EQ(idn_toascii(TOO_LONG.c_str()), nullptr);
     EXPECT_EQ(idn_errno, 5);
     EXPECT_EQ(text(idn_toascii("example.com")), "example.com");
@@ -112,12 +112,12 @@ TEST_F(Idn, KeepsTheCodeOfAFailedConversion) {
     EXPECT_EQ(idn_errno, 9);
 }
 
-TEST_F(Idn, KeepsTheCodeOfAFailedConversionToUtf8) {
+TEST_F(IdnTest, KeepsTheCodeOfAFailedConversionToUtf8) {
     EXPECT_EQ(text(idn_toutf8("\xff")), "(null)");
     EXPECT_EQ(idn_errno, 9);
 }
 
-TEST_F(Idn, EndsTheProcessWithoutMemory) {
+TEST_F(IdnTest, EndsTheProcessWithoutMemory) {
     const auto toAsciiInChild = [] {
         pretence.code = 201;
         idn_toascii("example.com");
@@ -130,12 +130,12 @@ TEST_F(Idn, EndsTheProcessWithoutMemory) {
     expectEnd(runForked(toUtf8InChild), "Allocation failed\n");
 }
 
-TEST_F(Idn, EndsTheProcessWhenASafeConversionFails) {
+TEST_F(IdnTest, EndsTheProcessWhenASafeConversionFails) {
     expectEnd(runForked([] { idn_toascii_safe(TOO_LONG.c_str()); }),
               "idn_toascii_safe(" + TOO_LONG + ") failed: Invalid length\n");
 }
 
-TEST_F(Idn, ConvertsTheDomainOfAnAddress) {
+TEST_F(IdnTest, ConvertsTheDomainOfAnAddress) {
     EXPECT_EQ(text(idn_email_toascii(("info@" + UNICODE).c_str())), "info@" + ASCII);
     EXPECT_EQ(text(idn_email_toascii_safe(("info@" + UNICODE).c_str())), "info@" + ASCII);
     EXPECT_EQ(text(idn_email_toascii(("m\xc3\xbcller@" + UNICODE).c_str())),
@@ -143,32 +143,32 @@ TEST_F(Idn, ConvertsTheDomainOfAnAddress) {
     EXPECT_EQ(text(idn_email_toascii(("@" + UNICODE).c_str())), "@" + ASCII);
 }
 
-TEST_F(Idn, SplitsAnAddressAtTheFirstAt) {
+TEST_F(IdnTest, SplitsAnAddressAtTheFirstAt) {
     EXPECT_EQ(text(idn_email_toascii("a@b@example.com")), "a@b@example.com");
     EXPECT_EQ(text(idn_email_toascii(("a@m\xc3\xbc@" + UNICODE).c_str())),
               "a@" + text(idn_toascii(("m\xc3\xbc@" + UNICODE).c_str())));
     EXPECT_EQ(idn::emailToAscii("a@b@example.com"), "a@b@example.com");
 }
 
-TEST_F(Idn, GivesNullForAnAddressWithoutAt) {
+TEST_F(IdnTest, GivesNullForAnAddressWithoutAt) {
     EXPECT_EQ(idn_email_toascii("user"), nullptr);
     EXPECT_EQ(idn_email_toascii(""), nullptr);
     EXPECT_EQ(idn_errno, 0);
 }
 
-TEST_F(Idn, GivesNullForAnAddressWhoseDomainCannotBeConverted) {
+TEST_F(IdnTest, GivesNullForAnAddressWhoseDomainCannotBeConverted) {
     EXPECT_EQ(idn_email_toascii(("info@" + TOO_LONG).c_str()), nullptr);
     EXPECT_EQ(idn_errno, 5);
 }
 
-TEST_F(Idn, EndsTheProcessWhenASafeConversionOfAnAddressFails) {
+TEST_F(IdnTest, EndsTheProcessWhenASafeConversionOfAnAddressFails) {
     expectEnd(runForked([] { idn_email_toascii_safe(("info@" + TOO_LONG).c_str()); }),
               "idn_email_toascii_safe(info@" + TOO_LONG + ") failed: Invalid length\n");
     expectEnd(runForked([] { idn_email_toascii_safe("user"); }),
               "idn_email_toascii_safe(user) failed: Success\n");
 }
 
-TEST_F(Idn, ConvertsTheHostOfAUrlAlone) {
+TEST_F(IdnTest, ConvertsTheHostOfAUrlAlone) {
     const std::string u = UNICODE;
     const std::string a = ASCII;
     const struct {
@@ -189,7 +189,7 @@ TEST_F(Idn, ConvertsTheHostOfAUrlAlone) {
         EXPECT_STREQ(idn_url_toascii(url.c_str()), result.c_str());
 }
 
-TEST_F(Idn, KeepsOneBufferForUrls) {
+TEST_F(IdnTest, KeepsOneBufferForUrls) {
     char* first = idn_url_toascii("http://one.example/");
     EXPECT_EQ(idn_url_toascii("http://two.example/"), first);
     EXPECT_STREQ(first, "http://two.example/");
@@ -197,7 +197,7 @@ TEST_F(Idn, KeepsOneBufferForUrls) {
     EXPECT_STREQ(first, "http://two.example/");
 }
 
-TEST_F(Idn, CutsAUrlAt4095Characters) {
+TEST_F(IdnTest, CutsAUrlAt4095Characters) {
     const std::string path(5000, 'p');
     const std::string expected = "http://" + ASCII + "/" + path;
     EXPECT_EQ(idn_url_toascii(("http://" + UNICODE + "/" + path).c_str()),
@@ -206,20 +206,20 @@ TEST_F(Idn, CutsAUrlAt4095Characters) {
     EXPECT_EQ(idn_url_toascii((user + "@example.com").c_str()), user.substr(0, 4095));
 }
 
-TEST_F(Idn, ReportsAUrlThatHasNoHost) {
+TEST_F(IdnTest, ReportsAUrlThatHasNoHost) {
     EXPECT_EQ(idn_url_toascii(""), nullptr);
     expectOnBoth("regexec() failed: No match\n");
     EXPECT_EQ(idn_url_toascii("/path"), nullptr);
     expectOnBoth("regexec() failed: No match\n");
 }
 
-TEST_F(Idn, ReportsAUrlWhoseHostCannotBeConverted) {
+TEST_F(IdnTest, ReportsAUrlWhoseHostCannotBeConverted) {
     EXPECT_EQ(idn_url_toascii(("http://" + TOO_LONG + "/").c_str()), nullptr);
     expectOnBoth("idn_toascii() failed: Invalid length\n");
     EXPECT_EQ(idn_errno, 5);
 }
 
-TEST_F(Idn, ReportsNoErrnoOfEarlierCalls) {
+TEST_F(IdnTest, ReportsNoErrnoOfEarlierCalls) {
     errno = ENOENT;
     EXPECT_EQ(idn_url_toascii(""), nullptr);
     expectOnBoth("regexec() failed: No match\n");
@@ -238,19 +238,19 @@ TEST_F(Idn, ReportsNoErrnoOfEarlierCalls) {
               "regcomp() failed: Memory exhausted\n");
 }
 
-TEST_F(Idn, ReportsAUrlWhoseHostDidNotMatch) {
+TEST_F(IdnTest, ReportsAUrlWhoseHostDidNotMatch) {
     pretence.noHost = true;
     EXPECT_EQ(idn_url_toascii("http://example.com/"), nullptr);
     expectOnBoth("no hostname found in URL\n");
 }
 
-TEST_F(Idn, EndsTheProcessWhenTheUrlPatternFindsNoMemory) {
+TEST_F(IdnTest, EndsTheProcessWhenTheUrlPatternFindsNoMemory) {
     pretence.noMemory = true;
     expectEnd(runForked([] { idn_url_toascii("http://example.com/"); }),
               "regcomp() failed: Memory exhausted\n");
 }
 
-TEST_F(Idn, HasATextForEveryCode) {
+TEST_F(IdnTest, HasATextForEveryCode) {
     const struct {
         int code;
         const char* text;
@@ -277,14 +277,14 @@ TEST_F(Idn, HasATextForEveryCode) {
     }
 }
 
-TEST_F(Idn, ConvertsStrings) {
+TEST_F(IdnTest, ConvertsStrings) {
     EXPECT_EQ(idn::toAscii(UNICODE), ASCII);
     EXPECT_EQ(idn::toUtf8(ASCII), UNICODE);
     EXPECT_EQ(idn::emailToAscii("info@" + UNICODE), "info@" + ASCII);
     EXPECT_EQ(idn::emailToAscii("m\xc3\xbcller@" + UNICODE), "m\xc3\xbcller@" + ASCII);
 }
 
-TEST_F(Idn, ReturnsAnAddressWithoutAtUnchanged) {
+TEST_F(IdnTest, ReturnsAnAddressWithoutAtUnchanged) {
     EXPECT_EQ(idn::emailToAscii("user"), "user");
     EXPECT_EQ(idn::emailToAscii(UNICODE), UNICODE);
     EXPECT_EQ(idn::emailToAscii(""), "");
@@ -301,7 +301,7 @@ std::string errorOf(Body body) {
     return "none";
 }
 
-TEST_F(Idn, ThrowsTheCodeOfAFailedConversion) {
+TEST_F(IdnTest, ThrowsTheCodeOfAFailedConversion) {
     EXPECT_EQ(errorOf([] { idn::toAscii(TOO_LONG); }), "5 Invalid length");
     EXPECT_EQ(errorOf([] { idn::emailToAscii("info@" + TOO_LONG); }), "5 Invalid length");
     EXPECT_EQ(errorOf([] { idn::toUtf8("\xff"); }), "9 Iconv error");
@@ -310,7 +310,7 @@ TEST_F(Idn, ThrowsTheCodeOfAFailedConversion) {
     EXPECT_EQ(idn_errno, 0);
 }
 
-TEST_F(Idn, RefusesANameThatHoldsAZeroByte) {
+TEST_F(IdnTest, RefusesANameThatHoldsAZeroByte) {
     using namespace std::string_literals;
     const struct {
         std::string (*convert)(const std::string&);
@@ -332,7 +332,7 @@ TEST_F(Idn, RefusesANameThatHoldsAZeroByte) {
     }
 }
 
-TEST_F(Idn, ThrowsBadAllocForASuccessWithoutAResult) {
+TEST_F(IdnTest, ThrowsBadAllocForASuccessWithoutAResult) {
     pretence.noResult = true;
     EXPECT_THROW(idn::toAscii("example.com"), std::bad_alloc);
     EXPECT_THROW(idn::toUtf8("example.com"), std::bad_alloc);

@@ -42,7 +42,7 @@ namespace {
 
 constexpr const char* PATH = "/etc/vhc/test.ini";
 
-class IniFile : public SandboxTest {
+class IniFileTest : public SandboxTest {
 protected:
     static std::optional<std::string> value(const char* section, const char* key) {
         const UniqueCString text(get_ini_conf_var(PATH, section, key));
@@ -53,7 +53,7 @@ protected:
     StreamCapture streams;
 };
 
-TEST_F(IniFile, GivesTheTrimmedValueOfAKeyInASection) {
+TEST_F(IniFileTest, GivesTheTrimmedValueOfAKeyInASection) {
     const struct {
         const char* contents;
         const char* value;
@@ -79,7 +79,7 @@ TEST_F(IniFile, GivesTheTrimmedValueOfAKeyInASection) {
     }
 }
 
-TEST_F(IniFile, GivesNothingWhereTheKeyIsNotInTheSection) {
+TEST_F(IniFileTest, GivesNothingWhereTheKeyIsNotInTheSection) {
     for (const char* contents : {
              "",
              "key = before any header\n",
@@ -100,25 +100,25 @@ TEST_F(IniFile, GivesNothingWhereTheKeyIsNotInTheSection) {
     }
 }
 
-TEST_F(IniFile, KnowsSectionsOfASingleCharacterAndNoneWithoutAName) {
+TEST_F(IniFileTest, KnowsSectionsOfASingleCharacterAndNoneWithoutAName) {
     writeFile(PATH, "[]\nkey = nameless\n[x]\nkey = value\n");
     EXPECT_EQ(value("x", "key"), "value");
     EXPECT_EQ(value("", "key"), std::nullopt);
 }
 
-TEST_F(IniFile, TakesAHeaderWithAnEqualsSignForAHeader) {
+TEST_F(IniFileTest, TakesAHeaderWithAnEqualsSignForAHeader) {
     writeFile(PATH, "[a=b]\nkey = value\n");
     EXPECT_EQ(value("a=b", "key"), "value");
 }
 
-TEST_F(IniFile, ReadsLinesOfAnyLength) {
+TEST_F(IniFileTest, ReadsLinesOfAnyLength) {
     const std::string longValue(100000, 'x');
     writeFile(PATH, "[s]\nlong = " + longValue + "\n" + longValue + "\nkey = value");
     EXPECT_EQ(value("s", "long"), longValue);
     EXPECT_EQ(value("s", "key"), "value");
 }
 
-TEST_F(IniFile, ReadsLinesOf64KiBAndMore) {
+TEST_F(IniFileTest, ReadsLinesOf64KiBAndMore) {
     const std::string line = "key = " + std::string(64 * 1024 - 6, 'x');
     for (const char* end : {"\n", "", "\r\n[other]\n"}) {
         writeFile(PATH, "[s]\n" + line + end);
@@ -126,7 +126,7 @@ TEST_F(IniFile, ReadsLinesOf64KiBAndMore) {
     }
 }
 
-TEST_F(IniFile, SkipsLongerLinesWhole) {
+TEST_F(IniFileTest, SkipsLongerLinesWhole) {
     std::string line = "key = x ";
     while (line.size() < 1'000'000)
         line += "key = x ";
@@ -139,7 +139,7 @@ TEST_F(IniFile, SkipsLongerLinesWhole) {
     EXPECT_EQ(value("s", "key"), std::nullopt);
 }
 
-TEST_F(IniFile, ReadsLinesThatLieFarBehind) {
+TEST_F(IniFileTest, ReadsLinesThatLieFarBehind) {
     std::string contents = "[s]\n";
     while (contents.size() < 1'000'000)
         contents += "other key = other value\n";
@@ -147,46 +147,46 @@ TEST_F(IniFile, ReadsLinesThatLieFarBehind) {
     EXPECT_EQ(value("s", "key"), "value");
 }
 
-TEST_F(IniFile, ReadsWhatComesWhileItLooks) {
+TEST_F(IniFileTest, ReadsWhatComesWhileItLooks) {
     writeFile(PATH, "[s]\n");
     afterStat = [] { writeFile(PATH, "[s]\nother = x\nkey = value\n"); };
     EXPECT_EQ(value("s", "key"), "value");
 }
 
-TEST_F(IniFile, IsSilentAboutAFileThatCannotBeRead) {
+TEST_F(IniFileTest, IsSilentAboutAFileThatCannotBeRead) {
     const UniqueCString text(get_ini_conf_var("/proc/self/mem", "s", "key"));
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(errno, EIO);
 }
 
-TEST_F(IniFile, ReadsNoFurtherThanAZeroByteInALine) {
+TEST_F(IniFileTest, ReadsNoFurtherThanAZeroByteInALine) {
     using namespace std::string_literals;
     writeFile(PATH, "[s]\na = x\0y\nkey = value"s);
     EXPECT_EQ(value("s", "a"), "x");
     EXPECT_EQ(value("s", "key"), "value");
 }
 
-TEST_F(IniFile, IsSilentAboutAMissingFile) {
+TEST_F(IniFileTest, IsSilentAboutAMissingFile) {
     errno = EACCES;
     EXPECT_EQ(value("s", "key"), std::nullopt);
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(IniFile, IsSilentAboutWhatIsNoRegularFile) {
+TEST_F(IniFileTest, IsSilentAboutWhatIsNoRegularFile) {
     makeDirectory(PATH);
     errno = EACCES;
     EXPECT_EQ(value("s", "key"), std::nullopt);
     EXPECT_EQ(errno, 0);
 }
 
-TEST_F(IniFile, ClearsErrno) {
+TEST_F(IniFileTest, ClearsErrno) {
     writeFile(PATH, "[s]\nkey = value\n");
     errno = EACCES;
     EXPECT_EQ(value("s", "key"), "value");
     EXPECT_EQ(errno, 0);
 }
 
-TEST_F(IniFile, TellsStandardErrorAloneThatItCannotBeOpened) {
+TEST_F(IniFileTest, TellsStandardErrorAloneThatItCannotBeOpened) {
     writeFile(PATH, "[s]\nkey = value\n");
     const ProcessResult result = runForked([] {
         struct rlimit before {};
@@ -203,7 +203,7 @@ TEST_F(IniFile, TellsStandardErrorAloneThatItCannotBeOpened) {
     EXPECT_EQ(result.out, "");
 }
 
-TEST_F(IniFile, GivesSwitches) {
+TEST_F(IniFileTest, GivesSwitches) {
     const struct {
         const char* text;
         int result;
@@ -218,7 +218,7 @@ TEST_F(IniFile, GivesSwitches) {
     }
 }
 
-TEST_F(IniFile, GivesSeveralValuesInOnePass) {
+TEST_F(IniFileTest, GivesSeveralValuesInOnePass) {
     writeFile(PATH,
               "[other]\na = x\n[panel]\nb = 2\n[other]\nb = x\n[panel]\na = 1\nb = 3\nc = 4\n");
     UniqueCString a;
@@ -229,7 +229,7 @@ TEST_F(IniFile, GivesSeveralValuesInOnePass) {
     EXPECT_STREQ(b.get(), "2");
 }
 
-TEST_F(IniFile, GivesTheValuesThatAreThereWhenOthersAreNot) {
+TEST_F(IniFileTest, GivesTheValuesThatAreThereWhenOthersAreNot) {
     writeFile(PATH, "[panel]\nb =\n");
     UniqueCString a(::strdup("from an earlier pass"));
     UniqueCString b;
@@ -239,7 +239,7 @@ TEST_F(IniFile, GivesTheValuesThatAreThereWhenOthersAreNot) {
     EXPECT_STREQ(b.get(), "");
 }
 
-TEST_F(IniFile, ReportsAFileThatCannotBeOpenedOncePerValue) {
+TEST_F(IniFileTest, ReportsAFileThatCannotBeOpenedOncePerValue) {
     writeFile(PATH, "[panel]\na = 1\n");
     const ProcessResult result = runForked([] {
         const rlimit noMore{3, 3};
@@ -254,7 +254,7 @@ TEST_F(IniFile, ReportsAFileThatCannotBeOpenedOncePerValue) {
     EXPECT_EQ(result.err, once + once);
 }
 
-TEST_F(IniFile, KeepsErrnoWhenNothingCanBeReported) {
+TEST_F(IniFileTest, KeepsErrnoWhenNothingCanBeReported) {
     writeFile(PATH, "[panel]\na = 1\n");
     const ProcessResult result = runForked([] {
         ::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
@@ -268,7 +268,7 @@ TEST_F(IniFile, KeepsErrnoWhenNothingCanBeReported) {
     EXPECT_EQ(result.status, 0);
 }
 
-TEST_F(IniFile, GivesTheFallbackForASwitchThatIsMissingOrEmpty) {
+TEST_F(IniFileTest, GivesTheFallbackForASwitchThatIsMissingOrEmpty) {
     writeFile(PATH, "[s]\nkey =\n");
     EXPECT_EQ(get_ini_conf_var_bool(PATH, "s", "key", 7), 7);
     EXPECT_EQ(get_ini_conf_var_bool(PATH, "s", "other", 7), 7);

@@ -53,14 +53,14 @@ __attribute__((format(printf, 2, 3))) void changeErrno(int, const char*, ...) {
     errno = EIO;
 }
 
-class Logger : public ::testing::Test {
+class LoggerTest : public ::testing::Test {
 protected:
     void TearDown() override { resetLogger(); }
 
     StreamCapture streams;
 };
 
-TEST_F(Logger, StartsAtLevelSixForTheMailFacility) {
+TEST_F(LoggerTest, StartsAtLevelSixForTheMailFacility) {
     EXPECT_EQ(LogLevel, 6);
     EXPECT_EQ(LogOpts, 1);
     EXPECT_EQ(LogFacility, 16);
@@ -71,37 +71,37 @@ TEST_F(Logger, StartsAtLevelSixForTheMailFacility) {
     EXPECT_EQ(corvo_logv, &_corvo_utility_logv);
 }
 
-TEST_F(Logger, PrintsOnBothStreamsWithoutInitialisation) {
+TEST_F(LoggerTest, PrintsOnBothStreamsWithoutInitialisation) {
     corvo_log(3, "x");
     EXPECT_EQ(streams.err(), "x\n");
     EXPECT_EQ(streams.out(), "x\n");
 }
 
-TEST_F(Logger, DoesNotPrintDebugLinesByDefault) {
+TEST_F(LoggerTest, DoesNotPrintDebugLinesByDefault) {
     corvo_log(7, "x");
     EXPECT_EQ(streams.err(), "");
     EXPECT_EQ(streams.out(), "");
 }
 
-TEST_F(Logger, FormatsArguments) {
+TEST_F(LoggerTest, FormatsArguments) {
     corvo_log(6, "%s has %d", "box", 3);
     EXPECT_EQ(streams.err(), "box has 3\n");
     EXPECT_EQ(streams.out(), "box has 3\n");
 }
 
-TEST_F(Logger, TakesAnArgumentList) {
+TEST_F(LoggerTest, TakesAnArgumentList) {
     logThroughList(6, "%s has %d", "box", 3);
     EXPECT_EQ(streams.err(), "box has 3\n");
     EXPECT_EQ(streams.out(), "box has 3\n");
 }
 
-TEST_F(Logger, LeavesABlankLineAfterATextThatEndsInANewline) {
+TEST_F(LoggerTest, LeavesABlankLineAfterATextThatEndsInANewline) {
     corvo_log(3, "failed\n");
     EXPECT_EQ(streams.err(), "failed\n\n");
     EXPECT_EQ(streams.out(), "failed\n\n");
 }
 
-TEST_F(Logger, PrintsPrioritiesUpToItsLevel) {
+TEST_F(LoggerTest, PrintsPrioritiesUpToItsLevel) {
     for (int level = 0; level <= 7; ++level) {
         corvo_log_set_level(level);
         for (int priority = 0; priority <= 7; ++priority) {
@@ -113,14 +113,14 @@ TEST_F(Logger, PrintsPrioritiesUpToItsLevel) {
     }
 }
 
-TEST_F(Logger, NeverPrintsPriorityTwelve) {
+TEST_F(LoggerTest, NeverPrintsPriorityTwelve) {
     corvo_log_init("console", 7, LOG_MAIL, 0, nullptr);
     corvo_log(12, "x");
     EXPECT_EQ(streams.err(), "");
     EXPECT_EQ(streams.out(), "");
 }
 
-TEST_F(Logger, PrintsWhereTheLocationSays) {
+TEST_F(LoggerTest, PrintsWhereTheLocationSays) {
     const struct {
         const char* location;
         const char* err;
@@ -138,7 +138,7 @@ TEST_F(Logger, PrintsWhereTheLocationSays) {
     }
 }
 
-TEST_F(Logger, KeepsTheLocationPointerAndTheFacility) {
+TEST_F(LoggerTest, KeepsTheLocationPointerAndTheFacility) {
     const char* location = "stderr";
     corvo_log_init(location, 4, LOG_DAEMON, CORVO_LOG_TRACE, "ident");
     EXPECT_EQ(LogLocation, location);
@@ -148,7 +148,7 @@ TEST_F(Logger, KeepsTheLocationPointerAndTheFacility) {
     EXPECT_STREQ(LogIdent, "");
 }
 
-TEST_F(Logger, LeavesErrnoAlone) {
+TEST_F(LoggerTest, LeavesErrnoAlone) {
     errno = ENOENT;
     corvo_log(3, "x");
     EXPECT_EQ(errno, ENOENT);
@@ -156,26 +156,26 @@ TEST_F(Logger, LeavesErrnoAlone) {
     EXPECT_EQ(streams.out(), "x\n");
 }
 
-TEST_F(Logger, CanBeReplacedByTheProgram) {
+TEST_F(LoggerTest, CanBeReplacedByTheProgram) {
     corvo_log = rememberPriority;
     corvo_log(5, "x");
     EXPECT_EQ(rememberedPriority, 5);
 }
 
-TEST_F(Logger, LinesOfTheHouseLeaveErrnoAloneWhoeverWritesThem) {
+TEST_F(LoggerTest, LinesOfTheHouseLeaveErrnoAloneWhoeverWritesThem) {
     corvo_log = changeErrno;
     errno = ENOENT;
     Log().line(LOG_ERR, "%s", "x");
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(Logger, LinesOfTheHouseGoWhereCorvoLogPoints) {
+TEST_F(LoggerTest, LinesOfTheHouseGoWhereCorvoLogPoints) {
     corvo_log = rememberPriority;
     Log().line(LOG_NOTICE, "x");
     EXPECT_EQ(rememberedPriority, LOG_NOTICE);
 }
 
-TEST_F(Logger, IsRaisedButNeverLoweredByTheEnvironment) {
+TEST_F(LoggerTest, IsRaisedButNeverLoweredByTheEnvironment) {
     const struct {
         const char* variable;
         int level;
@@ -196,14 +196,14 @@ TEST_F(Logger, IsRaisedButNeverLoweredByTheEnvironment) {
     EXPECT_EQ(LogLevel, 3);
 }
 
-TEST_F(Logger, IsRaisedByTheEnvironmentAtInitialisation) {
+TEST_F(LoggerTest, IsRaisedByTheEnvironmentAtInitialisation) {
     setenv("CORVO_LOG_LEVEL", "7", 1);
     corvo_log_init("stderr", 3 | CORVO_LOG_ENV_LEVEL, LOG_MAIL, 0, nullptr);
     corvo_log(7, "x");
     EXPECT_EQ(streams.err(), "x\n");
 }
 
-TEST_F(Logger, LeavesTheMaskOfSyslogAloneWhenItHasALocation) {
+TEST_F(LoggerTest, LeavesTheMaskOfSyslogAloneWhenItHasALocation) {
     corvo_log_init("stderr", 3, LOG_MAIL, 0, nullptr);
     EXPECT_EQ(setlogmask(0), LOG_UPTO(LOG_DEBUG));
     LogLocation = nullptr;
@@ -211,7 +211,7 @@ TEST_F(Logger, LeavesTheMaskOfSyslogAloneWhenItHasALocation) {
     EXPECT_EQ(setlogmask(0), LOG_UPTO(LOG_ERR));
 }
 
-/// Listens where syslog sends: on the socket /dev/log, in a /dev of the test's own.
+// Listens where syslog sends: on the socket /dev/log, in a /dev of the test's own.
 class SyslogSocket {
 public:
     SyslogSocket() {
@@ -227,7 +227,7 @@ public:
     SyslogSocket(const SyslogSocket&) = delete;
     SyslogSocket& operator=(const SyslogSocket&) = delete;
 
-    /// The next message without its time stamp: "<19>ident[4711]: text". Empty if none came.
+    // The next message without its time stamp: "<19>ident[4711]: text". Empty if none came.
     std::string next() {
         char datagram[65536];
         const ssize_t length = recv(socket_, datagram, sizeof datagram, 0);
@@ -245,7 +245,7 @@ private:
     int socket_ = -1;
 };
 
-class Syslog : public Logger {
+class SyslogTest : public LoggerTest {
 protected:
     std::string from(const std::string& ident, pid_t pid = getpid()) {
         return ident + "[" + std::to_string(pid) + "]: ";
@@ -254,44 +254,44 @@ protected:
     SyslogSocket socket;
 };
 
-TEST_F(Syslog, SendsPriorityFacilityIdentPidAndText) {
+TEST_F(SyslogTest, SendsPriorityFacilityIdentPidAndText) {
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
     corvo_log(3, "no %s", "box");
     EXPECT_EQ(socket.next(), "<19>" + from("courier") + "no box");
     EXPECT_EQ(socket.next(), "");
 }
 
-TEST_F(Syslog, TakesAnArgumentList) {
+TEST_F(SyslogTest, TakesAnArgumentList) {
     corvo_log_init(nullptr, 6, LOG_DAEMON, 0, "courier");
     logThroughList(6, "%d of %d", 1, 2);
     EXPECT_EQ(socket.next(), "<30>" + from("courier") + "1 of 2");
 }
 
-TEST_F(Syslog, SendsAPriorityThatNamesAFacilityToThatFacility) {
+TEST_F(SyslogTest, SendsAPriorityThatNamesAFacilityToThatFacility) {
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
     corvo_log(12, "x");
     EXPECT_EQ(socket.next(), "<12>" + from("courier") + "x");
 }
 
-TEST_F(Syslog, IsCalledByTheProgramsShortNameWithoutAnIdent) {
+TEST_F(SyslogTest, IsCalledByTheProgramsShortNameWithoutAnIdent) {
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, nullptr);
     corvo_log(3, "x");
     EXPECT_EQ(socket.next(), "<19>" + from(program_invocation_short_name) + "x");
 }
 
-TEST_F(Syslog, CutsTheIdentAt63Characters) {
+TEST_F(SyslogTest, CutsTheIdentAt63Characters) {
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, std::string(100, 'i').c_str());
     EXPECT_EQ(LogIdent, std::string(63, 'i'));
 }
 
-TEST_F(Syslog, CanBeOpenedAgainUnderItsOwnIdent) {
+TEST_F(SyslogTest, CanBeOpenedAgainUnderItsOwnIdent) {
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
     corvo_log_init(nullptr, 6, LOG_DAEMON, 0, LogIdent);
     corvo_log(3, "x");
     EXPECT_EQ(socket.next(), "<27>" + from("courier") + "x");
 }
 
-TEST_F(Syslog, ReceivesPrioritiesUpToTheLevel) {
+TEST_F(SyslogTest, ReceivesPrioritiesUpToTheLevel) {
     corvo_log_init(nullptr, 3, LOG_MAIL, 0, "courier");
     corvo_log(4, "hidden");
     EXPECT_EQ(socket.next(), "");
@@ -300,18 +300,18 @@ TEST_F(Syslog, ReceivesPrioritiesUpToTheLevel) {
     EXPECT_EQ(socket.next(), "<23>" + from("courier") + "shown");
 }
 
-TEST_F(Syslog, BuildsItsMaskFromTheLevelThatTheEnvironmentRaised) {
+TEST_F(SyslogTest, BuildsItsMaskFromTheLevelThatTheEnvironmentRaised) {
     setenv("CORVO_LOG_LEVEL", "5", 1);
     corvo_log_init(nullptr, 3 | CORVO_LOG_ENV_LEVEL, LOG_MAIL, 0, "courier");
     EXPECT_EQ(setlogmask(0), LOG_UPTO(LOG_NOTICE));
 }
 
-TEST_F(Syslog, AlwaysHasThePidOption) {
+TEST_F(SyslogTest, AlwaysHasThePidOption) {
     corvo_log_init(nullptr, 6, LOG_MAIL, LOG_CONS | LOG_NDELAY, "courier");
     EXPECT_EQ(corvo_log_get_opts(), LOG_CONS | LOG_NDELAY | LOG_PID);
 }
 
-TEST_F(Syslog, CopiesToStandardErrorWhenAsked) {
+TEST_F(SyslogTest, CopiesToStandardErrorWhenAsked) {
     corvo_log_init(nullptr, 6, LOG_MAIL, LOG_PERROR, "courier");
     corvo_log(3, "x");
     EXPECT_EQ(streams.err(), from("courier") + "x\n");
@@ -319,33 +319,33 @@ TEST_F(Syslog, CopiesToStandardErrorWhenAsked) {
     EXPECT_EQ(socket.next(), "<19>" + from("courier") + "x");
 }
 
-TEST_F(Syslog, PutsAnInheritedTraceIdBeforeTheText) {
+TEST_F(SyslogTest, PutsAnInheritedTraceIdBeforeTheText) {
     setenv("CORVO_LOG_TRACE_ID", "P17", 1);
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "courier");
     corvo_log(3, "no %s", "box");
     EXPECT_EQ(socket.next(), "<19>" + from("courier") + "P17: no box");
 }
 
-TEST_F(Syslog, CutsAnInheritedTraceIdAt63Characters) {
+TEST_F(SyslogTest, CutsAnInheritedTraceIdAt63Characters) {
     setenv("CORVO_LOG_TRACE_ID", std::string(100, 't').c_str(), 1);
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "courier");
     EXPECT_EQ(LogTraceId, std::string(63, 't'));
 }
 
-TEST_F(Syslog, MakesATraceIdOfInitialAndPid) {
+TEST_F(SyslogTest, MakesATraceIdOfInitialAndPid) {
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "courier");
     const std::string id = "U" + std::to_string(getpid());
     EXPECT_EQ(LogTraceId, id);
     EXPECT_EQ(getenv("CORVO_LOG_TRACE_ID"), id);
 }
 
-TEST_F(Syslog, ReplacesAnEmptyTraceIdInTheEnvironment) {
+TEST_F(SyslogTest, ReplacesAnEmptyTraceIdInTheEnvironment) {
     setenv("CORVO_LOG_TRACE_ID", "", 1);
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "courier");
     EXPECT_EQ(getenv("CORVO_LOG_TRACE_ID"), "U" + std::to_string(getpid()));
 }
 
-TEST_F(Syslog, ShowsChildProcessesUnderTheIdOfTheirParent) {
+TEST_F(SyslogTest, ShowsChildProcessesUnderTheIdOfTheirParent) {
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "parent");
     const std::string id = LogTraceId;
     runForked([] {
@@ -357,7 +357,7 @@ TEST_F(Syslog, ShowsChildProcessesUnderTheIdOfTheirParent) {
     EXPECT_EQ(message, "<19>" + from("child", child) + id + ": " + std::to_string(child));
 }
 
-TEST_F(Syslog, LeavesTheTraceIdOutWithoutTheOption) {
+TEST_F(SyslogTest, LeavesTheTraceIdOutWithoutTheOption) {
     setenv("CORVO_LOG_TRACE_ID", "P17", 1);
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "courier");
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
@@ -365,7 +365,7 @@ TEST_F(Syslog, LeavesTheTraceIdOutWithoutTheOption) {
     EXPECT_EQ(socket.next(), "<19>" + from("courier") + "x");
 }
 
-TEST_F(Syslog, LeavesAnEmptyTraceIdOut) {
+TEST_F(SyslogTest, LeavesAnEmptyTraceIdOut) {
     setenv("CORVO_LOG_TRACE_ID", "P17", 1);
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "courier");
     *LogTraceId = '\0';
@@ -373,7 +373,7 @@ TEST_F(Syslog, LeavesAnEmptyTraceIdOut) {
     EXPECT_EQ(socket.next(), "<19>" + from("courier") + "x");
 }
 
-TEST_F(Syslog, CutsTracedMessagesAt8192Bytes) {
+TEST_F(SyslogTest, CutsTracedMessagesAt8192Bytes) {
     setenv("CORVO_LOG_TRACE_ID", "P17", 1);
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "courier");
     corvo_log(3, "%s", std::string(10000, 'x').c_str());
@@ -382,20 +382,20 @@ TEST_F(Syslog, CutsTracedMessagesAt8192Bytes) {
               "<19>" + from("courier") + prefix + std::string(8191 - prefix.size(), 'x'));
 }
 
-TEST_F(Syslog, SendsUntracedMessagesWhole) {
+TEST_F(SyslogTest, SendsUntracedMessagesWhole) {
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
     corvo_log(3, "%s", std::string(10000, 'x').c_str());
     EXPECT_EQ(socket.next(), "<19>" + from("courier") + std::string(10000, 'x'));
 }
 
-TEST_F(Syslog, LeavesErrnoAlone) {
+TEST_F(SyslogTest, LeavesErrnoAlone) {
     corvo_log_init(nullptr, 6, LOG_MAIL, CORVO_LOG_TRACE, "courier");
     errno = ENOENT;
     corvo_log(3, "x");
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(Syslog, ReceivesEverythingAfterAChangeFromTheStreams) {
+TEST_F(SyslogTest, ReceivesEverythingAfterAChangeFromTheStreams) {
     corvo_log_init("console", 6, LOG_MAIL, 0, nullptr);
     corvo_log_init(nullptr, 3, LOG_MAIL, 0, "courier");
     EXPECT_EQ(LogLocation, nullptr);
@@ -404,7 +404,7 @@ TEST_F(Syslog, ReceivesEverythingAfterAChangeFromTheStreams) {
     EXPECT_EQ(socket.next(), "<19>" + from("courier") + "x");
 }
 
-TEST_F(Syslog, IsClosedBeforeItIsOpenedAgain) {
+TEST_F(SyslogTest, IsClosedBeforeItIsOpenedAgain) {
     const int before = openDescriptors();
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
     corvo_log(3, "x");
@@ -413,7 +413,7 @@ TEST_F(Syslog, IsClosedBeforeItIsOpenedAgain) {
     EXPECT_EQ(openDescriptors(), before) << "connected again by the next message";
 }
 
-TEST_F(Syslog, ReceivesNothingAfterAChangeToTheStreams) {
+TEST_F(SyslogTest, ReceivesNothingAfterAChangeToTheStreams) {
     corvo_log_init(nullptr, 6, LOG_MAIL, 0, "courier");
     corvo_log_init("console", 6, LOG_MAIL, 0, nullptr);
     corvo_log(3, "x");

@@ -23,28 +23,28 @@ __attribute__((format(printf, 2, 3))) int logThroughList(int status, const char*
     return result;
 }
 
-class MessageLog : public LoggingTest {
+class MessageLogTest : public LoggingTest {
 protected:
-    MessageLog() { errno = 0; }
+    MessageLogTest() { errno = 0; }
     void TearDown() override { PROGNAME = nullptr; }
 };
 
-TEST_F(MessageLog, WritesALineToBothStreams) {
+TEST_F(MessageLogTest, WritesALineToBothStreams) {
     EXPECT_EQ(ex_messlog("no box", 0, 0), 0);
     EXPECT_EQ(message(), "no box\n");
 }
 
-TEST_F(MessageLog, DoesNotDoubleANewline) {
+TEST_F(MessageLogTest, DoesNotDoubleANewline) {
     ex_messlog("no box\n", 0, 0);
     EXPECT_EQ(message(), "no box\n");
 }
 
-TEST_F(MessageLog, EndsAnEmptyTextWithANewline) {
+TEST_F(MessageLogTest, EndsAnEmptyTextWithANewline) {
     ex_messlog("", 0, 0);
     EXPECT_EQ(message(), "\n");
 }
 
-TEST_F(MessageLog, OpensWithTheBaseNameOfTheProgram) {
+TEST_F(MessageLogTest, OpensWithTheBaseNameOfTheProgram) {
     for (const char* path : {"/usr/sbin/courier", "./courier", "courier"}) {
         std::string name = path;
         PROGNAME = name.data();
@@ -53,43 +53,43 @@ TEST_F(MessageLog, OpensWithTheBaseNameOfTheProgram) {
     }
 }
 
-TEST_F(MessageLog, DoesNotUseItsFlag) {
+TEST_F(MessageLogTest, DoesNotUseItsFlag) {
     EXPECT_EQ(ex_messlog("no box", 0, 1), 0);
     EXPECT_EQ(message(), "no box\n");
 }
 
-TEST_F(MessageLog, EndsTheProcessWithItsStatus) {
+TEST_F(MessageLogTest, EndsTheProcessWithItsStatus) {
     const ProcessResult result = runForked([] { ex_messlog("the end", 3, 0); });
     EXPECT_EQ(result.status, 3);
     EXPECT_EQ(result.err, "the end\n");
     EXPECT_EQ(result.out, "the end\n");
 }
 
-TEST_F(MessageLog, AddsTheTextOfErrnoOnALineOfItsOwn) {
+TEST_F(MessageLogTest, AddsTheTextOfErrnoOnALineOfItsOwn) {
     errno = 2;
     EXPECT_EQ(messlog2(0, 0, "cannot open %s", "f"), 0);
     EXPECT_EQ(message(), "cannot open f\nSystem error 2: No such file or directory\n");
 }
 
-TEST_F(MessageLog, PutsTheTextOfErrnoDirectlyAfterAMessageThatEndsInANewline) {
+TEST_F(MessageLogTest, PutsTheTextOfErrnoDirectlyAfterAMessageThatEndsInANewline) {
     errno = 13;
     messlog2(0, 0, "cannot open %s\n", "f");
     EXPECT_EQ(message(), "cannot open f\n\nSystem error 13: Permission denied\n");
 }
 
-TEST_F(MessageLog, AddsNothingWhenErrnoIsZero) {
+TEST_F(MessageLogTest, AddsNothingWhenErrnoIsZero) {
     messlog2(0, 0, "cannot open %s", "f");
     EXPECT_EQ(message(), "cannot open f\n");
 }
 
-TEST_F(MessageLog, TakesAnArgumentList) {
+TEST_F(MessageLogTest, TakesAnArgumentList) {
     PROGNAME = const_cast<char*>("/bin/courier");
     errno = 2;
     EXPECT_EQ(logThroughList(0, "%s: %d", "f", 7), 0);
     EXPECT_EQ(message(), "courier: f: 7\nSystem error 2: No such file or directory\n");
 }
 
-TEST_F(MessageLog, KeepsErrno) {
+TEST_F(MessageLogTest, KeepsErrno) {
     errno = ENOENT;
     ex_messlog("x", 0, 0);
     EXPECT_EQ(errno, ENOENT);
@@ -98,7 +98,7 @@ TEST_F(MessageLog, KeepsErrno) {
     EXPECT_EQ(message(), "x\nx\nSystem error 2: No such file or directory\n");
 }
 
-TEST_F(MessageLog, KeepsErrnoWhenNothingCanBeWritten) {
+TEST_F(MessageLogTest, KeepsErrnoWhenNothingCanBeWritten) {
     const ProcessResult result = runForked([] {
         const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
         ::dup2(full, STDOUT_FILENO);
@@ -110,7 +110,7 @@ TEST_F(MessageLog, KeepsErrnoWhenNothingCanBeWritten) {
     EXPECT_EQ(result.status, ENOENT);
 }
 
-TEST_F(MessageLog, PrintsMessagesOfAnyLength) {
+TEST_F(MessageLogTest, PrintsMessagesOfAnyLength) {
     for (const std::size_t length : {4094U, 4095U, 4096U, 4097U, 100000U}) {
         const std::string text(length, 'x');
         errno = 0;
@@ -119,7 +119,7 @@ TEST_F(MessageLog, PrintsMessagesOfAnyLength) {
     }
 }
 
-TEST_F(MessageLog, AddsTheTextOfErrnoToMessagesOfAnyLength) {
+TEST_F(MessageLogTest, AddsTheTextOfErrnoToMessagesOfAnyLength) {
     const std::string suffix = "\nSystem error 2: No such file or directory";
     for (const std::size_t length :
          {4095 - suffix.size(), 4096 - suffix.size(), 4090UL, 4095UL, 4096UL, 100000UL}) {
@@ -130,7 +130,7 @@ TEST_F(MessageLog, AddsTheTextOfErrnoToMessagesOfAnyLength) {
     }
 }
 
-TEST_F(MessageLog, ReportsAFatalErrorWithAStatus) {
+TEST_F(MessageLogTest, ReportsAFatalErrorWithAStatus) {
     const ProcessResult result = runForked([] {
         errno = 2;
         messlog2(1, 1, "cannot open %s", "f");
@@ -140,9 +140,9 @@ TEST_F(MessageLog, ReportsAFatalErrorWithAStatus) {
     EXPECT_EQ(result.out, result.err);
 }
 
-class MessageLogWithoutMemory : public WithoutMemoryTest {};
+class MessageLogWithoutMemoryTest : public WithoutMemoryTest {};
 
-TEST_F(MessageLogWithoutMemory, SaysSo) {
+TEST_F(MessageLogWithoutMemoryTest, SaysSo) {
     const ProcessResult result = runForked([] {
         exhaustMemory();
         messlog2(4, 0, "cannot open %s", "f");
@@ -152,7 +152,7 @@ TEST_F(MessageLogWithoutMemory, SaysSo) {
     EXPECT_EQ(result.out, result.err);
 }
 
-TEST_F(MessageLogWithoutMemory, CutsALongMessageAt4095Characters) {
+TEST_F(MessageLogWithoutMemoryTest, CutsALongMessageAt4095Characters) {
     const std::string text(5000, 'x');
     const ProcessResult result = runForked([&] {
         exhaustMemory(4096);
@@ -163,7 +163,7 @@ TEST_F(MessageLogWithoutMemory, CutsALongMessageAt4095Characters) {
     EXPECT_EQ(result.out, result.err);
 }
 
-TEST_F(MessageLogWithoutMemory, LeavesOutTheTextOfErrnoThatDoesNotFit) {
+TEST_F(MessageLogWithoutMemoryTest, LeavesOutTheTextOfErrnoThatDoesNotFit) {
     const std::string text(4080, 'x');
     const ProcessResult result = runForked([&] {
         exhaustMemory(4096);

@@ -8,7 +8,7 @@
 namespace corvo::test {
 namespace {
 
-TEST(AddSaturated, IsTheSumHeldAtTheEndsOfItsRange) {
+TEST(AddSaturatedTest, IsTheSumHeldAtTheEndsOfItsRange) {
     const struct {
         long long a;
         long long b;
@@ -32,7 +32,7 @@ TEST(AddSaturated, IsTheSumHeldAtTheEndsOfItsRange) {
         EXPECT_EQ(addSaturated(a, b), sum) << a << " + " << b;
 }
 
-TEST(AsciiToNumeric, ReadsDecimalNumbers) {
+TEST(AsciiToNumericTest, ReadsDecimalNumbers) {
     const struct {
         const char* text;
         unsigned int value;
@@ -58,7 +58,7 @@ TEST(AsciiToNumeric, ReadsDecimalNumbers) {
     }
 }
 
-TEST(AsciiToNumeric, RefusesEverythingElse) {
+TEST(AsciiToNumericTest, RefusesEverythingElse) {
     for (const char* text : {"", " \t\n\r", "-1", " -0", "a", "24a", "2 4", "+ 5", "++5", "+-5",
                              "5+", "0x10", "1.0", "\v5", "5\f"}) {
         unsigned int value = 99;
@@ -69,7 +69,7 @@ TEST(AsciiToNumeric, RefusesEverythingElse) {
     }
 }
 
-TEST(AsciiToNumeric, RefusesNumbersThatDoNotFitWithErange) {
+TEST(AsciiToNumericTest, RefusesNumbersThatDoNotFitWithErange) {
     for (const char* text : {"4294967296", "4294967300", "42949672950", "99999999999999999999"}) {
         unsigned int value = 99;
         errno = 0;

@@ -17,7 +17,7 @@ namespace {
 constexpr const char* VHC_CONF = "/etc/vhc/vhc.conf";
 
 /// Each test looks things up in a child process: a configuration that was read is kept for good.
-class RuntimeConfig : public SandboxTest {
+class RuntimeConfigTest : public SandboxTest {
 protected:
     /// What `body` prints on standard output.
     static std::string printedBy(const std::function<void()>& body) {
@@ -32,7 +32,7 @@ protected:
     }
 };
 
-TEST_F(RuntimeConfig, KnowsThirtyOneNamesAndDefaults) {
+TEST_F(RuntimeConfigTest, KnowsThirtyOneNamesAndDefaults) {
     const struct {
         const char* name;
         const char* value;
@@ -78,7 +78,7 @@ TEST_F(RuntimeConfig, KnowsThirtyOneNamesAndDefaults) {
     EXPECT_STREQ(theVhcConfNames[MYSQL_SOCKET], "MYSQL_SOCKET");
 }
 
-TEST_F(RuntimeConfig, GivesTheValuesOfTheFile) {
+TEST_F(RuntimeConfigTest, GivesTheValuesOfTheFile) {
     writeFile(VHC_CONF, "CORVO_MAILNAMES_D  /srv/mail   # comment\nOWN value\n");
     EXPECT_EQ(printedBy([] {
                   print(vhcConfGet("CORVO_MAILNAMES_D"));
@@ -90,7 +90,7 @@ TEST_F(RuntimeConfig, GivesTheValuesOfTheFile) {
               "/srv/mail\n/srv/mail\n/srv/mail\n/srv/mail\nvalue\n");
 }
 
-TEST_F(RuntimeConfig, GivesDefaultsForWhatTheFileDoesNotSay) {
+TEST_F(RuntimeConfigTest, GivesDefaultsForWhatTheFileDoesNotSay) {
     writeFile(VHC_CONF, "OWN value\n");
     EXPECT_EQ(printedBy([] {
                   print(vhcConfGet("CORVO_MAILNAMES_D"));
@@ -101,7 +101,7 @@ TEST_F(RuntimeConfig, GivesDefaultsForWhatTheFileDoesNotSay) {
               "(null)\n(null)\n/var/lib/mysql/mysql.sock\n/usr/local/vhc\n");
 }
 
-TEST_F(RuntimeConfig, GivesEveryDefaultWithoutTheFile) {
+TEST_F(RuntimeConfigTest, GivesEveryDefaultWithoutTheFile) {
     const std::string printed = printedBy([] {
         for (int i = 0; i < VHC_CONF_COUNT; ++i)
             print(vhcConfGetDefaultByIndex(i));
@@ -112,7 +112,7 @@ TEST_F(RuntimeConfig, GivesEveryDefaultWithoutTheFile) {
     EXPECT_EQ(printed, expected);
 }
 
-TEST_F(RuntimeConfig, FindsTheFirstSentinelByNameButNotTheLast) {
+TEST_F(RuntimeConfigTest, FindsTheFirstSentinelByNameButNotTheLast) {
     const ProcessResult result = runForked([] {
         print(vhcConfGetDefault("_MIN_POSSIBLE_VHC_CONF_VAR_NAME"));
         print(vhcConfGetDefault("_MAX_POSSIBLE_VHC_CONF_VAR_NAME"));
@@ -124,7 +124,7 @@ TEST_F(RuntimeConfig, FindsTheFirstSentinelByNameButNotTheLast) {
     EXPECT_EQ(result.out, "_MIN_POSSIBLE_VHC_CONF_VAR_VALUE\n" + message + "(null)\n");
 }
 
-TEST_F(RuntimeConfig, ReportsAnUnknownName) {
+TEST_F(RuntimeConfigTest, ReportsAnUnknownName) {
     const ProcessResult result = runForked([] { print(vhcConfGetDefault("UNKNOWN")); });
     const std::string message =
         "variable 'UNKNOWN' was found neither in /etc/vhc/vhc.conf, nor in compile-time "
@@ -133,7 +133,7 @@ TEST_F(RuntimeConfig, ReportsAnUnknownName) {
     EXPECT_EQ(result.out, message + "(null)\n");
 }
 
-TEST_F(RuntimeConfig, KeepsWhatItHasRead) {
+TEST_F(RuntimeConfigTest, KeepsWhatItHasRead) {
     writeFile(VHC_CONF, "CORVO_MAILNAMES_D /srv/mail\nDUMP_D /srv/dumps\n");
     EXPECT_EQ(printedBy([] {
                   const char* first = vhcConfGetByIndex(1);
@@ -144,7 +144,7 @@ TEST_F(RuntimeConfig, KeepsWhatItHasRead) {
               "same\n/srv/dumps\n");
 }
 
-TEST_F(RuntimeConfig, KeepsTheValuesOfDifferentVariablesApart) {
+TEST_F(RuntimeConfigTest, KeepsTheValuesOfDifferentVariablesApart) {
     std::string contents;
     std::string values;
     for (int i = 0; i < VHC_CONF_COUNT; ++i) {
@@ -159,7 +159,7 @@ TEST_F(RuntimeConfig, KeepsTheValuesOfDifferentVariablesApart) {
               values + values);
 }
 
-TEST_F(RuntimeConfig, TriesAgainAfterAFailedRead) {
+TEST_F(RuntimeConfigTest, TriesAgainAfterAFailedRead) {
     EXPECT_EQ(printedBy([] {
                   print(vhcConfGetDefaultByIndex(1));
                   writeFile(VHC_CONF, "CORVO_MAILNAMES_D /srv/mail\n");
@@ -168,7 +168,7 @@ TEST_F(RuntimeConfig, TriesAgainAfterAFailedRead) {
               "/var/qmail/mailnames\n/srv/mail\n");
 }
 
-TEST_F(RuntimeConfig, TakesADirectoryForAFailedRead) {
+TEST_F(RuntimeConfigTest, TakesADirectoryForAFailedRead) {
     makeDirectory(VHC_CONF);
     EXPECT_EQ(printedBy([] {
                   print(vhcConfGet("CORVO_MAILNAMES_D"));
@@ -180,7 +180,7 @@ TEST_F(RuntimeConfig, TakesADirectoryForAFailedRead) {
               "(null)\n/var/qmail/mailnames\n/srv/mail\n");
 }
 
-TEST_F(RuntimeConfig, GivesDefaultsWithoutMemory) {
+TEST_F(RuntimeConfigTest, GivesDefaultsWithoutMemory) {
     requireExhaustibleMemory();
     const ProcessResult result = runForked([] {
         exhaustMemory();

@@ -5,7 +5,7 @@
 namespace corvo::test {
 namespace {
 
-TEST(SizeUnits, AreKnownByTheirNames) {
+TEST(SizeUnitsTest, AreKnownByTheirNames) {
     const struct {
         const char* name;
         unsigned long long factor;
@@ -20,7 +20,7 @@ TEST(SizeUnits, AreKnownByTheirNames) {
     }
 }
 
-TEST(SizeUnits, AreMatchedExactly) {
+TEST(SizeUnitsTest, AreMatchedExactly) {
     for (const char* name : {"", "b", "kb", "Kb", "K", "KBB", " KB", "PB"}) {
         EXPECT_EQ(get_size_unit(name), 0U) << name;
         EXPECT_EQ(is_valid_size_unit(name), 0) << name;

@@ -23,7 +23,7 @@ constexpr Case TRIMMED[] = {
     {"\na\r\n", "a"}, {"a ", "a"},         {" a", "a"}, {"\xc3\xa9 ", "\xc3\xa9"},
 };
 
-TEST(StripLine, DropsCommentsAndBlanksAtBothEnds) {
+TEST(StripLineTest, DropsCommentsAndBlanksAtBothEnds) {
     const Case cases[] = {
         {"", ""},
         {"  \t\r\n", ""},
@@ -43,7 +43,7 @@ TEST(StripLine, DropsCommentsAndBlanksAtBothEnds) {
     }
 }
 
-TEST(Trims, RemoveBlanksAtBothEnds) {
+TEST(TrimsTest, RemoveBlanksAtBothEnds) {
     for (const auto& [text, result] : TRIMMED) {
         std::string trimmed = text;
         EXPECT_EQ(corvo_trim(trimmed.data()), trimmed.data());
@@ -54,7 +54,7 @@ TEST(Trims, RemoveBlanksAtBothEnds) {
     }
 }
 
-TEST(Trims, RemoveBlanksAtTheEnd) {
+TEST(TrimsTest, RemoveBlanksAtTheEnd) {
     const Case cases[] = {{"", ""}, {" \n", ""}, {" a b \t\r\n", " a b"}, {"a", "a"}};
     for (const auto& [text, result] : cases) {
         std::string trimmed = text;
@@ -63,7 +63,7 @@ TEST(Trims, RemoveBlanksAtTheEnd) {
     }
 }
 
-TEST(Trims, RemoveASymbolAtTheEnd) {
+TEST(TrimsTest, RemoveASymbolAtTheEnd) {
     const Case cases[] = {{"", ""}, {"///", ""}, {"/a//", "/a"}, {"/a/ ", "/a/ "}, {"a", "a"}};
     for (const auto& [text, result] : cases) {
         std::string trimmed = text;
@@ -72,7 +72,7 @@ TEST(Trims, RemoveASymbolAtTheEnd) {
     }
 }
 
-TEST(LowerCase, ChangesAsciiLettersOnly) {
+TEST(LowerCaseTest, ChangesAsciiLettersOnly) {
     const Case cases[] = {
         {"", ""}, {"@AZ[`az{09", "@az[`az{09"}, {"InFo", "info"}, {"\xc3\x89", "\xc3\x89"}};
     for (const auto& [text, result] : cases) {
@@ -84,7 +84,7 @@ TEST(LowerCase, ChangesAsciiLettersOnly) {
     }
 }
 
-TEST(LowerCase, KeepsEmbeddedZeroBytes) {
+TEST(LowerCaseTest, KeepsEmbeddedZeroBytes) {
     EXPECT_EQ(to_lower(std::string("A\0B", 3)), std::string("a\0b", 3));
 }
 
@@ -92,14 +92,14 @@ struct TurkishLetters : std::ctype<char> {
     char do_tolower(char c) const override { return c == 'I' ? '!' : c; }
 };
 
-TEST(LowerCase, FollowsTheGlobalLocaleCharacterByCharacter) {
+TEST(LowerCaseTest, FollowsTheGlobalLocaleCharacterByCharacter) {
     const std::locale before = std::locale::global(std::locale(std::locale(), new TurkishLetters));
     const std::string lower = to_lower("IA");
     std::locale::global(before);
     EXPECT_EQ(lower, "!A");
 }
 
-TEST(LowerCase, ReportsThatACopyFoundNoMemory) {
+TEST(LowerCaseTest, ReportsThatACopyFoundNoMemory) {
     requireExhaustibleMemory();
     const std::string text(5000, 'A');
     const ProcessResult result = runForked([&] {

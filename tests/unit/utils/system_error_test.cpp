@@ -9,17 +9,17 @@
 namespace corvo::test {
 namespace {
 
-TEST(SystemError, SaysMessageAndSystemText) {
+TEST(SystemErrorTest, SaysMessageAndSystemText) {
     const SystemError error("open", 13);
     EXPECT_STREQ(error.what(), "open: Permission denied");
     EXPECT_EQ(error.code(), 13);
 }
 
-TEST(SystemError, SaysTheSystemTextAloneWithoutAMessage) {
+TEST(SystemErrorTest, SaysTheSystemTextAloneWithoutAMessage) {
     EXPECT_STREQ(SystemError("", 13).what(), "Permission denied");
 }
 
-TEST(SystemError, TakesErrnoWhenItIsBuilt) {
+TEST(SystemErrorTest, TakesErrnoWhenItIsBuilt) {
     errno = ENOENT;
     const SystemError error("open");
     errno = EACCES;
@@ -27,14 +27,14 @@ TEST(SystemError, TakesErrnoWhenItIsBuilt) {
     EXPECT_EQ(error.code(), ENOENT);
 }
 
-TEST(SystemError, SaysTheSameEachTime) {
+TEST(SystemErrorTest, SaysTheSameEachTime) {
     const SystemError error("open", 13);
     const char* first = error.what();
     EXPECT_EQ(error.what(), first);
     EXPECT_STREQ(first, "open: Permission denied");
 }
 
-TEST(SystemError, SaysTheSameAfterCopying) {
+TEST(SystemErrorTest, SaysTheSameAfterCopying) {
     const SystemError error("open", 13);
     const std::vector<SystemError> before(1, error);
     EXPECT_STREQ(error.what(), "open: Permission denied");
@@ -44,7 +44,7 @@ TEST(SystemError, SaysTheSameAfterCopying) {
     EXPECT_EQ(after.front().code(), 13);
 }
 
-TEST(SystemError, IsCaughtAsARuntimeError) {
+TEST(SystemErrorTest, IsCaughtAsARuntimeError) {
     try {
         throw SystemError("open", 13);
     } catch (const std::runtime_error& error) {

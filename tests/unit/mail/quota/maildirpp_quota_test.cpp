@@ -154,7 +154,7 @@ TEST_F(StoreQuotaTest, MissingHomeFails) {
                              "System error 2: No such file or directory\n");
 }
 
-TEST(StoreQuota, CurrentDirectoryThatCannotBeRememberedFails) {
+TEST(StoreQuotaWithoutDescriptorsTest, CurrentDirectoryThatCannotBeRememberedFails) {
     StreamCapture streams;
     const NoDescriptors limit;
     EXPECT_EQ(store_mbox_quota("example.com", "info", 5), 0);
@@ -401,7 +401,7 @@ TEST_F(ReadQuotaTest, MissingMaildirFailsWithTheLargestLimits) {
     }
 }
 
-TEST(ReadQuota, CurrentDirectoryThatCannotBeRememberedFailsSilently) {
+TEST(ReadQuotaWithoutDescriptorsTest, CurrentDirectoryThatCannotBeRememberedFailsSilently) {
     long long used[2] = {};
     const StreamCapture nothingSaid;
     const NoDescriptors limit;

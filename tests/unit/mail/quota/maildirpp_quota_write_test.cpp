@@ -101,7 +101,7 @@ TEST_F(WriteMaildirsizeTest, RelativePathsAreFromTheCurrentDirectory) {
               std::to_string(STRANGER_UID) + ":" + std::to_string(STRANGER_GID));
 }
 
-TEST(WriteMaildirsize, CurrentDirectoryThatCannotBeRememberedFailsSilently) {
+TEST(WriteMaildirsizeWithoutDescriptorsTest, CurrentDirectoryThatCannotBeRememberedFailsSilently) {
     const StreamCapture nothingSaid;
     const NoDescriptors limit;
     EXPECT_EQ(write_maildirpp_maildirsize("/", POPUSER_UID, POPUSER_GID, 5, 0), 0);

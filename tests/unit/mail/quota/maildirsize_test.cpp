@@ -22,7 +22,7 @@ struct BadLine {
 
 constexpr long long UNTOUCHED = -77;
 
-TEST(MaildirsizeHeader, LimitsAreRead) {
+TEST(MaildirsizeHeaderTest, LimitsAreRead) {
     const Line lines[] = {
         {"1000S,0C", 1000, 0},
         {"1000S,25C", 1000, 25},
@@ -71,7 +71,7 @@ const BadLine BAD_HEADERS[] = {
     {"1S,9223372036854775808C", ERANGE},
 };
 
-TEST(MaildirsizeHeader, BadHeadersLeaveBothLimitsAtTheLargestValue) {
+TEST(MaildirsizeHeaderTest, BadHeadersLeaveBothLimitsAtTheLargestValue) {
     for (const BadLine& line : BAD_HEADERS) {
         SCOPED_TRACE(line.text);
         long long bytes = UNTOUCHED;
@@ -84,7 +84,7 @@ TEST(MaildirsizeHeader, BadHeadersLeaveBothLimitsAtTheLargestValue) {
     }
 }
 
-TEST(MaildirsizeHeader, NegativeByteLimitIsMalformed) {
+TEST(MaildirsizeHeaderTest, NegativeByteLimitIsMalformed) {
     for (const std::string_view text : {"-5S", "-1S,7C"}) {
         SCOPED_TRACE(text);
         long long bytes = UNTOUCHED;
@@ -97,7 +97,7 @@ TEST(MaildirsizeHeader, NegativeByteLimitIsMalformed) {
     }
 }
 
-TEST(MaildirsizeLine, BadHeadersLeaveTheOutputsAlone) {
+TEST(MaildirsizeLineTest, BadHeadersLeaveTheOutputsAlone) {
     for (const BadLine& line : BAD_HEADERS) {
         SCOPED_TRACE(line.text);
         long long first = UNTOUCHED;
@@ -110,7 +110,7 @@ TEST(MaildirsizeLine, BadHeadersLeaveTheOutputsAlone) {
     }
 }
 
-TEST(MaildirsizeLine, NegativeByteLimitIsAMatterOfTheHeaderAlone) {
+TEST(MaildirsizeLineTest, NegativeByteLimitIsAMatterOfTheHeaderAlone) {
     long long first = UNTOUCHED;
     long long second = UNTOUCHED;
     EXPECT_EQ(parse_string_common("-5S,3C", &first, &second, 1), 1);
@@ -118,7 +118,7 @@ TEST(MaildirsizeLine, NegativeByteLimitIsAMatterOfTheHeaderAlone) {
     EXPECT_EQ(second, 3);
 }
 
-TEST(MaildirsizeLine, UsageIsRead) {
+TEST(MaildirsizeLineTest, UsageIsRead) {
     const Line lines[] = {
         {"        1900           3", 1900, 3},
         {"1900 3", 1900, 3},
@@ -137,7 +137,7 @@ TEST(MaildirsizeLine, UsageIsRead) {
     }
 }
 
-TEST(MaildirsizeLine, BadUsageLeavesTheOutputsAlone) {
+TEST(MaildirsizeLineTest, BadUsageLeavesTheOutputsAlone) {
     const BadLine lines[] = {
         {"", EINVAL},
         {"abc", EINVAL},
@@ -166,7 +166,7 @@ TEST(MaildirsizeLine, BadUsageLeavesTheOutputsAlone) {
     }
 }
 
-TEST(MaildirsizeUsage, LinesAreSummed) {
+TEST(MaildirsizeUsageTest, LinesAreSummed) {
     const Line texts[] = {
         {"", 0, 0},
         {"        1900           3\n", 1900, 3},
@@ -185,7 +185,7 @@ TEST(MaildirsizeUsage, LinesAreSummed) {
     }
 }
 
-TEST(MaildirsizeUsage, BadTextsLeaveTheOutputsAlone) {
+TEST(MaildirsizeUsageTest, BadTextsLeaveTheOutputsAlone) {
     const BadLine texts[] = {
         {"1900 3", EINVAL},
         {"1900 3\n5 1", EINVAL},
@@ -209,13 +209,13 @@ TEST(MaildirsizeUsage, BadTextsLeaveTheOutputsAlone) {
     }
 }
 
-TEST(MaildirsizeContent, UsageIsAlignedInFieldsOf12Characters) {
+TEST(MaildirsizeContentTest, UsageIsAlignedInFieldsOf12Characters) {
     char content[MAILDIRSIZE_CONTENT_MAX];
     const std::size_t length = format_maildirsize(content, 104857600, 0, 1900, 3);
     EXPECT_EQ(std::string(content, length), "104857600S,0C\n        1900           3\n");
 }
 
-TEST(MaildirsizeContent, TheLongestNumbersFit) {
+TEST(MaildirsizeContentTest, TheLongestNumbersFit) {
     char content[MAILDIRSIZE_CONTENT_MAX];
     const std::size_t length =
         format_maildirsize(content, LONG_MIN, LLONG_MIN, LONG_MIN, LLONG_MIN);
