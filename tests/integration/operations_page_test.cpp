@@ -39,9 +39,9 @@ std::string commandsAfter(const std::string& words) {
     return page.substr(first, closing - first);
 }
 
-class OperationsPage : public SandboxTest {
+class OperationsPageTest : public SandboxTest {
 protected:
-    OperationsPage() { installMailServer(); }
+    OperationsPageTest() { installMailServer(); }
 
     // As an administrator would, with the panel's own credentials.
     ProcessResult runCommandsAfter(const std::string& words) const {
@@ -86,7 +86,7 @@ TEST_F(OperationsPage, ShowsSomeMailNamesAndHowManyThereAre) {
 
 // --- the mailboxes that should deliver and do not
 
-class UndeliveredList : public OperationsPage {
+class UndeliveredListTest : public OperationsPageTest {
 protected:
     static std::string qmail(const std::string& mailname, const std::string& domain) {
         return MAILNAMES + "/" + domain + "/" + mailname + "/.qmail";
@@ -115,14 +115,14 @@ protected:
     }
 };
 
-TEST_F(UndeliveredList, IsEmptyAfterACompleteRun) {
+TEST_F(UndeliveredListTest, IsEmptyAfterACompleteRun) {
     loadSample(panel);
     restore();
 
     EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 9"));
 }
 
-TEST_F(UndeliveredList, NamesEveryMailboxThatARunLeftDiscarding) {
+TEST_F(UndeliveredListTest, NamesEveryMailboxThatARunLeftDiscarding) {
     loadSample(panel);
     std::filesystem::remove_all("/run/lock/files");
     EXPECT_EQ(run({mailRebuildBinary()}).status, 0);
@@ -139,7 +139,7 @@ TEST_F(UndeliveredList, NamesEveryMailboxThatARunLeftDiscarding) {
                             "team@example.com lacks: &office@example.com"));
 }
 
-TEST_F(UndeliveredList, NamesAMailboxWhoseForwardsCameBackWithoutItsDeliveryLine) {
+TEST_F(UndeliveredListTest, NamesAMailboxWhoseForwardsCameBackWithoutItsDeliveryLine) {
     panel.domain("example.com").mailname("team").group().redirect("a@b");
     restore();
     setQmail("team", "example.com", "| true\n&a@b\n");
@@ -148,7 +148,7 @@ TEST_F(UndeliveredList, NamesAMailboxWhoseForwardsCameBackWithoutItsDeliveryLine
                                              "team@example.com lacks: " + DELIVERY_LINE));
 }
 
-TEST_F(UndeliveredList, NamesAGroupWhoseForwardsDidNotComeBack) {
+TEST_F(UndeliveredListTest, NamesAGroupWhoseForwardsDidNotComeBack) {
     auto team = panel.domain("example.com").mailname("team");
     team.postbox(false).group().redirect("a@b").redirect("c@d").redirect("ä@bücher.example");
     restore();
@@ -158,7 +158,7 @@ TEST_F(UndeliveredList, NamesAGroupWhoseForwardsDidNotComeBack) {
                                              "team@example.com lacks: &ä@xn--bcher-kva.example"));
 }
 
-TEST_F(UndeliveredList, NamesAMailboxWithoutDeliveryFile) {
+TEST_F(UndeliveredListTest, NamesAMailboxWithoutDeliveryFile) {
     panel.domain("example.com").mailname("info");
     restore();
     std::filesystem::remove(qmail("info", "example.com"));
@@ -167,7 +167,7 @@ TEST_F(UndeliveredList, NamesAMailboxWithoutDeliveryFile) {
                                              "info@example.com lacks: " + DELIVERY_LINE));
 }
 
-TEST_F(UndeliveredList, NamesTheMailboxesOfADomainThatARunSkips) {
+TEST_F(UndeliveredListTest, NamesTheMailboxesOfADomainThatARunSkips) {
     panel.domain("Example.com").mailname("Info");
     panel.execute("DELETE FROM Parameters WHERE parameter='nonexist_mail'");
     restore();
@@ -176,7 +176,7 @@ TEST_F(UndeliveredList, NamesTheMailboxesOfADomainThatARunSkips) {
                                              "info@example.com lacks: " + DELIVERY_LINE));
 }
 
-TEST_F(UndeliveredList, TakesNoLongerLineForTheOneThatIsMissing) {
+TEST_F(UndeliveredListTest, TakesNoLongerLineForTheOneThatIsMissing) {
     panel.domain("example.com").mailname("team").group().redirect("a@example.com");
     restore();
     setQmail("team", "example.com", "# " + DELIVERY_LINE + "\n&a@example.com.au\n");
@@ -186,7 +186,7 @@ TEST_F(UndeliveredList, TakesNoLongerLineForTheOneThatIsMissing) {
                                              "team@example.com lacks: &a@example.com"));
 }
 
-TEST_F(UndeliveredList, DoesNotWaitForAPipeInPlaceOfADeliveryFile) {
+TEST_F(UndeliveredListTest, DoesNotWaitForAPipeInPlaceOfADeliveryFile) {
     panel.domain("example.com").mailname("info");
     restore();
     const std::string file = qmail("info", "example.com");
@@ -197,7 +197,7 @@ TEST_F(UndeliveredList, DoesNotWaitForAPipeInPlaceOfADeliveryFile) {
                                              "info@example.com lacks: " + DELIVERY_LINE));
 }
 
-TEST_F(UndeliveredList, LooksForTheLineThatIsTheDefaultNow) {
+TEST_F(UndeliveredListTest, LooksForTheLineThatIsTheDefaultNow) {
     panel.domain("example.com").mailname("info");
     restore();
     writeFile(DEFAULT_DELIVERY, "./Maildir/\n");
@@ -206,11 +206,11 @@ TEST_F(UndeliveredList, LooksForTheLineThatIsTheDefaultNow) {
                 UnorderedElementsAre("lines looked for: 1", "info@example.com lacks: ./Maildir/"));
 }
 
-TEST_F(UndeliveredList, CountsNothingWhereThePanelIsEmpty) {
+TEST_F(UndeliveredListTest, CountsNothingWhereThePanelIsEmpty) {
     EXPECT_THAT(list(), UnorderedElementsAre("lines looked for: 0"));
 }
 
-TEST_F(UndeliveredList, DoesNotPassForEmptyWithoutADefaultDeliveryLine) {
+TEST_F(UndeliveredListTest, DoesNotPassForEmptyWithoutADefaultDeliveryLine) {
     panel.domain("example.com").mailname("info");
     restore();
     std::filesystem::remove(DEFAULT_DELIVERY);
@@ -223,7 +223,7 @@ TEST_F(UndeliveredList, DoesNotPassForEmptyWithoutADefaultDeliveryLine) {
 
 // --- what was not looked at
 
-TEST_F(OperationsPage, NamesTheMailNamesThatARunSkips) {
+TEST_F(OperationsPageTest, NamesTheMailNamesThatARunSkips) {
     loadSample(panel);
     panel.execute("INSERT INTO mail (mail_name, dom_id) VALUES ('lost', 4), ('orphan', 99)");
 
@@ -379,7 +379,7 @@ TEST_F(OperationsPage, NamesTheLockFileOfADeliveryFile) {
 
 // --- a lost part, rebuilt by hand
 
-class RebuiltPart : public OperationsPage {
+class RebuiltPartTest : public OperationsPageTest {
 protected:
     // Without any complaint.
     void rebuild(const std::string& words) const {
@@ -405,7 +405,7 @@ protected:
     }
 };
 
-TEST_F(RebuiltPart, TheLockFolderIsRootsAlone) {
+TEST_F(RebuiltPartTest, TheLockFolderIsRootsAlone) {
     panel.domain("example.com").mailname("info");
     std::filesystem::remove_all("/run/lock");
 
@@ -418,7 +418,7 @@ TEST_F(RebuiltPart, TheLockFolderIsRootsAlone) {
               "| true\n" + DELIVERY_LINE + "\n");
 }
 
-TEST_F(RebuiltPart, TheDefaultDeliveryFileNamesDeliverquota) {
+TEST_F(RebuiltPartTest, TheDefaultDeliveryFileNamesDeliverquota) {
     panel.domain("example.com").mailname("info");
     std::filesystem::remove(DEFAULT_DELIVERY);
 
@@ -427,7 +427,7 @@ TEST_F(RebuiltPart, TheDefaultDeliveryFileNamesDeliverquota) {
     expectDelivery(DELIVERY_LINE);
 }
 
-TEST_F(RebuiltPart, TheDefaultDeliveryFileNamesDovecotsAgent) {
+TEST_F(RebuiltPartTest, TheDefaultDeliveryFileNamesDovecotsAgent) {
     panel.domain("example.com").mailname("info");
     std::filesystem::remove(DEFAULT_DELIVERY);
 
@@ -438,7 +438,7 @@ TEST_F(RebuiltPart, TheDefaultDeliveryFileNamesDovecotsAgent) {
         " \"${ORIGINAL_RECIPIENT:-$DELIVERED_TO}\"");
 }
 
-TEST_F(RebuiltPart, TheUserDatabaseIsAsTheProgramMakesIt) {
+TEST_F(RebuiltPartTest, TheUserDatabaseIsAsTheProgramMakesIt) {
     panel.domain("example.com").mailname("info").quota(10485760);
     std::filesystem::remove_all("/var/lib/corvo/mail/userdb");
 
@@ -453,7 +453,7 @@ TEST_F(RebuiltPart, TheUserDatabaseIsAsTheProgramMakesIt) {
     EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|10485760B"));
 }
 
-TEST_F(RebuiltPart, TheUserDatabaseThatARunHasMadeEmptyIsCompleted) {
+TEST_F(RebuiltPartTest, TheUserDatabaseThatARunHasMadeEmptyIsCompleted) {
     panel.domain("example.com").mailname("info").quota(10485760);
     std::filesystem::remove(USERDB);
     run({mailRebuildBinary()});
@@ -465,7 +465,7 @@ TEST_F(RebuiltPart, TheUserDatabaseThatARunHasMadeEmptyIsCompleted) {
     EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|10485760B"));
 }
 
-TEST_F(RebuiltPart, TheHandlersDatabaseIsAsTheProgramMakesIt) {
+TEST_F(RebuiltPartTest, TheHandlersDatabaseIsAsTheProgramMakesIt) {
     std::filesystem::remove_all("/var/lib/corvo/mail/handlers");
 
     rebuild("must be registered again");
