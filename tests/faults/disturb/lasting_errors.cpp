@@ -28,7 +28,7 @@ const Numbers FAMILIES[] = {
     {SYS_read, SYS_pread64},
     {SYS_write, SYS_pwrite64, SYS_writev},
     {SYS_ftruncate},
-    {SYS_fsync, SYS_fdatasync},
+    {SYS_fsync, SYS_fdatasync, SYS_syncfs},
     {SYS_stat, SYS_lstat, SYS_fstat, SYS_newfstatat, SYS_statx},
     {SYS_getdents64},
     {SYS_readlink, SYS_readlinkat},
@@ -62,8 +62,9 @@ bool makesDescriptor(const Call& call) {
 }
 
 bool takesRoom(const Call& call) {
-    constexpr long TAKING[] = {SYS_write, SYS_pwrite64, SYS_writev, SYS_fsync,    SYS_fdatasync,
-                               SYS_mkdir, SYS_mkdirat,  SYS_rename, SYS_renameat, SYS_renameat2};
+    constexpr long TAKING[] = {SYS_write,     SYS_pwrite64,  SYS_writev,  SYS_fsync,
+                               SYS_fdatasync, SYS_mkdir,     SYS_mkdirat, SYS_rename,
+                               SYS_renameat,  SYS_renameat2, SYS_syncfs};
     return (std::ranges::count(TAKING, call.number) > 0 && !call.speaks) ||
            (opens(call) && (call.openFlags & O_CREAT) != 0);
 }

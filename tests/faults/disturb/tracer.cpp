@@ -16,14 +16,18 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
+#include <cstring>
+#include <filesystem>
 #include <string_view>
 #include <system_error>
 
+#include "tests/faults/disturb/call_kinds.h"
 #include "tests/faults/disturb/preloaded.h"
+#include "tests/faults/disturb/strike_log.h"
 
 #ifndef __x86_64__
 #error "a system call is replaced through its registers, which is written for x86-64 alone"
@@ -38,35 +42,6 @@ constexpr int STOPPED_AT_CALL = SIGTRAP | 0x80;  // PTRACE_O_TRACESYSGOOD
 constexpr int EXECUTED = SIGTRAP | (PTRACE_EVENT_EXEC << 8);
 constexpr long NO_CALL = -1;
 
-// What a call leaves behind when the process is killed after it. Reading, looking and waiting leave
-// nothing, and locks and mappings go with the process.
-constexpr long CHANGING[] = {
-    SYS_chmod,    SYS_chown,     SYS_connect,   SYS_copy_file_range, SYS_fallocate, SYS_fchmod,
-    SYS_fchmodat, SYS_fchown,    SYS_fchownat,  SYS_fdatasync,       SYS_fsync,     SYS_ftruncate,
-    SYS_link,     SYS_linkat,    SYS_mkdir,     SYS_mkdirat,         SYS_pwrite64,  SYS_pwritev,
-    SYS_rename,   SYS_renameat,  SYS_renameat2, SYS_rmdir,           SYS_sendmsg,   SYS_sendto,
-    SYS_symlink,  SYS_symlinkat, SYS_truncate,  SYS_unlink,          SYS_unlinkat,  SYS_utimensat,
-    SYS_write,    SYS_writev,
-};
-
-// These have no way to report one of the errors. A futex is woken or waited for by the C library,
-// which takes such an error for a broken kernel and aborts.
-constexpr long INFALLIBLE[] = {
-    SYS_exit,   SYS_exit_group, SYS_futex,  SYS_getegid, SYS_geteuid, SYS_getgid,
-    SYS_getpid, SYS_gettid,     SYS_getuid, SYS_getppid, SYS_umask,   SYS_rt_sigreturn,
-};
-
-// How the database client looks for an answer.
-constexpr long LOOKING[] = {SYS_poll, SYS_recvfrom};
-
-// Linux releases the thing even when it reports an error.
-constexpr long RELEASING[] = {SYS_close, SYS_munmap};
-
-template <std::size_t size>
-bool isAmong(long call, const long (&calls)[size]) {
-    return std::find(std::begin(calls), std::end(calls), call) != std::end(calls);
-}
-
 [[noreturn]] void fail(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
@@ -75,8 +50,7 @@ bool isAmong(long call, const long (&calls)[size]) {
 using CallInfo = __ptrace_syscall_info;
 
 bool writesToStandardStream(const CallInfo& info) {
-    constexpr long WRITING[] = {SYS_write, SYS_writev};
-    return isAmong(static_cast<long>(info.entry.nr), WRITING) &&
+    return (info.entry.nr == SYS_write || info.entry.nr == SYS_writev) &&
            info.entry.args[0] <= STDERR_FILENO;
 }
 
@@ -133,8 +107,8 @@ public:
         while (!isAtEntry_);
         const long number =
             ::ptrace(PTRACE_PEEKUSER, pid_, registerAt(offsetof(user_regs_struct, orig_rax)), 0);
-        position_ = isAmong(number, LOOKING) ? Position{position_.call, position_.look + 1}
-                                             : Position{position_.call + 1, 0};
+        position_ = looksForAnswer(number) ? Position{position_.call, position_.look + 1}
+                                           : Position{position_.call + 1, 0};
         return true;
     }
 
@@ -155,10 +129,24 @@ public:
         call.position = position_;
         call.number = static_cast<long>(entered.entry.nr);
         call.openFlags = openFlags(entered);
-        call.changes = isAmong(call.number, CHANGING) || (call.openFlags & LEAVES_TRACES) != 0;
-        call.mayFail = !isAmong(call.number, INFALLIBLE);
+        call.changes = leavesTraces(call.number) || (call.openFlags & LEAVES_TRACES) != 0;
+        call.mayFail = !isInfallible(call.number);
         call.speaks = writesToStandardStream(entered);
         return call;
+    }
+
+    /// At the entry of a call: the path of what it is about; empty when it has none.
+    std::string object() const {
+        const CallInfo entered = info();
+        const auto number = static_cast<long>(entered.entry.nr);
+        if (pathAt(number) == PathAt::first)
+            return textAt(entered.entry.args[0]);
+        const std::string open = pathOfDescriptor(static_cast<int>(entered.entry.args[0]));
+        const std::string below =
+            pathAt(number) == PathAt::second ? textAt(entered.entry.args[1]) : std::string();
+        if (below.empty() || below.starts_with('/'))
+            return below.empty() ? open : below;
+        return open + "/" + below;
     }
 
     /// At the entry of a call: nothing is executed.
@@ -219,6 +207,30 @@ private:
         return 0;
     }
 
+    /// A text that ends with a zero byte, read page by page.
+    std::string textAt(std::uint64_t address) const {
+        constexpr std::uint64_t PAGE = 4096;
+        std::string text;
+        for (std::array<char, PAGE> page{}; text.size() < PATH_MAX;) {
+            const std::uint64_t start = address + text.size();
+            const std::size_t size = PAGE - start % PAGE;
+            if (!readMemory(start, page.data(), size))
+                break;
+            const std::size_t length = ::strnlen(page.data(), size);
+            text.append(page.data(), length);
+            if (length < size)
+                break;
+        }
+        return text;
+    }
+
+    std::string pathOfDescriptor(int descriptor) const {
+        const std::string name =
+            descriptor == AT_FDCWD ? "cwd" : "fd/" + std::to_string(descriptor);
+        std::error_code none;
+        return std::filesystem::read_symlink("/proc/" + std::to_string(pid_) + "/" + name, none);
+    }
+
     /// False when it does not have as much at that address.
     bool readMemory(std::uint64_t address, void* copy, std::size_t size) const {
         const iovec here = {copy, size};
@@ -271,38 +283,19 @@ bool reach(Tracee& run, const Position& position) {
     return goesOn && run.position() == position;
 }
 
-/// Memory that a child shares with this process.
-class SharedFlag {
-public:
-    SharedFlag()
-        : flag_(static_cast<bool*>(::mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE,
-                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
-        if (flag_ == MAP_FAILED)
-            fail("mmap");
-    }
-    SharedFlag(const SharedFlag&) = delete;
-    SharedFlag& operator=(const SharedFlag&) = delete;
-    ~SharedFlag() { ::munmap(flag_, sizeof(bool)); }
-
-    void set() { *flag_ = true; }
-    bool isSet() const { return *flag_; }
-
-private:
-    bool* flag_;
-};
-
 /// A run in which `strike` happens at a call, unless it finds another one than expected and says
 /// false. The tracer is a child of its own, which takes the run with it when the watchdog ends it.
-FaultyRun disturb(const Position& position, const std::function<bool(Tracee& run)>& strike) {
-    SharedFlag met;
+FaultyRun disturb(const Position& position,
+                  const std::function<bool(Tracee& run, StrikeLog& log)>& strike) {
+    StrikeLog log;
     const Outcome outcome = watched([&] {
         stayOnThisProcessor();
         Tracee run([] {});
-        if (reach(run, position) && strike(run))
-            met.set();
+        if (reach(run, position) && strike(run, log))
+            log.setMet();
         ::_exit(run.end());
     });
-    return {outcome, met.isSet()};
+    return {outcome, log.isMet(), log.unread()};
 }
 
 /// Into a pipe, as under the watchdog: the C library looks closer at a device. The run holds both
@@ -332,13 +325,15 @@ bool goTo(Tracee& run, const std::function<bool(const Call&)>& isOfTheKind) {
 }
 
 /// From the entry of a call to its exit, with this error as its result.
-void failCall(Tracee& run, int error) {
+void failCall(Tracee& run, int error, StrikeLog& log) {
     const long number = run.call().number;
+    if (reads(number))
+        log.noteUnread(run.object());
     if (number == SYS_brk) {
         failToMoveEnd(run);
         return;
     }
-    if (!isAmong(number, RELEASING))
+    if (!releases(number))
         run.skipCall();
     if (run.goOn())
         run.setResult(-error);
@@ -360,14 +355,14 @@ std::vector<Call> callsOfRun() {
     return calls;
 }
 
-void observeRun(const std::function<void()>& look) {
+void observeRun(const std::function<void(const Call&)>& look) {
     Tracee run(loseStreams);
     while (run.goToNext())
-        look();
+        look(run.call());
 }
 
 FaultyRun killAt(const Position& position, Moment moment) {
-    return disturb(position, [moment](Tracee& run) {
+    return disturb(position, [moment](Tracee& run, StrikeLog& /*log*/) {
         if (moment == Moment::exit)
             (void)run.goOn();
         run.kill();
@@ -381,12 +376,12 @@ FaultyRun failAt(const Position& position, int error) {
 
 FaultyRun failFrom(const Position& position, int error, std::size_t further,
                    const std::function<bool(const Call&)>& isOfTheKind) {
-    return disturb(position, [&](Tracee& run) {
+    return disturb(position, [&](Tracee& run, StrikeLog& log) {
         if (!run.call().mayFail)
             return false;
-        failCall(run, error);
+        failCall(run, error, log);
         for (std::size_t left = further; left > 0 && goTo(run, isOfTheKind); --left)
-            failCall(run, error);
+            failCall(run, error, log);
         return true;
     });
 }

@@ -41,8 +41,9 @@ struct Call {
 /// The calls of an undisturbed run, in their order.
 std::vector<Call> callsOfRun();
 
-/// An undisturbed run whose streams go nowhere; `look` is called after each of its calls.
-void observeRun(const std::function<void()>& look);
+/// An undisturbed run whose streams go nowhere; `look` is called before each of its calls but the
+/// first.
+void observeRun(const std::function<void(const Call&)>& look);
 
 enum class Moment {
     entry,  // before the call is executed
@@ -51,7 +52,8 @@ enum class Moment {
 
 struct FaultyRun {
     Outcome outcome;
-    bool met = false;  // false when the run had no such call
+    bool met = false;                 // false when the run had no such call
+    std::vector<std::string> unread;  // the paths whose looks and reads were made to fail
 };
 
 /// Kills the run at a call.

@@ -24,7 +24,7 @@ std::map<std::string, std::set<std::string>> watchDeliveryFiles(const Snapshot& 
     std::set<std::string> paths;
     for (const auto& [path, content] : deliveryFiles(after.storage))
         paths.insert(path);
-    observeRun([&] {
+    observeRun([&](const Call& /*next*/) {
         for (const std::string& path : paths) {
             const Tree file = readTree(test::MAILNAMES + "/" + path);
             if (!file.empty())
