@@ -66,5 +66,6 @@ void standardStreams(World& world, Report& report, const Selection& selection);
 void plantedTraps(World& world, Report& report, const Selection& selection);
 void races(World& world, Report& report, const Selection& selection);
 void hostileRows(World& world, Report& report, const Selection& selection);
+void deliveries(World& world, Report& report, const Selection& selection);
 
 }  // namespace corvo::faults
