@@ -297,17 +297,18 @@ ssize_t readTrustedLink(int base, const char* path, char* target, std::size_t si
                : refuse(ELOOP);
 }
 
-int status(int base, const char* path, struct stat& result) noexcept {
+int status(int base, const char* path, struct stat& result, LastLink last) noexcept {
     if (std::strchr(path, '/') == nullptr) {
         struct stat seen = {};
         if (::fstatat(base, path, &seen, AT_SYMLINK_NOFOLLOW) != 0)
             return -1;
-        if (!S_ISLNK(seen.st_mode)) {
+        if (last == LastLink::keep || !S_ISLNK(seen.st_mode)) {
             result = seen;
             return 0;
         }
     }
-    const UniqueFd entry = openTrusted(base, path, O_PATH | O_CLOEXEC);
+    const int keeping = last == LastLink::keep ? O_NOFOLLOW : 0;
+    const UniqueFd entry = openTrusted(base, path, O_PATH | O_CLOEXEC | keeping);
     return entry ? ::fstat(entry.get(), &result) : -1;
 }
 

@@ -88,8 +88,9 @@ void setStorageOwner(OwnerTest isOwner) noexcept;
 [[nodiscard]] ssize_t readTrustedLink(int base, const char* path, char* target,
                                       std::size_t size) noexcept;
 
-/// stat, with trusted links followed.
-[[nodiscard]] int status(int base, const char* path, struct stat& result) noexcept;
+/// stat, with trusted links followed; with LastLink::keep lstat.
+[[nodiscard]] int status(int base, const char* path, struct stat& result,
+                         LastLink last = LastLink::follow) noexcept;
 
 /// What setOwnerAndMode does, in this order.
 enum class PermissionStep { open, chown, chmod };

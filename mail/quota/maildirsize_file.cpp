@@ -171,7 +171,7 @@ bool holds(int file, std::string_view text) noexcept {
 bool leave_alone(uid_t uid, gid_t gid, const MaildirsizeLimits& limits,
                  std::optional<Count>& count) noexcept {
     struct stat seen = {};
-    if (::fstatat(AT_FDCWD, MAILDIRSIZE, &seen, AT_SYMLINK_NOFOLLOW) != 0)
+    if (safe_path::status(AT_FDCWD, MAILDIRSIZE, seen, safe_path::LastLink::keep) != 0)
         return false;
     const Ownership wanted = maildirsizeOwnership(uid, gid);
     if (fileDifferences(seen, wanted).any())
@@ -206,7 +206,7 @@ Ownership maildirsizeOwnership(uid_t uid, gid_t gid) noexcept {
 
 SeenMaildirsize lookAtMaildirsize(const Ownership& wanted, std::string_view text) noexcept {
     struct stat seen = {};
-    UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_RDONLY, 0, seen);
+    UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_RDONLY | O_NOFOLLOW, 0, seen);
     if (!file)
         return {UniqueFd(), differences_of_unopened(errno)};
     Differences differences = fileDifferences(seen, wanted);

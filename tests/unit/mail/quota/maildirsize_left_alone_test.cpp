@@ -220,11 +220,17 @@ const Damage DAMAGES[] = {
     {"long",
      {.contents = true},
      [](const std::string& file) { rewrite(file, contentsOf(file) + std::string(9000, '\n')); }},
-    {"link",
+    {"link of popuser",
      {.kind = true},
      [](const std::string& file) {
          std::filesystem::rename(file, file + ".target");
          makeLink("maildirsize.target", file, POPUSER_UID);
+     }},
+    {"link of root",
+     {.kind = true},
+     [](const std::string& file) {
+         std::filesystem::rename(file, file + ".target");
+         makeLink("maildirsize.target", file);
      }},
     {"pipe",
      {.kind = true},
