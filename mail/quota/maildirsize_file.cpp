@@ -166,8 +166,8 @@ bool holds(int file, std::string_view text) noexcept {
     return length >= 0 && std::string_view(found, static_cast<std::size_t>(length)) == text;
 }
 
-/// Leaves a file that is right as it is, but for its times. The Maildir is counted only for one
-/// that might be, and `count` then set in any case.
+/// Leaves a file that is right as it is, but for its times. The Maildir is counted, into `count`,
+/// only where nothing but the contents could differ.
 bool leave_alone(uid_t uid, gid_t gid, const MaildirsizeLimits& limits,
                  std::optional<Count>& count) noexcept {
     struct stat seen = {};
