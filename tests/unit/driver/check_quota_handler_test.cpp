@@ -11,9 +11,9 @@
 #include "tests/support/sandbox.h"
 #include "tests/support/sqlite.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using Rows = std::vector<std::string>;
 
 const std::string FOREIGN =
@@ -113,3 +113,4 @@ TEST_F(CheckQuotaHandlerTest, MissingDatabaseIsReportedByEachStep) {
 }
 
 }  // namespace
+}  // namespace corvo::test

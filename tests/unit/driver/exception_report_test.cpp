@@ -10,10 +10,9 @@
 #include "tests/support/capture.h"
 #include "utils/traceback.h"
 
-namespace corvo {
+namespace corvo::test {
 namespace {
 
-using test::StreamCapture;
 using ::testing::StartsWith;
 
 void report(const std::exception& e) {
@@ -66,4 +65,4 @@ TEST(ReportUntypedExceptionTest, WritesItsOneLine) {
 }
 
 }  // namespace
-}  // namespace corvo
+}  // namespace corvo::test

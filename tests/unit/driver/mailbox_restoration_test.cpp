@@ -14,13 +14,12 @@
 #include "tests/support/sandbox.h"
 #include "utils/system_error.h"
 
-namespace corvo {
+namespace corvo::test {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
-using namespace test;  // NOLINT(google-build-using-namespace): the test's own vocabulary
 
 // The last would be "info" to whoever reads a text up to its first zero byte.
 const std::vector<std::string> NO_PATH_COMPONENTS = {
@@ -226,4 +225,4 @@ TEST_F(MailboxRestorationTest, AHandlerThatCannotBeReplacedIsAFailure) {
 }
 
 }  // namespace
-}  // namespace corvo
+}  // namespace corvo::test

@@ -19,10 +19,8 @@
 #include "tests/support/sandbox.h"
 #include "utils/guards.h"
 
-namespace corvo {
+namespace corvo::test {
 namespace {
-
-using namespace test;  // NOLINT(google-build-using-namespace): the test's own vocabulary
 
 int doMain(std::vector<std::string> arguments) {
     std::vector<char*> argv;
@@ -106,4 +104,4 @@ TEST_F(RunTest, AConnectionThatCannotBeOpenedIsThrown) {
 }
 
 }  // namespace
-}  // namespace corvo
+}  // namespace corvo::test

@@ -6,9 +6,8 @@
 
 #include "tests/unit/restore/walk_fixture.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 class DomainCycleTest : public WalkTest {
 protected:
@@ -353,3 +352,4 @@ TEST_F(DomainCycleTest, ConnectionThatIsKilledLeavesTheStoredDomainsReadable) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -5,9 +5,8 @@
 #include "tests/support/killed_connection.h"
 #include "tests/unit/restore/walk_fixture.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 class MailnameCycleTest : public WalkTest {
 protected:
@@ -327,3 +326,4 @@ TEST_F(MailnameCycleTest, ConnectionThatIsKilledBetweenTwoStatementsIsAWarning) 
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -6,9 +6,9 @@
 
 #include "tests/support/capture.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::restore::numberOrWarn;
 using corvo::mail::restore::Quoted;
 
@@ -51,3 +51,4 @@ TEST(NumbersTest, RangeIsThatOfTheType) {
 }
 
 }  // namespace
+}  // namespace corvo::test

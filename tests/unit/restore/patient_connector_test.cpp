@@ -18,7 +18,6 @@
 
 namespace {
 
-using namespace corvo::test;
 using namespace std::chrono_literals;
 using corvo::mail::restore::PatientConnector;
 using corvo::mail::restore::walkMailServerEntities;
@@ -58,6 +57,7 @@ MYSQL* STDCALL mysql_real_connect(MYSQL* handle, const char* host, const char* u
 
 }  // extern "C"
 
+namespace corvo::test {
 namespace {
 
 using Pauses = std::vector<nanoseconds>;
@@ -265,3 +265,4 @@ TEST_F(PatientWalkTest, ConnectionOfTheWalkItselfIsNotWaitedFor) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -13,8 +13,6 @@
 
 namespace {
 
-using namespace corvo::test;
-
 /// In statements that contain `marker` each `from` becomes `to`. None while the marker is empty.
 struct Rewriting {
     std::string marker;
@@ -47,6 +45,7 @@ extern "C" int STDCALL mysql_real_query(MYSQL* handle, const char* text, unsigne
     return original(handle, statement.data(), statement.size());
 }
 
+namespace corvo::test {
 namespace {
 
 class ResultFailuresTest : public WalkTest {
@@ -228,3 +227,4 @@ TEST_F(ResultFailuresTest, ColumnMissingFromAParameterIsADatabaseError) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -5,9 +5,9 @@
 #include "restore/stage.h"
 #include "tests/unit/restore/walk_fixture.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::restore::CycleLabel;
 using corvo::mail::restore::isDebug;
 using corvo::mail::restore::Row;
@@ -99,3 +99,4 @@ TEST_F(RowsTest, FetchOnceGivesTheFirstRow) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -6,9 +6,9 @@
 
 #include "tests/unit/restore/walk_fixture.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::restore::MailsrvEntitiesCallbacks;
 
 class ServerListsTest : public WalkTest {
@@ -211,3 +211,4 @@ TEST_F(ServerListsTest, RblServersThatAreRefusedFailTheStep) {
 }
 
 }  // namespace
+}  // namespace corvo::test

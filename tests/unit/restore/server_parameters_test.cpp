@@ -4,9 +4,9 @@
 
 #include "tests/unit/restore/walk_fixture.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using namespace corvo::mail::restore;
 using corvo::mysql::Connection;
 using corvo::mysql::Field;
@@ -140,3 +140,4 @@ TEST_F(ServerParametersTest, BoolThatCannotBeReadIsTheDefaultWithAWarning) {
 }
 
 }  // namespace
+}  // namespace corvo::test

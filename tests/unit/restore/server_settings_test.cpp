@@ -4,9 +4,8 @@
 
 #include "tests/unit/restore/walk_fixture.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 class ServerSettingsTest : public WalkTest {
 protected:
@@ -287,3 +286,4 @@ TEST_F(ServerSettingsTest, RecipientCanonicalMapIsRestoredWithoutADatabase) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -7,10 +7,10 @@
 
 #include "tests/support/capture.h"
 
+namespace corvo::test {
 namespace {
 
 using namespace corvo::mail::restore;
-using corvo::test::StreamCapture;
 
 void succeed() {}
 
@@ -119,3 +119,4 @@ TEST_F(StageTest, ForeignExceptionsPassEveryRunner) {
 }
 
 }  // namespace
+}  // namespace corvo::test

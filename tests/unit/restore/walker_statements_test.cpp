@@ -8,9 +8,8 @@
 #include "tests/support/general_log.h"
 #include "tests/unit/restore/walk_fixture.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 using WalkerStatementsTest = FullWalkTest;
 
@@ -125,3 +124,4 @@ TEST_F(WalkerStatementsTest, ConnectionInPlaceOfALostOneIsAskedForItsCharactersA
 }
 
 }  // namespace
+}  // namespace corvo::test

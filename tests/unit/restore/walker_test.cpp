@@ -13,9 +13,9 @@
 #include "tests/support/killed_connection.h"
 #include "tests/unit/restore/walk_fixture.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::restore::walkMailServerEntities;
 using corvo::mysql::Connection;
 
@@ -374,3 +374,4 @@ TEST_F(WalkerTest, SlotsThatDoNotFeedTheDomainCycleDoNotRunIt) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -16,8 +16,7 @@
 #include "tests/support/sandbox.h"
 #include "utils/guards.h"
 
-using namespace corvo::test;
-
+namespace corvo::test {
 namespace {
 
 class AccountsTest : public LoggingTest {};
@@ -37,8 +36,6 @@ ProcessResult runWithUnreadableDatabases(const std::function<void()>& body) {
         body();
     });
 }
-
-}  // namespace
 
 TEST_F(AccountsTest, PopuserIsKnownByItsUid) {
     EXPECT_TRUE(is_popuser(POPUSER_UID));
@@ -183,3 +180,6 @@ TEST_F(AccountsTest, UserNameOf4095BytesIsWholeAndALongerOneIsCut) {
     EXPECT_EQ(get_user_name(2001), longest);
     EXPECT_EQ(get_user_name(2002), longest);
 }
+
+}  // namespace
+}  // namespace corvo::test

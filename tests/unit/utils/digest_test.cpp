@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+namespace corvo::test {
 namespace {
 
 struct Case {
@@ -24,8 +25,6 @@ constexpr Case CASES[] = {
      "57edf4a22be3c955ac49da2e2107b67a"},
 };
 
-}  // namespace
-
 TEST(DigestTest, IsThatOfPrefixAndTextTogether) {
     for (const Case& c : CASES) {
         char out[MD5_HEX_SIZE];
@@ -40,3 +39,6 @@ TEST(DigestTest, FillsExactlyTheGivenBuffer) {
     EXPECT_EQ(out[MD5_HEX_SIZE - 1], '\0');
     EXPECT_EQ(out[MD5_HEX_SIZE], '#');
 }
+
+}  // namespace
+}  // namespace corvo::test

@@ -22,9 +22,7 @@
 #include "utils/guards.h"
 #include "utils/safe_path.h"
 
-using namespace corvo::test;
-using corvo::UniqueCString;
-
+namespace corvo::test {
 namespace {
 
 const std::string DIR_PATH = MAILNAMES + "/d";
@@ -44,8 +42,6 @@ std::string found(char* path) {
     const UniqueCString owner(path);
     return path != nullptr ? path : "";
 }
-
-}  // namespace
 
 TEST_F(DirectoriesTest, MakeDirGivesOwnerAndModeWhateverTheUmask) {
     ::umask(077);
@@ -384,3 +380,6 @@ TEST_F(DirectoriesTest, NoDescriptorStaysBehind) {
     (void)found(find_case_file_in_dir(DIR_PATH.c_str(), "E"));
     EXPECT_EQ(openDescriptors(), before);
 }
+
+}  // namespace
+}  // namespace corvo::test

@@ -20,8 +20,7 @@
 #include "tests/support/second_process.h"
 #include "utils/guards.h"
 
-using namespace corvo::test;
-
+namespace corvo::test {
 namespace {
 
 // MD5 of "/x".
@@ -61,8 +60,6 @@ private:
 };
 
 class FileLockTest : public LoggingTest {};
-
-}  // namespace
 
 TEST_F(FileLockTest, LockFileIsNamedAfterTheDigestOfThePath) {
     EXPECT_EQ(lockPathOf("/x"), LOCK_OF_X);
@@ -284,3 +281,6 @@ TEST_F(FileLockTest, NoDescriptorStaysBehind) {
     }
     EXPECT_EQ(openDescriptors(), before);
 }
+
+}  // namespace
+}  // namespace corvo::test

@@ -23,16 +23,12 @@
 #include "tests/support/sandbox.h"
 #include "utils/guards.h"
 
-using namespace corvo::test;
-using corvo::UniqueFd;
-
+namespace corvo::test {
 namespace {
 
 const std::string PATH = MAILNAMES + "/file";
 
 class FilesTest : public LoggingTest {};
-
-}  // namespace
 
 TEST_F(FilesTest, PermissionsAreSet) {
     writeFile(PATH, "");
@@ -327,3 +323,6 @@ TEST_F(FilesTest, NoDescriptorStaysBehind) {
     (void)message();
     EXPECT_EQ(openDescriptors(), before);
 }
+
+}  // namespace
+}  // namespace corvo::test

@@ -15,8 +15,8 @@
 #include "tests/support/sandbox.h"
 
 using namespace corvo;
-using namespace corvo::test;
 
+namespace corvo::test {
 namespace {
 
 class GuardsTest : public SandboxTest {};
@@ -32,8 +32,6 @@ bool isOpen(int fd) {
 template <typename Guard>
 constexpr bool isNeverCopied =
     !std::is_copy_constructible_v<Guard> && !std::is_copy_assignable_v<Guard>;
-
-}  // namespace
 
 static_assert(isNeverCopied<ErrnoGuard> && isNeverCopied<UniqueFd> && isNeverCopied<UniqueFile> &&
               isNeverCopied<UniqueCString> && isNeverCopied<UmaskGuard> &&
@@ -237,3 +235,6 @@ TEST_F(GuardsTest, WorkingDirectoryThatCannotBeRememberedIsSaid) {
     }
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
 }
+
+}  // namespace
+}  // namespace corvo::test

@@ -17,9 +17,8 @@
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 const std::string DEFAULT_DELIVERY = "/var/qmail/mailnames/.default_delivery";
 
@@ -240,3 +239,4 @@ TEST_F(DefaultDeliveryTest, LinesThatDoNotFitAreRemoved) {
 }
 
 }  // namespace
+}  // namespace corvo::test

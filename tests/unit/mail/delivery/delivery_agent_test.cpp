@@ -10,9 +10,8 @@
 #include "tests/support/logging.h"
 #include "tests/support/sandbox.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 const std::string DELIVERQUOTA = "/usr/bin/deliverquota";
 const std::string DOVECOT_LDA = "/usr/libexec/dovecot/dovecot-lda";
@@ -97,3 +96,4 @@ TEST_F(DeliveryAgentTest, FailureIsNotRemembered) {
 }
 
 }  // namespace
+}  // namespace corvo::test

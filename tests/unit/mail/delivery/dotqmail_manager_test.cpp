@@ -14,10 +14,9 @@
 #include "tests/support/sandbox.h"
 #include "utils/system_error.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
-using corvo::SystemError;
 using corvo::mail::DotQMailManager;
 using corvo::mail::MaildirManager;
 using corvo::mail::Mailname;
@@ -205,3 +204,4 @@ TEST_F(DotQMailManagerTest, HomesOfOddNamesAreRefusedAndNothingIsTouched) {
 }
 
 }  // namespace
+}  // namespace corvo::test

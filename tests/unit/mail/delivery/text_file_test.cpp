@@ -12,9 +12,8 @@
 #include "tests/support/logging.h"
 #include "tests/support/sandbox.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 const std::string FILE_PATH = MAILNAMES + "/file";
 
@@ -107,3 +106,4 @@ TEST_F(TextFileTest, ForeignHardLinkIsRefused) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -12,9 +12,8 @@
 #include "tests/support/sandbox.h"
 #include "tests/support/sqlite.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 class MailHandlerTest : public LoggingTest {
 protected:
@@ -205,3 +204,4 @@ TEST_F(MailHandlerTest, ReportsRecordThatCannotBeCopied) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -25,9 +25,9 @@
 #include "utils/guards.h"
 #include "utils/log.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using Rows = std::vector<std::string>;
 
 const std::string FOLDER = "/var/lib/corvo/mail/handlers";
@@ -237,3 +237,4 @@ TEST_F(MailHandlersCreationTest, ScriptThatWaitedForLockRunsOnce) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -11,9 +11,8 @@
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 std::string repeated(const std::string& text, int times) {
     std::string result;
@@ -204,3 +203,4 @@ TEST(PathComponentTest, IsANameThatADirectoryCanHave) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -47,9 +47,8 @@ extern "C" ssize_t getdents64(int directory, void* buffer, std::size_t size) {
     return -1;
 }
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 constexpr std::time_t PAST = 1000000000;
 
@@ -466,3 +465,4 @@ TEST_F(MaildirUsageTest, DeliveriesMeanwhileDoNotDisturbTheCount) {
 }
 
 }  // namespace
+}  // namespace corvo::test

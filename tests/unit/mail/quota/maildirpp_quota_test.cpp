@@ -17,9 +17,8 @@
 #include "tests/support/sandbox.h"
 #include "tests/unit/mail/quota/maildir_fixture.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 const std::string WARNING = "WARNING: @attachments directory is big enough to disable delivery!\n";
 
@@ -481,3 +480,4 @@ TEST_F(OverQuotaTest, WithoutLimitsNothingIsOverQuota) {
 }
 
 }  // namespace
+}  // namespace corvo::test

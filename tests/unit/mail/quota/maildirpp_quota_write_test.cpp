@@ -64,6 +64,7 @@ extern "C" int gethostname(char* name, std::size_t size) noexcept {
     return onGethostname ? onGethostname(name, size) : real(name, size);
 }
 
+namespace corvo::test {
 namespace {
 
 constexpr std::time_t FUTURE = 4000000000;
@@ -497,3 +498,4 @@ TEST_F(WriteMaildirsizeTest, LinksOfRootAreFollowed) {
 }
 
 }  // namespace
+}  // namespace corvo::test

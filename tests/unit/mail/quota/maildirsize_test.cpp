@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+namespace corvo::test {
 namespace {
 
 struct Line {
@@ -225,3 +226,4 @@ TEST(MaildirsizeContentTest, TheLongestNumbersFit) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -21,9 +21,9 @@
 #include "tests/support/sqlite_faults.h"
 #include "utils/guards.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::HARDENED_VFS;
 using corvo::mail::MailUserDbHelper;
 using corvo::mail::registerHardenedVfs;
@@ -347,3 +347,4 @@ TEST_F(SqliteHardeningTest, HardeningTwiceIsHardeningOnce) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -19,9 +19,9 @@
 #include "tests/support/sqlite.h"
 #include "tests/support/sqlite_faults.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::MailUserDbHelper;
 using corvo::mail::SqliteAccess;
 using corvo::mail::SqliteSession;
@@ -175,3 +175,4 @@ TEST_F(SqliteNeighboursFirstTest, KeepSystemCallsOfTheirOwn) {
 }
 
 }  // namespace
+}  // namespace corvo::test

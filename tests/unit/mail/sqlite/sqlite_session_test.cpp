@@ -35,9 +35,9 @@ extern "C" int nanosleep(const timespec* span, timespec* left) {
     return -1;
 }
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::SqliteAccess;
 using corvo::mail::SqliteSession;
 using corvo::mail::SqliteStatement;
@@ -402,3 +402,4 @@ TEST_F(LockedSqliteTest, ScriptThatMetReaderAtItsEndRunsOnce) {
 }
 
 }  // namespace
+}  // namespace corvo::test
