@@ -74,14 +74,16 @@ void clear() {
     record().isFull = false;
 }
 
-LoggedLines take(bool alsoHeldBack) {
+enum class Wanted { all, printed };
+
+LoggedLines take(Wanted wanted) {
     EXPECT_FALSE(record().isFull) << "more was logged than can be noted";
     LoggedLines lines;
     const char* const end = record().lines + record().used;
     for (const char* line = record().lines; line != end; line += std::string(line).size() + 1) {
         char* text = nullptr;
         const long priority = std::strtol(line + 1, &text, 10);
-        if (*line == '+' || alsoHeldBack)
+        if (*line == '+' || wanted == Wanted::all)
             lines.emplace_back(text + 1, static_cast<int>(priority));
     }
     clear();
@@ -118,11 +120,11 @@ LogRecorder::~LogRecorder() {
 }
 
 LoggedLines LogRecorder::all() {
-    return take(true);
+    return take(Wanted::all);
 }
 
 LoggedLines LogRecorder::printed() {
-    return take(false);
+    return take(Wanted::printed);
 }
 
 void LoggingTest::expectLogged(const LoggedLines& lines) {
