@@ -37,10 +37,10 @@ TEST_F(RaceTest, PlantedLinkIsPopusers) {
 TEST_F(RaceTest, RaceGoesOnUntilBothEndsWereSeen) {
     Outcomes seen;
     for (int i = 0; i < 300; ++i)
-        seen.note(true);
+        seen.note(/*done=*/true);
     EXPECT_FALSE(seen.both());
     EXPECT_TRUE(seen.wantsMore());
-    seen.note(false);
+    seen.note(/*done=*/false);
     EXPECT_TRUE(seen.both());
     EXPECT_FALSE(seen.wantsMore());
 }
