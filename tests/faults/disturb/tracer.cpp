@@ -355,10 +355,11 @@ std::vector<Call> callsOfRun() {
     return calls;
 }
 
-void observeRun(const std::function<void(const Call&)>& look) {
+int observeRun(const std::function<void(const Call&)>& look) {
     Tracee run(loseStreams);
     while (run.goToNext())
         look(run.call());
+    return run.end();
 }
 
 FaultyRun killAt(const Position& position, Moment moment) {

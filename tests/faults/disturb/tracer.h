@@ -42,8 +42,8 @@ struct Call {
 std::vector<Call> callsOfRun();
 
 /// An undisturbed run whose streams go nowhere; `look` is called before each of its calls but the
-/// first.
-void observeRun(const std::function<void(const Call&)>& look);
+/// first. Returns its exit status, or 128 + the signal that ended it.
+int observeRun(const std::function<void(const Call&)>& look);
 
 enum class Moment {
     entry,  // before the call is executed

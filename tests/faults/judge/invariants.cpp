@@ -86,18 +86,6 @@ void checkRows(const Rows& before, const Rows& wanted, const Rows& after, Violat
     }
 }
 
-void checkDatabases(const Golden& golden, const Snapshot& before, const Snapshot& after,
-                    Violations& found) {
-    if (!after.integrity.empty())
-        found.push_back("I4 integrity_check: " + after.integrity);
-    const auto check = [&](std::string Snapshot::*rows, int keys) {
-        checkRows(rowsByKey(before.*rows, keys), rowsByKey(golden.after.*rows, keys),
-                  rowsByKey(after.*rows, keys), found);
-    };
-    check(&Snapshot::quotaRows, 2);
-    check(&Snapshot::handlerRows, 4);
-}
-
 bool isDatabase(const std::string& path) {
     const std::string whole = "/var/lib/corvo/" + path;
     return whole == test::USERDB || whole == test::HANDLERS;
@@ -218,6 +206,18 @@ bool isKilled(const Outcome& outcome) {
 }
 
 }  // namespace
+
+void checkDatabases(const Golden& golden, const Snapshot& before, const Snapshot& after,
+                    Violations& found) {
+    if (!after.integrity.empty())
+        found.push_back("I4 integrity_check: " + after.integrity);
+    const auto check = [&](std::string Snapshot::*rows, int keys) {
+        checkRows(rowsByKey(before.*rows, keys), rowsByKey(golden.after.*rows, keys),
+                  rowsByKey(after.*rows, keys), found);
+    };
+    check(&Snapshot::quotaRows, 2);
+    check(&Snapshot::handlerRows, 4);
+}
 
 Violations checkAfterFault(const Golden& golden, const Snapshot& before, const Snapshot& after,
                            const Outcome& outcome, const Expectation& expectation) {

@@ -26,6 +26,10 @@ bool isOwnedByUnknown(const std::string& path, const Entry& now, const Outcome& 
 std::vector<std::string> unreported(const Golden& golden, const Snapshot& after,
                                     const Outcome& outcome);
 
+/// I4 of what a faulty run leaves.
+void checkDatabases(const Golden& golden, const Snapshot& before, const Snapshot& after,
+                    Violations& found);
+
 /// I9 of what the run after a fault leaves.
 void checkRepaired(const Golden& golden, const Snapshot& repaired, Violations& found);
 

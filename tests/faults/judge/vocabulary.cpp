@@ -66,7 +66,7 @@ bool isIn(const std::string& folder, const std::string& path) {
 std::string shown(const std::string& text) {
     std::string line;
     for (const char c : text.substr(0, SHOWN))
-        line += c == '\n' ? std::string("\\n") : std::string(1, c);
+        line += c == '\n' ? "\\n" : c == '\0' ? "\\0" : std::string(1, c);
     return "<" + line + (text.size() > SHOWN ? "...>" : ">");
 }
 

@@ -26,6 +26,10 @@ void Report::tried(const std::string& point, const Violations& violations) {
                   << std::endl;
 }
 
+void Report::skip(const std::string& what, const std::string& reason) const {
+    std::cout << "SKIPPED " << mechanism_ << ' ' << what << ": " << reason << std::endl;
+}
+
 void Report::add(const std::string& figure, std::size_t count) {
     figures_[figure] += count;
 }

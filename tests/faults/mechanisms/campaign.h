@@ -32,6 +32,8 @@ public:
     bool wants(const std::string& point, bool inQuick = true);
     /// What came of it.
     void tried(const std::string& point, const Violations& violations);
+    /// Says why points cannot be tried here.
+    void skip(const std::string& what, const std::string& reason) const;
     /// A number beside the points ("runs that met the link"); added up over jobs by script/faults.
     void add(const std::string& figure, std::size_t count);
 
@@ -66,6 +68,7 @@ void standardStreams(World& world, Report& report, const Selection& selection);
 void plantedTraps(World& world, Report& report, const Selection& selection);
 void races(World& world, Report& report, const Selection& selection);
 void hostileRows(World& world, Report& report, const Selection& selection);
+void powerCuts(World& world, Report& report, const Selection& selection);
 void deliveries(World& world, Report& report, const Selection& selection);
 
 }  // namespace corvo::faults

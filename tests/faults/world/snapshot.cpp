@@ -273,11 +273,16 @@ void restoreSandbox(const Snapshot& wanted) {
 }
 
 Snapshot Snapshot::take() {
-    Snapshot snapshot;
-    snapshot.storage = readTree(test::MAILNAMES);
-    snapshot.databases = readTree(DATABASES);
+    Snapshot snapshot = of(readTree(test::MAILNAMES), readTree(DATABASES));
     snapshot.locks = readTree(LOCKS);
     snapshot.canary = readCanary();
+    return snapshot;
+}
+
+Snapshot Snapshot::of(Tree storage, Tree databases) {
+    Snapshot snapshot;
+    snapshot.storage = std::move(storage);
+    snapshot.databases = std::move(databases);
     const DatabaseReading quotas =
         readDatabase(snapshot.databases, test::USERDB,
                      "SELECT domain_name, mailbox_name, quota FROM mailbox_quota ORDER BY 1, 2");

@@ -38,6 +38,9 @@ struct Snapshot {
     /// Reads the sandbox. The SQLite files are read from copies (with their journals, so that a
     /// killed run's transaction is rolled back in the copy only). Throws std::system_error.
     static Snapshot take();
+
+    /// What these trees hold, and the rows in them; no locks and no canary.
+    static Snapshot of(Tree storage, Tree databases);
 };
 
 /// Everything else in the sandbox that a run could reach.

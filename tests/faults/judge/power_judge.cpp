@@ -1,0 +1,83 @@
+#include "tests/faults/judge/power_judge.h"
+
+#include "tests/faults/judge/judgement.h"
+#include "tests/faults/judge/keeps_delivering.h"
+#include "tests/faults/judge/tree_comparison.h"
+
+namespace corvo::faults {
+
+namespace {
+
+/// Whether a power cut has to leave this whole.
+bool isReplacedAtOnce(const std::string& path) {
+    return path.ends_with("/.qmail") || path.ends_with("/maildirsize");
+}
+
+bool hasSameContent(const Entry* one, const Entry* other) {
+    if (one == nullptr || other == nullptr)
+        return one == other;
+    return one->content == other->content;
+}
+
+std::string difference(const std::string& path, const Entry* start, const Entry* found) {
+    return "I12 " + path + ": " + shown(start) + " became " + shown(found);
+}
+
+/// Whether a group's .qmail has been like this when some of its forwards were there.
+bool isOnTheWay(const std::string& path, const Entry* wanted, const Entry* now,
+                const Stood& stood) {
+    const bool isGroup = wanted != nullptr && wanted->content.find("\n&") != std::string::npos;
+    const auto contents = stood.find(path);
+    return isGroup && now != nullptr && now->content.ends_with('\n') && contents != stood.end() &&
+           contents->second.contains(now->content);
+}
+
+Violations judgeFiles(const Tree& wanted, const Tree& start, const Tree& found,
+                      const Stood& stood) {
+    Violations violations;
+    compare(start, found, [&](const std::string& path, const Entry* former, const Entry* now) {
+        const Entry* shall = entryAt(wanted, path);
+        if (isReplacedAtOnce(path) && !hasSameContent(now, former) && !hasSameContent(now, shall) &&
+            !isOnTheWay(path, shall, now, stood))
+            violations.push_back(difference(path, former, now));
+    });
+    return violations;
+}
+
+Violations judgeMessages(const Tree& start, const Tree& found) {
+    Violations violations;
+    for (const auto& [path, former] : start)
+        if (isStoredMessage(path, former) && !hasSameContent(&former, entryAt(found, path)))
+            violations.push_back(difference(path, &former, entryAt(found, path)));
+    return violations;
+}
+
+Violations judgeDamage(const CutImage& image) {
+    if (image.damage.empty())
+        return {};
+    return {"I12 the file system is damaged: " + shown(image.damage)};
+}
+
+}  // namespace
+
+Violations judgeCut(const Golden& golden, const Snapshot& start, const Stood& stood,
+                    const CutImage& image) {
+    Violations violations = judgeDamage(image);
+    append(violations, judgeFiles(golden.after.storage, start.storage, image.found.storage, stood));
+    append(violations,
+           checkKeepsDelivering(start.storage, golden.after.storage, image.found.storage));
+    append(violations, judgeMessages(start.storage, image.found.storage));
+    checkDatabases(golden, start, image.found, violations);
+    return violations;
+}
+
+Violations judgeCutAfterEnd(const Golden& golden, const CutImage& image) {
+    Violations missing;
+    checkRepaired(golden, image.found, missing);
+    Violations violations = judgeDamage(image);
+    for (const std::string& what : missing)
+        violations.push_back("I12 not on the disk after the end: " + what);
+    return violations;
+}
+
+}  // namespace corvo::faults
