@@ -30,8 +30,7 @@ using Clock = std::chrono::steady_clock;
 /// How long a lock is held: several times what a run takes alone.
 constexpr milliseconds HOLD{400};
 
-constexpr unsigned QUICK_REPETITIONS = 1;
-constexpr unsigned FULL_REPETITIONS = 60;
+constexpr unsigned QUICK_ROUNDS = 1;
 
 struct CloseDatabase {
     void operator()(sqlite3* database) const { sqlite3_close(database); }
@@ -151,21 +150,28 @@ void heldNamedLocks(World& world, Report& report) {
 
 // --- other runs
 
+milliseconds headStart(std::size_t round) {
+    constexpr std::size_t LONGEST = 20;
+    return milliseconds(round % LONGEST);
+}
+
 std::string errorsOf(std::size_t companion) {
     return "/run/companion" + std::to_string(companion);
 }
 
-/// Runs with these modes at once, begun a little apart, as one: the first bad status, all errors.
-Outcome runsAtOnce(const std::vector<std::string>& modes, milliseconds apart) {
+/// Runs with these modes at once, each begun a little apart from the others, differently in each
+/// round, as one: the first bad status, all errors.
+Outcome runsAtOnce(const std::vector<std::string>& modes, unsigned round) {
     std::list<Background> companions;
     for (std::size_t i = 1; i < modes.size(); ++i)
         companions.emplace_back([&](const Background::Ready& ready) {
             ready();
+            std::this_thread::sleep_for(headStart(round / i));
             const Outcome outcome = undisturbedRun(modes[i]);
             test::writeFile(errorsOf(i), outcome.err);
             return outcome.status;
         });
-    std::this_thread::sleep_for(apart);
+    std::this_thread::sleep_for(headStart(round));
     Outcome all = undisturbedRun(modes[0]);
     std::size_t number = 0;
     for (Background& companion : companions) {
@@ -177,29 +183,44 @@ Outcome runsAtOnce(const std::vector<std::string>& modes, milliseconds apart) {
     return all;
 }
 
-const std::vector<std::string> COMPANIES[] = {
-    {"--all", "--all"},
-    {"--all", "--fast"},
-    {"--all", "--all", "--all"},
-    {"--all", "--all", "--fast"},
+struct Company {
+    std::vector<std::string> modes;
+    unsigned rounds;  // in a full campaign, for each start
+
+    std::string name() const {
+        std::string joined = "together";
+        for (const std::string& mode : modes)
+            joined += mode;
+        return joined;
+    }
 };
+
+const Company COMPANIES[] = {
+    {{"--all", "--all"}, 60},
+    {{"--all", "--fast"}, 60},
+    {{"--all", "--all", "--all"}, 300},
+    {{"--all", "--all", "--fast"}, 60},
+};
+
+const Company HANDLERS_ONLY = {{"--fast", "--fast"}, 60};
+
+/// Runs that only meet each other fail in nothing: all is restored when the last has ended.
+void meetings(Points& points, const Selection& selection, Start start, const Company& company) {
+    constexpr Expectation ALL_RESTORED = {.passes = true};
+    const bool hasAllRounds = selection.full || !selection.only.empty();
+    const unsigned rounds = hasAllRounds ? company.rounds : QUICK_ROUNDS;
+    for (unsigned round = 0; round < rounds; ++round)
+        points.attempt(
+            start, company.name() + "/" + std::to_string(round), true,
+            [&] { return runsAtOnce(company.modes, round); }, ALL_RESTORED);
+}
 
 void companies(World& world, Report& report, const Selection& selection) {
     Points points(world, report);
-    const unsigned repetitions = selection.full ? FULL_REPETITIONS : QUICK_REPETITIONS;
     for (const Start start : STARTS)
-        for (const std::vector<std::string>& modes : COMPANIES) {
-            std::string name = "together";
-            for (const std::string& mode : modes)
-                name += mode;
-            for (unsigned i = 0; i < repetitions; ++i)
-                points.attempt(start, name + "/" + std::to_string(i), true,
-                               [&] { return runsAtOnce(modes, milliseconds(i % 20)); });
-        }
-    for (unsigned i = 0; i < repetitions; ++i)
-        points.attempt(Start::restored, "together--fast--fast/" + std::to_string(i), true, [&] {
-            return runsAtOnce({"--fast", "--fast"}, milliseconds(i % 20));
-        });
+        for (const Company& company : COMPANIES)
+            meetings(points, selection, start, company);
+    meetings(points, selection, Start::restored, HANDLERS_ONLY);
 }
 
 }  // namespace
