@@ -73,7 +73,7 @@ protected:
 
 // --- what the right database holds
 
-TEST_F(OperationsPage, ShowsSomeMailNamesAndHowManyThereAre) {
+TEST_F(OperationsPageTest, ShowsSomeMailNamesAndHowManyThereAre) {
     auto domain = panel.domain("example.com");
     domain.mailname("info");
     domain.mailname("office");
@@ -235,7 +235,7 @@ TEST_F(OperationsPageTest, NamesTheMailNamesThatARunSkips) {
 
 // --- how far a run is
 
-TEST_F(OperationsPage, CountsTheMailNamesThatHadTheirTurn) {
+TEST_F(OperationsPageTest, CountsTheMailNamesThatHadTheirTurn) {
     loadSample(panel);
     const std::string log = "/run/rebuild.log";
     const ProcessResult rebuilt = run({"bash", "-c", mailRebuildBinary() + " --all 2>" + log});
@@ -250,7 +250,7 @@ TEST_F(OperationsPage, CountsTheMailNamesThatHadTheirTurn) {
 
 // --- whose line it is
 
-TEST_F(OperationsPage, FindsTheMailboxesThatRefuseAllMail) {
+TEST_F(OperationsPageTest, FindsTheMailboxesThatRefuseAllMail) {
     auto domain = panel.domain("example.com");
     domain.mailname("info").quota(1000);
     domain.mailname("former").quota(0);
@@ -268,7 +268,7 @@ TEST_F(OperationsPage, FindsTheMailboxesThatRefuseAllMail) {
     EXPECT_EQ(result.err, "");
 }
 
-TEST_F(OperationsPage, ShowsTheLinesOfADebugRunAsTheyAre) {
+TEST_F(OperationsPageTest, ShowsTheLinesOfADebugRunAsTheyAre) {
     panel.domain("example.com").mailname("info").quota(1048576);
     restore();
     const std::string attachment = MAILNAMES + "/example.com/info/@attachments/film";
@@ -282,7 +282,7 @@ TEST_F(OperationsPage, ShowsTheLinesOfADebugRunAsTheyAre) {
 
 // --- logging in to the panel database
 
-class LogIn : public OperationsPage {
+class LogInTest : public OperationsPageTest {
 protected:
     ProcessResult logIn() const {
         return run({"bash", "-c", commandsAfter("**To log in as the run does**")});
@@ -295,14 +295,14 @@ protected:
     }
 };
 
-TEST_F(LogIn, ReadsTheFilesThatTheRunReads) {
+TEST_F(LogInTest, ReadsTheFilesThatTheRunReads) {
     const ProcessResult result = logIn();
 
     EXPECT_EQ(result.out, identity());
     EXPECT_EQ(result.err, "");
 }
 
-TEST_F(LogIn, TakesThePasswordThatTheIniFileHas) {
+TEST_F(LogInTest, TakesThePasswordThatTheIniFileHas) {
     setDsn("  username =" + panel.user() + " ; the first counts\nusername = nobody\ndbname=" +
            panel.name() + "\r\npassword = " + password() + "\n");
     writeFile("/etc/vhc/.vhc.shadow", "wrong\n");
@@ -313,7 +313,7 @@ TEST_F(LogIn, TakesThePasswordThatTheIniFileHas) {
     EXPECT_EQ(result.err, "");
 }
 
-TEST_F(LogIn, TakesTheDefaultsForWhatNoFileSays) {
+TEST_F(LogInTest, TakesTheDefaultsForWhatNoFileSays) {
     std::filesystem::remove("/etc/vhc/private/dsn.ini");
     std::filesystem::remove("/etc/vhc/vhc.conf");
 
@@ -325,7 +325,7 @@ TEST_F(LogIn, TakesTheDefaultsForWhatNoFileSays) {
                                        " --socket=/var/lib/mysql/mysql.sock vhc -N -e"));
 }
 
-TEST_F(LogIn, TakesTheNetworkForAnotherHost) {
+TEST_F(LogInTest, TakesTheNetworkForAnotherHost) {
     setDsn("host = 192.0.2.1\nport = 3307\n");
 
     const ProcessResult result =
@@ -338,7 +338,7 @@ TEST_F(LogIn, TakesTheNetworkForAnotherHost) {
 
 // --- a database that cannot be opened
 
-TEST_F(OperationsPage, RollsBackTheJournalThatAKilledRunHasLeft) {
+TEST_F(OperationsPageTest, RollsBackTheJournalThatAKilledRunHasLeft) {
     panel.domain("example.com").mailname("info").quota(10485760);
     restore();
     const std::string journal = USERDB + "-journal";
@@ -356,7 +356,7 @@ TEST_F(OperationsPage, RollsBackTheJournalThatAKilledRunHasLeft) {
     EXPECT_THAT(quotaRows(), ElementsAre("example.com|info|10485760B"));
 }
 
-TEST_F(OperationsPage, PutsTheUserDatabaseBackOutOfWalMode) {
+TEST_F(OperationsPageTest, PutsTheUserDatabaseBackOutOfWalMode) {
     run({"sqlite3", USERDB, "PRAGMA journal_mode=WAL"});
 
     EXPECT_EQ(runCommandsAfter("3. **Somebody has put the user database into WAL mode**").out,
@@ -368,7 +368,7 @@ TEST_F(OperationsPage, PutsTheUserDatabaseBackOutOfWalMode) {
 
 // --- the files
 
-TEST_F(OperationsPage, NamesTheLockFileOfADeliveryFile) {
+TEST_F(OperationsPageTest, NamesTheLockFileOfADeliveryFile) {
     panel.domain("example.com").mailname("info");
     restore();
 

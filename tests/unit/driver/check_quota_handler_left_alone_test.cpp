@@ -13,13 +13,12 @@
 #include "tests/support/sandbox.h"
 #include "tests/support/sqlite.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
-
-class CheckQuotaHandlerLeftAlone : public SandboxTest {
+class CheckQuotaHandlerLeftAloneTest : public SandboxTest {
 protected:
-    CheckQuotaHandlerLeftAlone() { installMailServer(); }
+    CheckQuotaHandlerLeftAloneTest() { installMailServer(); }
 
     // From now on nothing can be changed there.
     static void makeReadOnly() {
@@ -29,7 +28,7 @@ protected:
     const StreamCapture nothingSaid_;
 };
 
-TEST_F(CheckQuotaHandlerLeftAlone, IsEveryPairOfSettings) {
+TEST_F(CheckQuotaHandlerLeftAloneTest, IsEveryPairOfSettings) {
     for (const int reject : {0, 1})
         for (const int permanent : {0, 1}) {
             SCOPED_TRACE(reject * 10 + permanent);
@@ -43,7 +42,7 @@ TEST_F(CheckQuotaHandlerLeftAlone, IsEveryPairOfSettings) {
         }
 }
 
-TEST_F(CheckQuotaHandlerLeftAlone, IsNoneWhereARecordDiffers) {
+TEST_F(CheckQuotaHandlerLeftAloneTest, IsNoneWhereARecordDiffers) {
     EXPECT_EQ(restore_check_quota_handler(1, 0), 0);
     for (const std::string change :
          {"UPDATE handlers SET protected = 1 WHERE name = 'check-quota' AND queue = 4",
@@ -64,3 +63,4 @@ TEST_F(CheckQuotaHandlerLeftAlone, IsNoneWhereARecordDiffers) {
 }
 
 }  // namespace
+}  // namespace corvo::test

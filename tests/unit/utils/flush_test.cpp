@@ -14,9 +14,8 @@
 #include "tests/support/sandbox.h"
 #include "utils/line_file.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
 
 const std::string PATH = "/var/lib/corvo/lines";
 
@@ -63,3 +62,4 @@ TEST_F(FlushTest, FileSystemThatFlushesNothingIsNoFailure) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -6,7 +6,8 @@
 #include "tests/support/process.h"
 #include "utils/guards.h"
 
-using namespace corvo::test;
+namespace corvo::test {
+namespace {
 
 TEST(FormatTest, FormattedStringIsAllocated) {
     const corvo::UniqueCString text(asprintf_safe("%s-%d", "text", 42));
@@ -35,3 +36,6 @@ TEST(FormatTest, FileTypesHaveNames) {
     EXPECT_STREQ(filetype_to_string(S_IFSOCK), "socket");
     EXPECT_STREQ(filetype_to_string(0644), "unknown");
 }
+
+}  // namespace
+}  // namespace corvo::test

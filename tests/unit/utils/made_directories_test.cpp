@@ -9,16 +9,14 @@
 #include "utils/guards.h"
 #include "utils/safe_path.h"
 
+namespace corvo::test {
 namespace {
-
-using namespace corvo::test;
-using corvo::UniqueFd;
 
 const std::string PARENT = "/var/qmail/made";
 
-class MadeDirectories : public SandboxTest {
+class MadeDirectoriesTest : public SandboxTest {
 protected:
-    MadeDirectories() { makeDirectory(PARENT); }
+    MadeDirectoriesTest() { makeDirectory(PARENT); }
 
     static bool isMade(const std::string& path) {
         bool made = exists(path);  // the wrong answer
@@ -29,7 +27,7 @@ protected:
     }
 };
 
-TEST_F(MadeDirectories, AreToldFromThoseThatWereThere) {
+TEST_F(MadeDirectoriesTest, AreToldFromThoseThatWereThere) {
     EXPECT_FALSE(isMade(PARENT));
     EXPECT_FALSE(isMade(PARENT + "/"));
     EXPECT_TRUE(isMade(PARENT + "/one"));
@@ -40,3 +38,4 @@ TEST_F(MadeDirectories, AreToldFromThoseThatWereThere) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -12,17 +12,17 @@
 #include "utils/guards.h"
 #include "utils/safe_path.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 namespace safe_path = corvo::safe_path;
 using safe_path::LastLink;
 
 const std::string FOLDER = "/var/qmail/links";
 
-class StatusOfLinks : public SandboxTest {
+class StatusOfLinksTest : public SandboxTest {
 protected:
-    StatusOfLinks() {
+    StatusOfLinksTest() {
         writeFile(FOLDER + "/file", "text");
         makeLink("file", FOLDER + "/root's");
         makeLink("file", FOLDER + "/popuser's", POPUSER_UID);
@@ -43,14 +43,14 @@ private:
     corvo::UniqueFd directory_;
 };
 
-TEST_F(StatusOfLinks, IsOfTheTargetWhereTheyAreFollowed) {
+TEST_F(StatusOfLinksTest, IsOfTheTargetWhereTheyAreFollowed) {
     EXPECT_EQ(typeOf("file", LastLink::follow), S_IFREG);
     EXPECT_EQ(typeOf("root's", LastLink::follow), S_IFREG);
     EXPECT_EQ(typeOf("popuser's", LastLink::follow), 0U);
     EXPECT_EQ(errno, ELOOP);
 }
 
-TEST_F(StatusOfLinks, IsTheirOwnWhereTheyAreKept) {
+TEST_F(StatusOfLinksTest, IsTheirOwnWhereTheyAreKept) {
     EXPECT_EQ(typeOf("file", LastLink::keep), S_IFREG);
     EXPECT_EQ(typeOf("root's", LastLink::keep), S_IFLNK);
     EXPECT_EQ(typeOf("popuser's", LastLink::keep), S_IFLNK);
@@ -59,3 +59,4 @@ TEST_F(StatusOfLinks, IsTheirOwnWhereTheyAreKept) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -19,9 +19,9 @@
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::dropForwards;
 using corvo::mail::ForwardLines;
 using corvo::mail::placeForward;
@@ -369,3 +369,4 @@ TEST_F(PlacedForwardsTest, WithoutTheLockNothingChanges) {
 }
 
 }  // namespace
+}  // namespace corvo::test

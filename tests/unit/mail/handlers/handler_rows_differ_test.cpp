@@ -11,20 +11,27 @@
 #include "mail/handlers/mail_handlers_creation.h"
 #include "mail/handlers/mail_handlers_db.h"
 #include "mail/sqlite/row_differences.h"
-#include "tests/unit/mail/sqlite_fixture.h"
+#include "tests/support/capture.h"
+#include "tests/support/disk.h"
+#include "tests/support/files.h"
+#include "tests/support/logging.h"
+#include "tests/support/process.h"
+#include "tests/support/second_process.h"
+#include "tests/support/sqlite.h"
+#include "tests/support/sqlite_faults.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::RowDifferences;
 
 const std::string FOLDER = "/var/lib/corvo/mail/handlers";
 const std::string FILE_PATH = FOLDER + "/handlers.db";
 
 // With the two records of a handler, and another handler's.
-class HandlerRowsDiffer : public SqliteTest {
+class HandlerRowsDifferTest : public LoggingTest {
 protected:
-    HandlerRowsDiffer() {
+    HandlerRowsDifferTest() {
         EXPECT_EQ(mh_db_create(), 0);
         for (mh_data& record : wanted)
             EXPECT_EQ(mh_db_add(nullptr, &record), 0);
@@ -39,7 +46,7 @@ protected:
     std::array<mh_data, 2> wanted = check_quota_records(false);
 };
 
-TEST_F(HandlerRowsDiffer, InNothingWhereTheyAreAllThatHaveTheName) {
+TEST_F(HandlerRowsDifferTest, InNothingWhereTheyAreAllThatHaveTheName) {
     const std::string before = fingerprint(FOLDER);
     const int descriptors = openDescriptors();
     EXPECT_EQ(look(), RowDifferences{});
@@ -47,7 +54,7 @@ TEST_F(HandlerRowsDiffer, InNothingWhereTheyAreAllThatHaveTheName) {
     EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-TEST_F(HandlerRowsDiffer, InNothingWhereNoneIsWantedAndNoneIsThere) {
+TEST_F(HandlerRowsDifferTest, InNothingWhereNoneIsWantedAndNoneIsThere) {
     EXPECT_EQ(mh_db_name_differences(nullptr, "none", {}), RowDifferences{});
     EXPECT_EQ(mh_db_name_differences(nullptr, CHECK_QUOTA_HANDLER, {}),
               RowDifferences{.surplus = true});
@@ -76,7 +83,7 @@ const struct {
     {{.missing = true, .surplus = true}, "SET address = CAST(address AS BLOB)"},
 };
 
-TEST_F(HandlerRowsDiffer, InEachColumn) {
+TEST_F(HandlerRowsDifferTest, InEachColumn) {
     const std::string sound = contentsOf(FILE_PATH);
     for (const auto& [differences, change] : CHANGES) {
         sqliteExecute(FILE_PATH, "UPDATE handlers " + std::string(change) + " WHERE queue = 4");
@@ -85,7 +92,7 @@ TEST_F(HandlerRowsDiffer, InEachColumn) {
     }
 }
 
-TEST_F(HandlerRowsDiffer, WhereThereIsOneMoreOrLess) {
+TEST_F(HandlerRowsDifferTest, WhereThereIsOneMoreOrLess) {
     sqliteExecute(FILE_PATH,
                   "INSERT INTO handlers VALUES (7, 4, 0, 9, 'check-quota', 'x@a.com', 'e', 'c', "
                   "1)");
@@ -94,7 +101,7 @@ TEST_F(HandlerRowsDiffer, WhereThereIsOneMoreOrLess) {
     EXPECT_EQ(look(), RowDifferences{.missing = true});
 }
 
-TEST_F(HandlerRowsDiffer, ByTheAddressAsItIsStored) {
+TEST_F(HandlerRowsDifferTest, ByTheAddressAsItIsStored) {
     mh_data record;
     mh_data_init_ex(&record);
     char name[] = "test";
@@ -113,7 +120,7 @@ TEST_F(HandlerRowsDiffer, ByTheAddressAsItIsStored) {
     EXPECT_EQ(mh_db_name_differences(nullptr, "test", {&record, 1}), RowDifferences{});
 }
 
-TEST_F(HandlerRowsDiffer, InWhatOnlyAnOpenDatabaseHolds) {
+TEST_F(HandlerRowsDifferTest, InWhatOnlyAnOpenDatabaseHolds) {
     const TestDatabase database(FILE_PATH);
     database.execute("BEGIN; DELETE FROM handlers WHERE queue = 4");
     EXPECT_EQ(mh_db_name_differences(database.get(), CHECK_QUOTA_HANDLER, wanted),
@@ -122,7 +129,7 @@ TEST_F(HandlerRowsDiffer, InWhatOnlyAnOpenDatabaseHolds) {
     database.execute("ROLLBACK");
 }
 
-TEST_F(HandlerRowsDiffer, ForAllThatIsKnownWhereTheyCannotBeRead) {
+TEST_F(HandlerRowsDifferTest, ForAllThatIsKnownWhereTheyCannotBeRead) {
     {
         const TestDatabase writer(FILE_PATH);
         writer.execute("BEGIN EXCLUSIVE");
@@ -131,9 +138,10 @@ TEST_F(HandlerRowsDiffer, ForAllThatIsKnownWhereTheyCannotBeRead) {
     }
     sqliteExecute(FILE_PATH, "DROP TABLE handlers");
     EXPECT_EQ(look(), RowDifferences{.unknown = true});
-    checkCall(::unlink(FILE_PATH.c_str()), "unlink");
+    ASSERT_EQ(::unlink(FILE_PATH.c_str()), 0);
     EXPECT_EQ(look(), RowDifferences{.unknown = true});
     EXPECT_FALSE(exists(FILE_PATH));
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -21,9 +21,9 @@
 #include "tests/support/files.h"
 #include "tests/support/sandbox.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::Differences;
 using corvo::mail::directoryDifferences;
 using corvo::mail::FSError;
@@ -93,12 +93,12 @@ void makeReadOnly(const std::string& path) {
               0);
 }
 
-class DirectoriesLeftAlone : public SandboxTest {
+class DirectoriesLeftAloneTest : public SandboxTest {
 protected:
-    DirectoriesLeftAlone() { restore(); }
+    DirectoriesLeftAloneTest() { restore(); }
 };
 
-TEST_F(DirectoriesLeftAlone, AreThoseThatAreRight) {
+TEST_F(DirectoriesLeftAloneTest, AreThoseThatAreRight) {
     const Times before = changeTimes();
     ASSERT_EQ(before.size(), 2 + SKELETON.size());
     awaitNextTick();
@@ -108,7 +108,7 @@ TEST_F(DirectoriesLeftAlone, AreThoseThatAreRight) {
     EXPECT_EQ(changedSince(before), std::vector<std::string>());
 }
 
-TEST_F(DirectoriesLeftAlone, AreNotOpenedBelowTheHome) {
+TEST_F(DirectoriesLeftAloneTest, AreNotOpenedBelowTheHome) {
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     const int next = ::dup(0);  // the lowest number that is free
@@ -121,7 +121,7 @@ TEST_F(DirectoriesLeftAlone, AreNotOpenedBelowTheHome) {
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
 
-TEST_F(DirectoriesLeftAlone, NeedNoFileSystemThatCanBeChanged) {
+TEST_F(DirectoriesLeftAloneTest, NeedNoFileSystemThatCanBeChanged) {
     makeReadOnly(MAILNAMES);
     EXPECT_NO_THROW(restore());
 }
@@ -149,7 +149,7 @@ void inflict(const Damage& damage, const std::string& path) {
     ASSERT_EQ(::chmod(path.c_str(), mode), 0);
 }
 
-TEST_F(DirectoriesLeftAlone, AreAllButTheOneThatDiffers) {
+TEST_F(DirectoriesLeftAloneTest, AreAllButTheOneThatDiffers) {
     const std::string sound = listTree(MAILNAMES);
     for (const std::string& path : PLACES)
         for (const Damage& damage : DAMAGES) {
@@ -165,7 +165,7 @@ TEST_F(DirectoriesLeftAlone, AreAllButTheOneThatDiffers) {
         }
 }
 
-TEST_F(DirectoriesLeftAlone, AreAllButTheOneThatWasMissingAndItsParent) {
+TEST_F(DirectoriesLeftAloneTest, AreAllButTheOneThatWasMissingAndItsParent) {
     const std::string sound = listTree(MAILNAMES);
     for (const std::string entry : {"/Maildir/cur", "/Maildir/.Sent/new", "/@attachments"}) {
         SCOPED_TRACE(entry);
@@ -181,7 +181,7 @@ TEST_F(DirectoriesLeftAlone, AreAllButTheOneThatWasMissingAndItsParent) {
     }
 }
 
-TEST_F(DirectoriesLeftAlone, AreThoseBehindALinkOfRoot) {
+TEST_F(DirectoriesLeftAloneTest, AreThoseBehindALinkOfRoot) {
     const std::string elsewhere = "/var/lib/corvo/elsewhere";
     fs::copy(HOME + "/Maildir", elsewhere, fs::copy_options::recursive);
     fs::remove_all(HOME + "/Maildir");
@@ -196,7 +196,7 @@ TEST_F(DirectoriesLeftAlone, AreThoseBehindALinkOfRoot) {
     EXPECT_EQ(statusOf(elsewhere + "/cur").st_ctim.tv_nsec, before.tv_nsec);
 }
 
-TEST_F(DirectoriesLeftAlone, AreNoneThatDifferWhereNothingCanBeChanged) {
+TEST_F(DirectoriesLeftAloneTest, AreNoneThatDifferWhereNothingCanBeChanged) {
     for (const Damage& damage : DAMAGES) {
         SCOPED_TRACE(damage.name);
         const std::string path = HOME + "/Maildir/.Sent/new";
@@ -220,7 +220,7 @@ Differences look(const std::string& path) {
         path == ROOT ? manager().domainRootOwnership() : manager().homeOwnership());
 }
 
-TEST_F(DirectoriesLeftAlone, LookTellsWhatDiffers) {
+TEST_F(DirectoriesLeftAloneTest, LookTellsWhatDiffers) {
     for (const std::string& path : PLACES) {
         SCOPED_TRACE(path);
         EXPECT_FALSE(look(path).any());
@@ -232,7 +232,7 @@ TEST_F(DirectoriesLeftAlone, LookTellsWhatDiffers) {
     }
 }
 
-TEST_F(DirectoriesLeftAlone, LookTellsWhatIsNoDirectory) {
+TEST_F(DirectoriesLeftAloneTest, LookTellsWhatIsNoDirectory) {
     writeFile(HOME + "/file", "", POPUSER_UID, POPUSER_GID, 0700);
     makeLink(HOME + "/Maildir", HOME + "/link", POPUSER_UID);
     EXPECT_EQ(look(HOME + "/file"), Differences{.kind = true});
@@ -243,3 +243,4 @@ TEST_F(DirectoriesLeftAlone, LookTellsWhatIsNoDirectory) {
 }
 
 }  // namespace
+}  // namespace corvo::test

@@ -10,9 +10,9 @@
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::formatHome;
 using corvo::mail::homeOf;
 using corvo::mail::isNamesDeep;
@@ -73,3 +73,4 @@ TEST_F(MailnameTest, DepthCountsBelowTheMailNamesRootOnly) {
 }
 
 }  // namespace
+}  // namespace corvo::test

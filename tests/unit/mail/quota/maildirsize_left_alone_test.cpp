@@ -21,8 +21,6 @@
 #include "tests/support/sandbox.h"
 #include "tests/unit/mail/quota/maildir_fixture.h"
 
-using namespace corvo::test;
-
 namespace {
 
 /// What happens while the file is read, which is after the count.
@@ -38,6 +36,7 @@ extern "C" ssize_t pread(int fd, void* data, std::size_t size, off_t offset) {
     return real(fd, data, size, offset);
 }
 
+namespace corvo::test {
 namespace {
 
 using corvo::mail::Differences;
@@ -47,9 +46,9 @@ using corvo::mail::maildirsizeOwnership;
 constexpr std::time_t LONG_AGO = 1000000000;
 constexpr std::time_t FUTURE = 4000000000;
 
-class MaildirsizeLeftAlone : public QuotaTest {
+class MaildirsizeLeftAloneTest : public QuotaTest {
 protected:
-    MaildirsizeLeftAlone() {
+    MaildirsizeLeftAloneTest() {
         writeFile(MAILDIR + "/cur/1.M1P1.host,S=1200:2,S", "");
         writeFile(MAILDIR + "/.Sent/cur/2.host", std::string(400, 'x'));
         EXPECT_EQ(store(QUOTA), 1);
@@ -92,7 +91,7 @@ protected:
     ino_t inode = 0;
 };
 
-TEST_F(MaildirsizeLeftAlone, IsOneThatIsRightButForItsTimes) {
+TEST_F(MaildirsizeLeftAloneTest, IsOneThatIsRightButForItsTimes) {
     const timespec tmp = statusOf(MAILDIR + "/tmp").st_ctim;
     const std::time_t before = std::time(nullptr) - 1;
     forbidWriting();
@@ -108,7 +107,7 @@ TEST_F(MaildirsizeLeftAlone, IsOneThatIsRightButForItsTimes) {
     }
 }
 
-TEST_F(MaildirsizeLeftAlone, NeedsNeitherTmpNorHostName) {
+TEST_F(MaildirsizeLeftAloneTest, NeedsNeitherTmpNorHostName) {
     std::filesystem::remove(MAILDIR + "/tmp");
     onGethostname = [](char*, std::size_t) {
         ADD_FAILURE() << "a look at the host name";
@@ -119,7 +118,7 @@ TEST_F(MaildirsizeLeftAlone, NeedsNeitherTmpNorHostName) {
     EXPECT_TRUE(pauses.empty());
 }
 
-TEST_F(MaildirsizeLeftAlone, HasTheModeOfANewFileByTheUmask) {
+TEST_F(MaildirsizeLeftAloneTest, HasTheModeOfANewFileByTheUmask) {
     for (const auto& [itsMask, mode] : {std::pair{077U, 0600U}, {0U, 0644U}, {027U, 0640U}}) {
         SCOPED_TRACE(itsMask);
         mask = itsMask;
@@ -135,7 +134,7 @@ TEST_F(MaildirsizeLeftAlone, HasTheModeOfANewFileByTheUmask) {
     }
 }
 
-TEST_F(MaildirsizeLeftAlone, IsDatedBackWhenMailArrivedSinceTheCount) {
+TEST_F(MaildirsizeLeftAloneTest, IsDatedBackWhenMailArrivedSinceTheCount) {
     setMtime(MAILDIR + "/new", FUTURE);
     forbidWriting();
     onRead = [this] { setMtime(MAILDIR + "/.Sent/cur", {FUTURE, 1}); };
@@ -148,7 +147,7 @@ TEST_F(MaildirsizeLeftAlone, IsDatedBackWhenMailArrivedSinceTheCount) {
     EXPECT_GE(statusOf(QUOTA_FILE).st_atime, now - 1);
 }
 
-TEST_F(MaildirsizeLeftAlone, StillHasItsFoldersLookedAtTwice) {
+TEST_F(MaildirsizeLeftAloneTest, StillHasItsFoldersLookedAtTwice) {
     writeFile(MAILDIR + "/.subscriptions", "");
     EXPECT_EQ(store(QUOTA), 1);
     EXPECT_EQ(message(),
@@ -156,13 +155,13 @@ TEST_F(MaildirsizeLeftAlone, StillHasItsFoldersLookedAtTwice) {
     EXPECT_FALSE(isReplaced());
 }
 
-TEST_F(MaildirsizeLeftAlone, NeedsNoFileSystemThatCanBeChanged) {
+TEST_F(MaildirsizeLeftAloneTest, NeedsNoFileSystemThatCanBeChanged) {
     makeReadOnly();
     EXPECT_EQ(store(QUOTA), 1);
     EXPECT_EQ(statusOf(QUOTA_FILE).st_mtime, LONG_AGO);
 }
 
-TEST_F(MaildirsizeLeftAlone, IsNoneThatDiffersWhereNothingCanBeChanged) {
+TEST_F(MaildirsizeLeftAloneTest, IsNoneThatDiffersWhereNothingCanBeChanged) {
     makeReadOnly();
     EXPECT_EQ(store(QUOTA + 1), 0);
     EXPECT_EQ(errno, EAGAIN);
@@ -172,7 +171,7 @@ TEST_F(MaildirsizeLeftAlone, IsNoneThatDiffersWhereNothingCanBeChanged) {
     EXPECT_EQ(pauses, std::vector<unsigned>(5, 2));
 }
 
-TEST_F(MaildirsizeLeftAlone, IsNoneOfAnotherQuotaOrUsage) {
+TEST_F(MaildirsizeLeftAloneTest, IsNoneOfAnotherQuotaOrUsage) {
     EXPECT_EQ(store(QUOTA + 1), 1);
     EXPECT_TRUE(isReplaced());
     EXPECT_EQ(maildirsize(), "104857601S,0C\n        1600           2\n");
@@ -241,7 +240,7 @@ const Damage DAMAGES[] = {
     {"none", {.missing = true}, [](const std::string& file) { std::filesystem::remove(file); }},
 };
 
-TEST_F(MaildirsizeLeftAlone, IsNoneThatDiffers) {
+TEST_F(MaildirsizeLeftAloneTest, IsNoneThatDiffers) {
     for (const Damage& damage : DAMAGES) {
         SCOPED_TRACE(damage.name);
         damage.inflict(QUOTA_FILE);
@@ -263,7 +262,7 @@ TEST_F(MaildirsizeLeftAlone, IsNoneThatDiffers) {
     }
 }
 
-TEST_F(MaildirsizeLeftAlone, IsWrittenWithTheCountThatFoundItWrong) {
+TEST_F(MaildirsizeLeftAloneTest, IsWrittenWithTheCountThatFoundItWrong) {
     rewrite(QUOTA_FILE, "1S,0C\n");
     setMtime(MAILDIR + "/cur", FUTURE);
     onRead = [this] {
@@ -275,7 +274,7 @@ TEST_F(MaildirsizeLeftAlone, IsWrittenWithTheCountThatFoundItWrong) {
     EXPECT_EQ(statusOf(QUOTA_FILE).st_mtime, FUTURE - 960);
 }
 
-TEST_F(MaildirsizeLeftAlone, IsOneOfWhichTheMessagesCannotBeCounted) {
+TEST_F(MaildirsizeLeftAloneTest, IsOneOfWhichTheMessagesCannotBeCounted) {
     writeFile(MAILDIR + "/cur/3", "12345");
     for (const char* part : {"/tmp", "/cur", "/maildirsize"})
         ASSERT_EQ(chown((MAILDIR + part).c_str(), STRANGER_UID, 0), 0);
@@ -287,7 +286,7 @@ TEST_F(MaildirsizeLeftAlone, IsOneOfWhichTheMessagesCannotBeCounted) {
     EXPECT_EQ(namesIn(MAILDIR + "/tmp"), std::vector<std::string>());
 }
 
-TEST_F(MaildirsizeLeftAlone, LookTellsWhatDiffers) {
+TEST_F(MaildirsizeLeftAloneTest, LookTellsWhatDiffers) {
     ASSERT_EQ(chdir(MAILDIR.c_str()), 0);
     const auto look = [this] {
         return lookAtMaildirsize(maildirsizeOwnership(POPUSER_UID, POPUSER_GID), TEXT).differences;
@@ -308,3 +307,4 @@ TEST_F(MaildirsizeLeftAlone, LookTellsWhatDiffers) {
 }
 
 }  // namespace
+}  // namespace corvo::test

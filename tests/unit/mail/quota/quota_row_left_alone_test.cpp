@@ -1,14 +1,22 @@
 // A quota's row that is as it should be, and those that are not.
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "mail/quota/mail_user_db.h"
 #include "mail/sqlite/row_differences.h"
-#include "tests/unit/mail/sqlite_fixture.h"
+#include "tests/support/capture.h"
+#include "tests/support/disk.h"
+#include "tests/support/files.h"
+#include "tests/support/logging.h"
+#include "tests/support/process.h"
+#include "tests/support/second_process.h"
+#include "tests/support/sqlite.h"
+#include "tests/support/sqlite_faults.h"
 
+namespace corvo::test {
 namespace {
 
-using namespace corvo::test;
 using corvo::mail::MailUserDbHelper;
 using corvo::mail::RowDifferences;
 
@@ -21,9 +29,9 @@ const std::string LOOK =
 using Rows = std::vector<std::string>;
 
 // With the row of one mailbox, and of others that are like it.
-class QuotaRowLeftAlone : public SqliteTest {
+class QuotaRowLeftAloneTest : public LoggingTest {
 protected:
-    QuotaRowLeftAlone() {
+    QuotaRowLeftAloneTest() {
         makeDirectory(FOLDER);
         EXPECT_TRUE(helper.initMailUserdb(true));
         sqliteExecute(FILE_PATH,
@@ -44,7 +52,7 @@ protected:
     MailUserDbHelper helper;
 };
 
-TEST_F(QuotaRowLeftAlone, IsAskedForAndNothingElse) {
+TEST_F(QuotaRowLeftAloneTest, IsAskedForAndNothingElse) {
     const std::string before = fingerprint(FOLDER);
     const int descriptors = openDescriptors();
     const StatementTrace trace;
@@ -54,19 +62,19 @@ TEST_F(QuotaRowLeftAlone, IsAskedForAndNothingElse) {
     EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-TEST_F(QuotaRowLeftAlone, NeedsNoFileSystemThatCanBeChanged) {
-    makeReadOnly("/var/lib/corvo");
+TEST_F(QuotaRowLeftAloneTest, NeedsNoFileSystemThatCanBeChanged) {
+    const ReadOnlyDisk disk("/var/lib/corvo");
     EXPECT_TRUE(store());
 }
 
-TEST_F(QuotaRowLeftAlone, IsNoneThatDiffersWhereNothingCanBeChanged) {
-    makeReadOnly("/var/lib/corvo");
+TEST_F(QuotaRowLeftAloneTest, IsNoneThatDiffersWhereNothingCanBeChanged) {
+    const ReadOnlyDisk disk("/var/lib/corvo");
     EXPECT_FALSE(helper.userdbStoreMboxQuota("Example.com", "Info", 6));
     expectLogged(
         {"Unable to set quota for 'Info@Example.com': attempt to write a readonly database"});
 }
 
-TEST_F(QuotaRowLeftAlone, IsFoundBesideAWriterThatHasNotCommitted) {
+TEST_F(QuotaRowLeftAloneTest, IsFoundBesideAWriterThatHasNotCommitted) {
     const TestDatabase writer(FILE_PATH);
     writer.execute("BEGIN IMMEDIATE; UPDATE mailbox_quota SET quota = '9B'");
     EXPECT_TRUE(store());
@@ -74,7 +82,7 @@ TEST_F(QuotaRowLeftAlone, IsFoundBesideAWriterThatHasNotCommitted) {
     EXPECT_EQ(rows(), SOUND);
 }
 
-TEST_F(QuotaRowLeftAlone, IsWaitedForWhereTheFileIsLocked) {
+TEST_F(QuotaRowLeftAloneTest, IsWaitedForWhereTheFileIsLocked) {
     const LockedByAnother lock(FILE_PATH);
     EXPECT_TRUE(store());
     EXPECT_EQ(rows(), SOUND);
@@ -104,7 +112,7 @@ const struct {
      "UPDATE mailbox_quota SET mailbox_name = x'696e666f' WHERE quota = '5B'"},
 };
 
-TEST_F(QuotaRowLeftAlone, IsNoneThatDiffers) {
+TEST_F(QuotaRowLeftAloneTest, IsNoneThatDiffers) {
     for (const auto& [name, differences, script] : DAMAGES) {
         SCOPED_TRACE(name);
         sqliteExecute(FILE_PATH, script);
@@ -124,7 +132,7 @@ TEST_F(QuotaRowLeftAlone, IsNoneThatDiffers) {
     }
 }
 
-TEST_F(QuotaRowLeftAlone, LookChangesNothing) {
+TEST_F(QuotaRowLeftAloneTest, LookChangesNothing) {
     const std::string before = fingerprint(FOLDER);
     EXPECT_EQ(look(), RowDifferences{});
     EXPECT_EQ(helper.userdbMboxQuotaDifferences("a.com", "info", 5),
@@ -132,7 +140,7 @@ TEST_F(QuotaRowLeftAlone, LookChangesNothing) {
     EXPECT_EQ(fingerprint(FOLDER), before);
 }
 
-TEST_F(QuotaRowLeftAlone, LookIsSilentWhereThereIsNothingToLookAt) {
+TEST_F(QuotaRowLeftAloneTest, LookIsSilentWhereThereIsNothingToLookAt) {
     sqliteExecute(FILE_PATH, "DROP TABLE mailbox_quota");
     EXPECT_EQ(look(), RowDifferences{.unknown = true});
     std::filesystem::remove(FILE_PATH);
@@ -140,7 +148,7 @@ TEST_F(QuotaRowLeftAlone, LookIsSilentWhereThereIsNothingToLookAt) {
     EXPECT_FALSE(exists(FILE_PATH));
 }
 
-TEST_F(QuotaRowLeftAlone, LookDoesNotWaitForAWriter) {
+TEST_F(QuotaRowLeftAloneTest, LookDoesNotWaitForAWriter) {
     const TestDatabase writer(FILE_PATH);
     writer.execute("BEGIN EXCLUSIVE");
     EXPECT_EQ(look(), RowDifferences{.unknown = true});
@@ -148,7 +156,7 @@ TEST_F(QuotaRowLeftAlone, LookDoesNotWaitForAWriter) {
     EXPECT_EQ(look(), RowDifferences{});
 }
 
-TEST_F(QuotaRowLeftAlone, LookThatIsInterruptedLeavesTheRestToTheSteps) {
+TEST_F(QuotaRowLeftAloneTest, LookThatIsInterruptedLeavesTheRestToTheSteps) {
     const ConnectionHook hook(interruptSteps);
     EXPECT_EQ(look(), RowDifferences{.unknown = true});
     EXPECT_FALSE(store());
@@ -156,3 +164,4 @@ TEST_F(QuotaRowLeftAlone, LookThatIsInterruptedLeavesTheRestToTheSteps) {
 }
 
 }  // namespace
+}  // namespace corvo::test
