@@ -42,7 +42,7 @@ bool isOursAlone(const struct stat& file) noexcept {
 
 // The errno for a file that SQLite must not work on, or 0.
 int objectionTo(int file, const char* path) noexcept {
-    struct stat seen {};
+    struct stat seen = {};
     if (::fstat(file, &seen) != 0)
         return errno;
     if (safe_path::isForeignHardLink(AT_FDCWD, path, seen))
@@ -59,7 +59,7 @@ struct SystemCalls {
     int (*changeOwner)(int, uid_t, gid_t);
 };
 
-SystemCalls others{};
+SystemCalls others = {};
 
 int openFile(const char* path, int flags, int mode) noexcept {
     if (!OwnWork::isUnderWay())
@@ -104,7 +104,7 @@ bool replaceSystemCall(sqlite3_vfs* vfs, const char* name, Call call) noexcept {
 }
 
 bool replaceSystemCalls(sqlite3_vfs* vfs) noexcept {
-    SystemCalls found{};
+    SystemCalls found = {};
     if (!findSystemCall(vfs, "open", found.open) ||
         !findSystemCall(vfs, "readlink", found.readLink) ||
         !findSystemCall(vfs, "fchmod", found.changeMode) ||

@@ -67,9 +67,9 @@ const char* errorOf(sqlite3* database) noexcept {
 
 void logOpenFailure(const char* path, bool readOnly, sqlite3* database) noexcept {
     if (readOnly)
-        corvo_log(3, "Unable to open database(readonly) %s: %s", path, errorOf(database));
+        Log().line(LOG_ERR, "Unable to open database(readonly) %s: %s", path, errorOf(database));
     else
-        corvo_log(3, "Unable to open database %s: %s", path, errorOf(database));
+        Log().line(LOG_ERR, "Unable to open database %s: %s", path, errorOf(database));
 }
 
 // The errors for which SQLite says that it may take a transaction back unasked.
@@ -128,7 +128,7 @@ bool SqliteSession::begin() const noexcept {
         return false;
     if (statement.step() == SqliteStep::done)
         return true;
-    corvo_log(3, "Unable to begin sqlite transaction: %s", statement.error());
+    Log().line(LOG_ERR, "Unable to begin sqlite transaction: %s", statement.error());
     return false;
 }
 
@@ -138,7 +138,7 @@ bool SqliteSession::end() const noexcept {
         return false;
     if (statement.step() == SqliteStep::done)
         return true;
-    corvo_log(3, "Unable to end sqlite transaction: %s", statement.error());
+    Log().line(LOG_ERR, "Unable to end sqlite transaction: %s", statement.error());
     return false;
 }
 
@@ -174,8 +174,8 @@ SqliteStatement::SqliteStatement(const SqliteSession& session, const char* sql,
         use, [&] { return sqlite3_prepare_v2(session.handle(), sql, -1, &statement_, nullptr); },
         [] {});
     if (result != SQLITE_OK && use == SqliteUse::work)
-        corvo_log(3, "Unable to prepare SQL statement for query '%s': %s", sql,
-                  errorOf(session.handle()));
+        Log().line(LOG_ERR, "Unable to prepare SQL statement for query '%s': %s", sql,
+                   errorOf(session.handle()));
 }
 
 SqliteStatement::~SqliteStatement() {
