@@ -20,7 +20,7 @@ constexpr std::size_t USUAL_HOME = 127;  // bytes; most homes' paths are shorter
 
 constexpr std::string_view MAILNAME_MARKS = ".-_&+'";
 
-/// Of ASCII, whatever the locale says.
+// Of ASCII, whatever the locale says.
 bool isLetterOrDigit(char c) noexcept {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
@@ -77,7 +77,7 @@ int judge(bool (*valid)(std::string_view), const char* name) noexcept {
 enum class Formatted { done, tooLong, refused };
 
 Formatted refuseNames() noexcept {
-    corvo_log(3, "empty mailname or maildomain");
+    corvo::Log().line(LOG_ERR, "empty mailname or maildomain");
     return Formatted::refused;
 }
 
@@ -88,7 +88,7 @@ Formatted formatPath(char* dst, std::size_t size, const char* mailname, const ch
         return refuseNames();
     const corvo::UniqueCString asciiDomain(idn_toascii(domain));
     if (!asciiDomain) {
-        corvo_log(3, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_errno));
+        corvo::Log().line(LOG_ERR, IDN_TOASCII_FAILED, domain, idn_strerror(idn_errno));
         return Formatted::refused;
     }
     // The conversion makes dots and slashes out of other characters, so its result is looked at.
@@ -135,10 +135,11 @@ int get_mailhome_path(char* dst, std::size_t size, const char* mailname,
                       const char* domain) noexcept {
     const Formatted result = formatPath(dst, size, mailname, domain, "");
     if (result == Formatted::tooLong)
-        corvo_log(3,
-                  "Either domain name '%s' or mailname '%s' are too long to store mailname home "
-                  "path in the provided buffer",
-                  domain, mailname);
+        corvo::Log().line(
+            LOG_ERR,
+            "Either domain name '%s' or mailname '%s' are too long to store mailname home "
+            "path in the provided buffer",
+            domain, mailname);
     return conclude(result);
 }
 
@@ -146,10 +147,11 @@ int get_dotqmail_path(char* dst, std::size_t size, const char* mailname,
                       const char* domain) noexcept {
     const Formatted result = formatPath(dst, size, mailname, domain, "/.qmail");
     if (result == Formatted::tooLong)
-        corvo_log(3,
-                  "Either domain name '%s' or mailname '%s' are too long to store .qmail path in "
-                  "the provided buffer",
-                  domain, mailname);
+        corvo::Log().line(
+            LOG_ERR,
+            "Either domain name '%s' or mailname '%s' are too long to store .qmail path in "
+            "the provided buffer",
+            domain, mailname);
     return conclude(result);
 }
 

@@ -34,7 +34,7 @@ int is_full_mailname_valid(const char* address) noexcept;
 /// `dst` of `size` bytes, all in lower case. Return 0, or -1 after logging the reason at priority
 /// 3: errno is EINVAL for a mail name that is not valid or a domain that cannot be converted or is
 /// then no directory's name, ENAMETOOLONG for a path that does not fit; `dst` then holds nothing of
-/// use.
+/// use. The mail name comes first in these two, other than elsewhere.
 int get_mailhome_path(char* dst, std::size_t size, const char* mailname,
                       const char* domain) noexcept;
 int get_dotqmail_path(char* dst, std::size_t size, const char* mailname,

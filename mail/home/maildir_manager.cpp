@@ -24,6 +24,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// What failures are called.
+constexpr const char* CANNOT_CREATE = "cannot create directories";
+constexpr const char* CANNOT_RENAME = "cannot rename";
+constexpr const char* CANNOT_REMOVE = "cannot remove all";
+
 // While directories are made, nobody else gets into them. An umask alone would not see to that:
 // where the parent has a default ACL, it does not count.
 constexpr mode_t CREATION_MODE = 0700;
@@ -55,14 +60,14 @@ UniqueFd makeOrOpen(int parent, const char* name, bool& isNew) {
 void renameDirectory(const fs::path& from, const fs::path& to) {
     if (safe_path::renameEntry(AT_FDCWD, from.c_str(), to.c_str()) != 0) {
         const int error = errno;
-        throw fs::filesystem_error("cannot rename", from, to, codeOf(error));
+        throw fs::filesystem_error(CANNOT_RENAME, from, to, codeOf(error));
     }
 }
 
 void removeDirectory(const fs::path& path) {
     if (safe_path::removeTree(AT_FDCWD, path.c_str()) != 0) {
         const int error = errno;
-        throw fs::filesystem_error("cannot remove all", path, codeOf(error));
+        throw fs::filesystem_error(CANNOT_REMOVE, path, codeOf(error));
     }
 }
 
@@ -70,7 +75,7 @@ void removeDirectory(const fs::path& path) {
 // to back up. False, with errno, when `source` cannot be looked at.
 bool backupRename(const fs::path& source, fs::path& output) {
     output.clear();
-    struct stat directory {};
+    struct stat directory = {};
     if (retryOnEintr([&] { return safe_path::status(AT_FDCWD, source.c_str(), directory); }) != 0)
         return errno == ENOENT || errno == ENOTDIR;
     output = source.native() + ".CorvoSaved." + std::to_string(directory.st_ino);
@@ -135,7 +140,7 @@ Ownership MaildirManager::homeOwnership() const noexcept {
 
 void MaildirManager::createDomainRoot(const std::string& domain) {
     const fs::path root = getDomainRoot(domain);
-    require(isPathComponent(domain), "cannot create directories", root);
+    require(isPathComponent(domain), CANNOT_CREATE, root);
     const UmaskGuard ownerOnly(CREATION_UMASK);
     makeTop(root, domainRootOwnership());
 }
@@ -146,7 +151,7 @@ void MaildirManager::createMailnameHome(const std::string& domain, const std::st
 
 void MaildirManager::createMailnameHome(const Mailname& mailname) {
     const fs::path& home = mailname.home();
-    require(mailname.isSound(), "cannot create directories", home);
+    require(mailname.isSound(), CANNOT_CREATE, home);
     const UmaskGuard ownerOnly(CREATION_UMASK);
     // The home, then the directory seen to last at each level below it: the next one's parent.
     std::array<Level, SKELETON_LEVELS + 1> levels;
@@ -166,7 +171,7 @@ MaildirManager::Level MaildirManager::makeTop(const fs::path& path, const Owners
     top.directory = safe_path::makeDirectories(AT_FDCWD, path.c_str(), CREATION_MODE, &top.isNew);
     if (!top.directory) {
         const int error = errno;
-        throw fs::filesystem_error("cannot create directories", path, codeOf(error));
+        throw fs::filesystem_error(CANNOT_CREATE, path, codeOf(error));
     }
     if (top.isNew || directoryDifferences(top.directory.get(), "", wanted).any())
         takeOver(top.directory.get(), wanted, path);
@@ -201,7 +206,7 @@ MaildirManager::Level MaildirManager::makeEntry(int home, Level& parent, const f
 // entries.
 void MaildirManager::takeOver(int directory, const Ownership& wanted, const fs::path& top,
                               std::string_view entry) const {
-    safe_path::PermissionStep failed{};
+    safe_path::PermissionStep failed = {};
     if (safe_path::setOwnerAndMode(directory, wanted.uid, wanted.gid, wanted.mode, &failed) != 0) {
         const int error = errno;
         throw FSError(failed == safe_path::PermissionStep::chmod ? "chmod" : "chown",
@@ -211,7 +216,7 @@ void MaildirManager::takeOver(int directory, const Ownership& wanted, const fs::
 
 void MaildirManager::renameDomainRoot(const std::string& oldDomain, const std::string& newDomain) {
     const fs::path root = getDomainRoot(oldDomain);
-    require(isPathComponent(oldDomain) && isPathComponent(newDomain), "cannot rename", root);
+    require(isPathComponent(oldDomain) && isPathComponent(newDomain), CANNOT_RENAME, root);
     renameDirectory(root, getDomainRoot(newDomain));
 }
 
@@ -219,13 +224,13 @@ void MaildirManager::renameMailnameHome(const std::string& domain, const std::st
                                         const std::string& newMailname) {
     const Mailname from(domain, oldMailname);
     const Mailname to(domain, newMailname);
-    require(from.isSound() && to.isSound(), "cannot rename", from.home());
+    require(from.isSound() && to.isSound(), CANNOT_RENAME, from.home());
     renameDirectory(from.home(), to.home());
 }
 
 void MaildirManager::removeDomainRoot(const std::string& domain) {
     const fs::path root = getDomainRoot(domain);
-    require(isPathComponent(domain), "cannot remove all", root);
+    require(isPathComponent(domain), CANNOT_REMOVE, root);
     fs::path saved;
     if (!backupRename(root, saved))
         removeDirectory(root);
@@ -235,19 +240,19 @@ void MaildirManager::removeDomainRoot(const std::string& domain) {
 
 void MaildirManager::removeMailnameHome(const std::string& domain, const std::string& mailname) {
     const Mailname name(domain, mailname);
-    require(name.isSound(), "cannot remove all", name.home());
+    require(name.isSound(), CANNOT_REMOVE, name.home());
     removeDirectory(name.home());
 }
 
 void MaildirManager::backupDomainRoot(const std::string& domain) {
     const fs::path root = getDomainRoot(domain);
-    require(isPathComponent(domain), "cannot rename", root);
+    require(isPathComponent(domain), CANNOT_RENAME, root);
     backup(root);
 }
 
 void MaildirManager::backupMailnameHome(const std::string& domain, const std::string& mailname) {
     const Mailname name(domain, mailname);
-    require(name.isSound(), "cannot rename", name.home());
+    require(name.isSound(), CANNOT_RENAME, name.home());
     backup(name.home());
 }
 

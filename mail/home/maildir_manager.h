@@ -78,7 +78,7 @@ protected:
 private:
     // A directory on the way to the next entry.
     struct Level {
-        UniqueFd directory{};  // none for an entry that was right
+        UniqueFd directory = {};  // none for an entry that was right
         bool isNew = false;
         const char* path = nullptr;  // of an entry: below the home
     };
