@@ -60,7 +60,8 @@ QuotaRow quotaRow(const std::string& domain, const std::string& mailbox, long lo
 bool bindAll(SqliteStatement& statement, std::span<const Parameter> parameters) {
     for (const Parameter& parameter : parameters)
         if (!statement.bind(parameter.value)) {
-            corvo_log(3, "Unable to bind parameter %s: %s", parameter.name, statement.error());
+            Log().line(LOG_ERR, "Unable to bind parameter %s: %s", parameter.name,
+                       statement.error());
             return false;
         }
     return true;
@@ -131,8 +132,8 @@ bool storeQuotas(const SqliteSession& session, const std::string& domain,
     for (const auto& [mailbox, quota] : quotas)
         operation.run(quotaRow(domain, mailbox, quota >= 0 ? quota : defaultQuota),
                       [&, &name = mailbox](const char* error) {
-                          corvo_log(3, "Unable to set quota for '%s@%s': %s", name.c_str(),
-                                    domain.c_str(), error);
+                          Log().line(LOG_ERR, "Unable to set quota for '%s@%s': %s", name.c_str(),
+                                     domain.c_str(), error);
                       });
     return operation.finish();
 }
@@ -143,8 +144,8 @@ long long decodeQuota(const char* text) {
     long long number = 0;
     const std::errc error = std::from_chars(text, unit, number).ec;
     if (error != std::errc()) {
-        corvo_log(3, "Failed to parse quota value: %s",
-                  std::make_error_code(error).message().c_str());
+        Log().line(LOG_ERR, "Failed to parse quota value: %s",
+                   std::make_error_code(error).message().c_str());
         return -1;
     }
     return static_cast<long long>(
@@ -152,7 +153,7 @@ long long decodeQuota(const char* text) {
 }
 
 void logRecreationFailure(const char* reason) {
-    corvo_log(3, "Unable to re-create email user database: %s", reason);
+    Log().line(LOG_ERR, "Unable to re-create email user database: %s", reason);
 }
 
 }  // namespace
@@ -176,7 +177,7 @@ bool MailUserDbHelper::initMailUserdb(bool skipOwnerChange) const {
             if (error)
                 logRecreationFailure(error.get());
             else
-                corvo_log(3, "Unable to re-create email user database");
+                Log().line(LOG_ERR, "Unable to re-create email user database");
             return false;
         }
     }
@@ -186,21 +187,21 @@ bool MailUserDbHelper::initMailUserdb(bool skipOwnerChange) const {
 bool MailUserDbHelper::changeDatabaseOwner(const std::string& path) {
     const UniqueFd file = safe_path::openFile(AT_FDCWD, path.c_str(), O_RDWR);
     if (!file) {
-        corvo_log(3, "Failed to open email user database: %s", std::strerror(errno));
+        Log().line(LOG_ERR, "Failed to open email user database: %s", std::strerror(errno));
         return false;
     }
     const passwd* const user = ::getpwnam(POPUSER);
     const group* const owners = ::getgrnam(POPUSER);
     if (user == nullptr) {
-        corvo_log(3, "User 'popuser' not found");
+        Log().line(LOG_ERR, "User 'popuser' not found");
         return false;
     }
     if (owners == nullptr) {
-        corvo_log(3, "Group 'popuser' not found");
+        Log().line(LOG_ERR, "Group 'popuser' not found");
         return false;
     }
     if (retryOnEintr([&] { return ::fchown(file.get(), user->pw_uid, owners->gr_gid); }) != 0) {
-        corvo_log(3, "Failed to chown email user database: %s", std::strerror(errno));
+        Log().line(LOG_ERR, "Failed to chown email user database: %s", std::strerror(errno));
         return false;
     }
     return true;
@@ -237,8 +238,8 @@ bool MailUserDbHelper::userdbRemoveMboxQuota(const std::string& domain,
     WriteOperation operation(
         session, "DELETE FROM mailbox_quota WHERE domain_name = ? AND mailbox_name = ?");
     operation.run({domainParameter(domain), mailboxParameter(mailbox)}, [&](const char* error) {
-        corvo_log(3, "Unable to remove quota for '%s@%s': %s", mailbox.c_str(), domain.c_str(),
-                  error);
+        Log().line(LOG_ERR, "Unable to remove quota for '%s@%s': %s", mailbox.c_str(),
+                   domain.c_str(), error);
     });
     return operation.finish();
 }
@@ -247,7 +248,7 @@ bool MailUserDbHelper::userdbRemoveDefaultDomainQuota(const std::string& domain)
     const SqliteSession session(path_.c_str(), SqliteAccess::readWrite);
     WriteOperation operation(session, "DELETE FROM mailbox_quota WHERE domain_name = ?");
     operation.run({domainParameter(domain)}, [&](const char* error) {
-        corvo_log(3, "Unable to remove quota for '%s': %s", domain.c_str(), error);
+        Log().line(LOG_ERR, "Unable to remove quota for '%s': %s", domain.c_str(), error);
     });
     return operation.finish();
 }
@@ -262,9 +263,9 @@ bool MailUserDbHelper::userdbRenameMbox(const std::string& domain, const std::st
                    domainParameter(domain),
                    {"old_mailbox_name", to_lower(oldMailbox)}},
                   [&](const char* error) {
-                      corvo_log(3, "Unable to rename mailbox '%s@%s' to '%s@%s': %s",
-                                oldMailbox.c_str(), domain.c_str(), newMailbox.c_str(),
-                                domain.c_str(), error);
+                      Log().line(LOG_ERR, "Unable to rename mailbox '%s@%s' to '%s@%s': %s",
+                                 oldMailbox.c_str(), domain.c_str(), newMailbox.c_str(),
+                                 domain.c_str(), error);
                   });
     return operation.finish();
 }
@@ -276,8 +277,8 @@ bool MailUserDbHelper::userdbRenameDomain(const std::string& oldDomain,
                              "UPDATE mailbox_quota SET domain_name = ? WHERE domain_name = ?");
     operation.run({domainParameter(newDomain), {"old_domain_name", to_lower(oldDomain)}},
                   [&](const char* error) {
-                      corvo_log(3, "Unable to rename domain '%s' to '%s': %s", oldDomain.c_str(),
-                                newDomain.c_str(), error);
+                      Log().line(LOG_ERR, "Unable to rename domain '%s' to '%s': %s",
+                                 oldDomain.c_str(), newDomain.c_str(), error);
                   });
     return operation.finish();
 }
@@ -292,8 +293,8 @@ long long MailUserDbHelper::userdbGetMboxQuota(const std::string& domain,
         return -1;
     const SqliteStep step = select.step();
     if (step == SqliteStep::failed)
-        corvo_log(3, "Unable to get quota for '%s@%s': %s", mailbox.c_str(), domain.c_str(),
-                  select.error());
+        Log().line(LOG_ERR, "Unable to get quota for '%s@%s': %s", mailbox.c_str(), domain.c_str(),
+                   select.error());
     if (step != SqliteStep::row)
         return -1;
     const char* const quota = select.text(0);

@@ -20,7 +20,7 @@ using corvo::DirEntries;
 using corvo::mail::MaildirUsage;
 namespace safe_path = corvo::safe_path;
 
-bool join_path(char (&path)[PATH_MAX], const char* directory, const char* name) noexcept {
+bool joinPath(char (&path)[PATH_MAX], const char* directory, const char* name) noexcept {
     const std::size_t directoryLength = std::strlen(directory);
     const std::size_t nameLength = std::strlen(name);
     if (directoryLength + 1 + nameLength >= sizeof path) {
@@ -34,9 +34,9 @@ bool join_path(char (&path)[PATH_MAX], const char* directory, const char* name) 
     return true;
 }
 
-/// Reads digits up to the end of the name or a ":". False for anything else, and for a number that
-/// does not fit.
-bool read_size(const char* digits, long long& size) noexcept {
+// Reads digits up to the end of the name or a ":". False for anything else, and for a number that
+// does not fit.
+bool readSize(const char* digits, long long& size) noexcept {
     long long number = 0;
     const char* digit = digits;
     for (; *digit >= '0' && *digit <= '9'; ++digit) {
@@ -50,18 +50,18 @@ bool read_size(const char* digits, long long& size) noexcept {
     return true;
 }
 
-bool size_in_name(const char* name, long long& size) noexcept {
+bool sizeInName(const char* name, long long& size) noexcept {
     static constexpr char MARK[] = ",S=";
     constexpr std::size_t MARK_LENGTH = sizeof MARK - 1;
     for (const char* mark = std::strstr(name, MARK); mark != nullptr;
          mark = std::strstr(mark + MARK_LENGTH, MARK)) {
-        if (read_size(mark + MARK_LENGTH, size))
+        if (readSize(mark + MARK_LENGTH, size))
             return true;
     }
     return false;
 }
 
-/// One directory of messages while it is counted.
+// One directory of messages while it is counted.
 struct MessageDirectory {
     DirEntries entries;
     std::size_t pathLength;
@@ -69,24 +69,24 @@ struct MessageDirectory {
 
 enum class OnDisk { found, gone, failed };
 
-OnDisk size_on_disk(const MessageDirectory& directory, const char* name, long long& size) noexcept {
+OnDisk sizeOnDisk(const MessageDirectory& directory, const char* name, long long& size) noexcept {
     if (directory.pathLength + 1 + std::strlen(name) >= PATH_MAX) {
         errno = ENAMETOOLONG;
         return OnDisk::failed;
     }
-    struct stat status {};
-    if (fstatat(directory.entries.descriptor(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    struct stat status = {};
+    if (::fstatat(directory.entries.descriptor(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
         size = status.st_size;
         return OnDisk::found;
     }
     return errno == ENOENT || errno == ENOTDIR ? OnDisk::gone : OnDisk::failed;
 }
 
-int count_message(const MessageDirectory& directory, const char* name,
-                  MaildirUsage& usage) noexcept {
+int countMessage(const MessageDirectory& directory, const char* name,
+                 MaildirUsage& usage) noexcept {
     long long size = 0;
-    if (!size_in_name(name, size)) {
-        const OnDisk state = size_on_disk(directory, name, size);
+    if (!sizeInName(name, size)) {
+        const OnDisk state = sizeOnDisk(directory, name, size);
         if (state != OnDisk::found)
             return state == OnDisk::gone ? 1 : 0;
     }
@@ -97,53 +97,53 @@ int count_message(const MessageDirectory& directory, const char* name,
 
 enum class EntryType { directory, other, unknown };
 
-EntryType type_of(const DirEntries& parent, const dirent64& entry) noexcept {
+EntryType typeOf(const DirEntries& parent, const dirent64& entry) noexcept {
     if (entry.d_type != DT_UNKNOWN)
         return entry.d_type == DT_DIR ? EntryType::directory : EntryType::other;
-    struct stat status {};
-    if (fstatat(parent.descriptor(), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+    struct stat status = {};
+    if (::fstatat(parent.descriptor(), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
         return EntryType::unknown;
     return S_ISDIR(status.st_mode) ? EntryType::directory : EntryType::other;
 }
 
 enum class Scan { complete, stopped, unreadable };
 
-/// Calls `visit` with name and type of every entry that is named as a folder, until it returns 0.
+// Calls `visit` with name and type of every entry that is named as a folder, until it returns 0.
 template <typename Visit>
-Scan visit_folders(DirEntries& maildir, Visit visit) noexcept {
+Scan visitFolders(DirEntries& maildir, Visit visit) noexcept {
     while (const auto* const entry = maildir.next()) {
-        if (entry->d_name[0] == '.' && !visit(entry->d_name, type_of(maildir, *entry)))
+        if (entry->d_name[0] == '.' && !visit(entry->d_name, typeOf(maildir, *entry)))
             return Scan::stopped;
     }
     return errno == 0 ? Scan::complete : Scan::unreadable;
 }
 
-void raise_to(timespec& newest, const timespec& time) noexcept {
+void raiseTo(timespec& newest, const timespec& time) noexcept {
     if (corvo::mail::isLater(time, newest))
         newest = time;
 }
 
-/// Raises `newest` to the times of "cur" and "new" in an open folder.
-int raise_to_parts(int folder, timespec& newest) noexcept {
+// Raises `newest` to the times of "cur" and "new" in an open folder.
+int raiseToParts(int folder, timespec& newest) noexcept {
     for (const char* part : {"cur", "new"}) {
-        struct stat status {};
+        struct stat status = {};
         if (safe_path::status(folder, part, status) == 0)
-            raise_to(newest, status.st_mtim);
+            raiseTo(newest, status.st_mtim);
         else if (errno != ENOENT && errno != ENOTDIR)
             return 0;
     }
     return 1;
 }
 
-void log_bad_entry(const char* name) noexcept {
+void logBadEntry(const char* name) noexcept {
     char directory[PATH_MAX];
-    const char* current = getcwd(directory, sizeof directory);
+    const char* current = ::getcwd(directory, sizeof directory);
     errno = 0;
     messlog2(0, 0, "Bad/unrecognized entry %s within Maildir folder %s\n", name,
              current != nullptr ? current : ".");
 }
 
-void log_unreadable() noexcept {
+void logUnreadable() noexcept {
     messlog2(0, 0, "Unable to open Maildir folder. Has it just been removed?");
 }
 
@@ -157,12 +157,12 @@ bool isLater(const timespec& one, const timespec& other) noexcept {
 
 int countDirectory(const char* directory, MaildirUsage& usage) noexcept {
     MessageDirectory opened{safe_path::openEntries(AT_FDCWD, directory), std::strlen(directory)};
-    struct stat status {};
-    if (!opened.entries || fstat(opened.entries.descriptor(), &status) != 0)
+    struct stat status = {};
+    if (!opened.entries || ::fstat(opened.entries.descriptor(), &status) != 0)
         return 1;
-    raise_to(usage.newest, status.st_mtim);
+    raiseTo(usage.newest, status.st_mtim);
     while (const auto* const entry = opened.entries.next()) {
-        if (!count_message(opened, entry->d_name, usage))
+        if (!countMessage(opened, entry->d_name, usage))
             return 0;
     }
     return errno == 0 ? 1 : 0;
@@ -170,10 +170,10 @@ int countDirectory(const char* directory, MaildirUsage& usage) noexcept {
 
 int countFolder(const char* folder, MaildirUsage& usage) noexcept {
     char path[PATH_MAX];
-    if (!join_path(path, folder, "maildirfolder"))  // the longest path that a folder must allow
+    if (!joinPath(path, folder, "maildirfolder"))  // the longest path that a folder must allow
         return 0;
     for (const char* part : {"new", "cur"}) {
-        if (!join_path(path, folder, part) || !countDirectory(path, usage))
+        if (!joinPath(path, folder, part) || !countDirectory(path, usage))
             return 0;
     }
     return 1;
@@ -187,7 +187,7 @@ int countMaildir(MaildirUsage& usage) noexcept {
     DirEntries maildir = safe_path::openEntries(AT_FDCWD, ".");
     if (!maildir)
         return 0;
-    const Scan scan = visit_folders(maildir, [&usage](const char* name, EntryType type) noexcept {
+    const Scan scan = visitFolders(maildir, [&usage](const char* name, EntryType type) noexcept {
         if (type == EntryType::unknown)
             (void)std::fprintf(stderr, "unable to stat('%s'). Continue.\n", name);
         return type == EntryType::directory ? countFolder(name, usage) : 1;
@@ -198,29 +198,29 @@ int countMaildir(MaildirUsage& usage) noexcept {
 int raiseToFolder(const char* folder, timespec& newest) noexcept {
     char path[PATH_MAX];
     safe_path::Location location;
-    if (!join_path(path, folder, "new"))  // the parts have names of one length
+    if (!joinPath(path, folder, "new"))  // the parts have names of one length
         return 0;
     if (safe_path::locate(AT_FDCWD, path, safe_path::LastLink::keep, location) != 0)
         return errno == ENOENT || errno == ENOTDIR ? 1 : 0;
-    return raise_to_parts(location.parent.get(), newest);
+    return raiseToParts(location.parent.get(), newest);
 }
 
 int raiseToMaildir(timespec& newest) noexcept {
     DirEntries maildir = safe_path::openEntries(AT_FDCWD, ".");
     if (!maildir) {
-        log_unreadable();
+        logUnreadable();
         return 0;
     }
-    if (!raise_to_parts(maildir.descriptor(), newest))
+    if (!raiseToParts(maildir.descriptor(), newest))
         return 0;
-    const Scan scan = visit_folders(maildir, [&newest](const char* name, EntryType type) noexcept {
+    const Scan scan = visitFolders(maildir, [&newest](const char* name, EntryType type) noexcept {
         if (type == EntryType::directory)
             return raiseToFolder(name, newest);
-        log_bad_entry(name);
+        logBadEntry(name);
         return 1;
     });
     if (scan == Scan::unreadable)
-        log_unreadable();
+        logUnreadable();
     return scan == Scan::complete ? 1 : 0;
 }
 

@@ -6,9 +6,9 @@ namespace {
 
 using corvo::mail::MaildirUsage;
 
-/// Has `count(usage)` go on from what the outputs hold.
+// Has `count(usage)` go on from what the outputs hold.
 template <typename Count>
-int count_into(long long* bytes, long long* messages, std::time_t* newest, Count count) noexcept {
+int countInto(long long* bytes, long long* messages, std::time_t* newest, Count count) noexcept {
     MaildirUsage usage{*bytes, *messages, {*newest, 0}};
     const int result = count(usage);
     *bytes = usage.bytes;
@@ -17,9 +17,9 @@ int count_into(long long* bytes, long long* messages, std::time_t* newest, Count
     return result;
 }
 
-/// Has `raise(time)` go on from what the output holds.
+// Has `raise(time)` go on from what the output holds.
 template <typename Raise>
-int raise_in_seconds(std::time_t* newest, Raise raise) noexcept {
+int raiseInSeconds(std::time_t* newest, Raise raise) noexcept {
     timespec time{*newest, 0};
     const int result = raise(time);
     *newest = time.tv_sec;
@@ -30,14 +30,14 @@ int raise_in_seconds(std::time_t* newest, Raise raise) noexcept {
 
 int process_maildir_subdir(const char* directory, long long* bytes, long long* messages,
                            std::time_t* newest) noexcept {
-    return count_into(bytes, messages, newest, [directory](MaildirUsage& usage) noexcept {
+    return countInto(bytes, messages, newest, [directory](MaildirUsage& usage) noexcept {
         return corvo::mail::countDirectory(directory, usage);
     });
 }
 
 int process_maildirpp_subfolder(const char* folder, long long* bytes, long long* messages,
                                 std::time_t* newest) noexcept {
-    return count_into(bytes, messages, newest, [folder](MaildirUsage& usage) noexcept {
+    return countInto(bytes, messages, newest, [folder](MaildirUsage& usage) noexcept {
         return corvo::mail::countFolder(folder, usage);
     });
 }
@@ -46,15 +46,15 @@ int get_maildirpp_messages_usage(long long* bytes, long long* messages,
                                  std::time_t* newest) noexcept {
     *bytes = 0;  // the caller need not have set them
     *messages = 0;
-    return count_into(bytes, messages, newest, corvo::mail::countMaildir);
+    return countInto(bytes, messages, newest, corvo::mail::countMaildir);
 }
 
 int get_maildirpp_folder_mtime(const char* folder, std::time_t* newest) noexcept {
-    return raise_in_seconds(newest, [folder](timespec& time) noexcept {
+    return raiseInSeconds(newest, [folder](timespec& time) noexcept {
         return corvo::mail::raiseToFolder(folder, time);
     });
 }
 
 int get_maildirpp_mtime(std::time_t* newest) noexcept {
-    return raise_in_seconds(newest, corvo::mail::raiseToMaildir);
+    return raiseInSeconds(newest, corvo::mail::raiseToMaildir);
 }

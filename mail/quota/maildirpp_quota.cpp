@@ -46,8 +46,8 @@ namespace safe_path = corvo::safe_path;
 constexpr std::size_t MAILDIRSIZE_READ_MAX = 5120;
 constexpr long long LARGEST = std::numeric_limits<long long>::max();
 
-/// Writes the path of a mail name's home; false when it is too long, which is logged.
-bool format_home(char (&home)[PATH_MAX], const char* domain, const char* mailname) noexcept {
+// Writes the path of a mail name's home; false when it is too long, which is logged.
+bool formatHomeOrLog(char (&home)[PATH_MAX], const char* domain, const char* mailname) noexcept {
     if (corvo::mail::formatHome(home, sizeof home, domain, mailname))
         return true;
     errno = 0;
@@ -56,7 +56,7 @@ bool format_home(char (&home)[PATH_MAX], const char* domain, const char* mailnam
     return false;
 }
 
-int change_to_home(const char* home, bool soundNames) noexcept {
+int changeToHome(const char* home, bool soundNames) noexcept {
     if (soundNames) {
         if (safe_path::changeDirectory(home) == 0)
             return 0;
@@ -67,24 +67,24 @@ int change_to_home(const char* home, bool soundNames) noexcept {
     return -1;
 }
 
-/// Writes `maildirsize` of a Maildir, into which the process changes.
-int write_within(const char* maildir, uid_t uid, gid_t gid,
-                 const MaildirsizeLimits& limits) noexcept {
+// Writes `maildirsize` of a Maildir, into which the process changes.
+int writeWithin(const char* maildir, uid_t uid, gid_t gid,
+                const MaildirsizeLimits& limits) noexcept {
     return safe_path::changeDirectory(maildir) == 0 ? writeMaildirsize(uid, gid, limits) : 0;
 }
 
-/// Writes `maildirsize` for popuser, with a quota for the bytes. Changes into the Maildir.
-int write_for_popuser(const char* maildir, long long quota) noexcept {
-    const uid_t uid = corvo_ugid(POPUSER, 0);
-    const gid_t gid = corvo_ugid(POPUSER, 1);
-    return write_within(maildir, uid, gid, limitsOfQuota(quota));
+// Writes `maildirsize` for popuser, with a quota for the bytes. Changes into the Maildir.
+int writeForPopuser(const char* maildir, long long quota) noexcept {
+    const uid_t uid = corvo_ugid(POPUSER, WANT_UID);
+    const gid_t gid = corvo_ugid(POPUSER, WANT_GID);
+    return writeWithin(maildir, uid, gid, limitsOfQuota(quota));
 }
 
-/// Takes the size of the attachments, which lie outside the Maildir, off the quota: 0, or -1 when
-/// they cannot be counted, which is logged.
-int subtract_attachments(long long& quota) noexcept {
+// Takes the size of the attachments, which lie outside the Maildir, off the quota: 0, or -1 when
+// they cannot be counted, which is logged.
+int subtractAttachments(long long& quota) noexcept {
     static constexpr char ATTACHMENTS[] = "@attachments";
-    struct stat status {};
+    struct stat status = {};
     if (safe_path::status(AT_FDCWD, ATTACHMENTS, status) != 0 || !S_ISDIR(status.st_mode))
         return 0;
     const long long size = get_dir_size(ATTACHMENTS);
@@ -101,24 +101,24 @@ int subtract_attachments(long long& quota) noexcept {
     return 0;
 }
 
-int store_home_quota(const char* home, bool soundNames, long long quota) noexcept {
+int storeHomeQuota(const char* home, bool soundNames, long long quota) noexcept {
     WorkingDirectoryGuard back;
     if (!back.remembered()) {
         messlog2(0, 0, "unable to get current working directory");
         return 0;
     }
-    if (change_to_home(home, soundNames) != 0)
+    if (changeToHome(home, soundNames) != 0)
         return 0;
-    if (quota >= 0 && subtract_attachments(quota) != 0) {
+    if (quota >= 0 && subtractAttachments(quota) != 0) {
         back.release();  // intended: after this failure the process stays in the home
         return 0;
     }
-    return write_for_popuser("./Maildir", quota);  // `back` leads out of it, too
+    return writeForPopuser("./Maildir", quota);  // `back` leads out of it, too
 }
 
-/// Reads `maildirsize` of the current directory: its length, or -1 with errno; EFBIG when it is
-/// longer than anything that is believed.
-ssize_t read_maildirsize(char (&text)[MAILDIRSIZE_READ_MAX + 1]) noexcept {
+// Reads `maildirsize` of the current directory: its length, or -1 with errno; EFBIG when it is
+// longer than anything that is believed.
+ssize_t readMaildirsize(char (&text)[MAILDIRSIZE_READ_MAX + 1]) noexcept {
     const UniqueFd file = safe_path::openFile(AT_FDCWD, MAILDIRSIZE, O_RDONLY);
     if (!file)
         return -1;
@@ -129,10 +129,10 @@ ssize_t read_maildirsize(char (&text)[MAILDIRSIZE_READ_MAX + 1]) noexcept {
     return -1;
 }
 
-int read_usage_and_limits(long long* bytes, long long* messages, long long* byteLimit,
-                          long long* countLimit) noexcept {
+int readUsageAndLimits(long long* bytes, long long* messages, long long* byteLimit,
+                       long long* countLimit) noexcept {
     char buffer[MAILDIRSIZE_READ_MAX + 1];
-    const ssize_t length = read_maildirsize(buffer);
+    const ssize_t length = readMaildirsize(buffer);
     if (length < 0)
         return 0;
     const std::string_view text(buffer, static_cast<std::size_t>(length));
@@ -141,8 +141,8 @@ int read_usage_and_limits(long long* bytes, long long* messages, long long* byte
         errno = EINVAL;
     else if (parse_header_string(text.substr(0, header), byteLimit, countLimit))
         return parse_usage_lines(text.substr(header + 1), bytes, messages);
-    const ErrnoGuard keepErrno;
-    corvo_log(3, "maildirsize quota header is corrupted. Please run mail_rebuild utility to fix.");
+    corvo::Log().line(
+        LOG_ERR, "maildirsize quota header is corrupted. Please run mail_rebuild utility to fix.");
     return 0;
 }
 
@@ -153,7 +153,7 @@ int store_mbox_quota(const char* domain, const char* mailname, long long quota) 
     errno = 0;  // a failed conversion has no system error; the message must not show an old one
     const UniqueCString converted(convertible ? idn_toascii(domain) : nullptr);
     if (convertible && !converted) {
-        messlog2(0, 0, "idn_toascii(%s) failed: %s", domain, idn_strerror(idn_errno));
+        messlog2(0, 0, IDN_TOASCII_FAILED, domain, idn_strerror(idn_errno));
         errno = EINVAL;
         return 0;
     }
@@ -161,18 +161,18 @@ int store_mbox_quota(const char* domain, const char* mailname, long long quota) 
     // The conversion makes dots and slashes out of other characters, so its result is looked at.
     const bool soundNames = isPathComponent(ascii) && isPathComponent(mailname);
     char home[PATH_MAX];
-    return format_home(home, ascii, mailname) ? store_home_quota(home, soundNames, quota) : 0;
+    return formatHomeOrLog(home, ascii, mailname) ? storeHomeQuota(home, soundNames, quota) : 0;
 }
 
 int store_maildirpp_quota_raw(const char* maildir, long long quota) noexcept {
     const WorkingDirectoryGuard back;
-    return back.remembered() ? write_for_popuser(maildir, quota) : 0;
+    return back.remembered() ? writeForPopuser(maildir, quota) : 0;
 }
 
 int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid, long long byteLimit,
                                 long long countLimit) noexcept {
     const WorkingDirectoryGuard back;
-    return back.remembered() ? write_within(maildir, uid, gid, {byteLimit, countLimit}) : 0;
+    return back.remembered() ? writeWithin(maildir, uid, gid, {byteLimit, countLimit}) : 0;
 }
 
 int get_maildirpp_usage_and_limits(const char* maildir, int strict, long long* bytes,
@@ -183,11 +183,11 @@ int get_maildirpp_usage_and_limits(const char* maildir, int strict, long long* b
     const WorkingDirectoryGuard back;
     if (!back.remembered() || safe_path::changeDirectory(maildir) != 0)
         return 0;
-    if (read_usage_and_limits(bytes, messages, byteLimit, countLimit))
+    if (readUsageAndLimits(bytes, messages, byteLimit, countLimit))
         return 1;
     if (strict)
         return 0;
-    MaildirUsage usage{};
+    MaildirUsage usage = {};
     const int result = countMaildir(usage);
     *bytes = usage.bytes;
     *messages = usage.messages;
@@ -203,7 +203,7 @@ int get_maildirpp_usage(const char* maildir, long long* bytes, long long* messag
 int check_maildirpp_overquota(const char* maildir, long long bytes, long long messages) noexcept {
     long long usedBytes = 0;
     long long usedMessages = 0;
-    MaildirsizeLimits limits{};
+    MaildirsizeLimits limits = {};
     if (!get_maildirpp_usage_and_limits(maildir, 0, &usedBytes, &usedMessages, &limits.bytes,
                                         &limits.messages))
         return 0;

@@ -17,24 +17,24 @@ int fail(int error) noexcept {
     return 0;
 }
 
-/// White space as the C locale has it.
-constexpr bool is_space(char c) noexcept {
+// White space as the C locale has it.
+constexpr bool isSpace(char c) noexcept {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-constexpr bool is_digit(char c) noexcept {
+constexpr bool isDigit(char c) noexcept {
     return c >= '0' && c <= '9';
 }
 
-/// Takes a decimal number, with white space and a sign before it, off the front of `text`.
-/// std::errc::invalid_argument when there is none, std::errc::result_out_of_range when it is too
-/// large; both leave `text` alone.
-std::errc take_number(std::string_view& text, long long& number) noexcept {
+// Takes a decimal number, with white space and a sign before it, off the front of `text`.
+// std::errc::invalid_argument when there is none, std::errc::result_out_of_range when it is too
+// large; both leave `text` alone.
+std::errc takeNumber(std::string_view& text, long long& number) noexcept {
     const char* begin = text.data();
     const char* const end = begin + text.size();
-    while (begin != end && is_space(*begin))
+    while (begin != end && isSpace(*begin))
         ++begin;
-    if (end - begin > 1 && *begin == '+' && is_digit(begin[1]))
+    if (end - begin > 1 && *begin == '+' && isDigit(begin[1]))
         ++begin;
     const auto [rest, error] = std::from_chars(begin, end, number);
     if (error == std::errc())
@@ -42,14 +42,14 @@ std::errc take_number(std::string_view& text, long long& number) noexcept {
     return error;
 }
 
-/// What follows the byte limit in a header: "S", or "S,<count>C".
-int parse_count_limit(std::string_view text, long long* count) noexcept {
+// What follows the byte limit in a header: "S", or "S,<count>C".
+int parseCountLimit(std::string_view text, long long* count) noexcept {
     long long number = 0;
     if (text != "S") {
         if (text.size() < 2 || text[1] != ',')
             return fail(EINVAL);
         text.remove_prefix(2);
-        if (const std::errc error = take_number(text, number); error != std::errc())
+        if (const std::errc error = takeNumber(text, number); error != std::errc())
             return fail(static_cast<int>(error));
         if (text != "C")
             return fail(EINVAL);
@@ -58,12 +58,12 @@ int parse_count_limit(std::string_view text, long long* count) noexcept {
     return 1;
 }
 
-/// What follows the bytes in a usage line.
-int parse_message_count(std::string_view text, long long* count) noexcept {
-    if (text.empty() || !is_space(text.front()))
+// What follows the bytes in a usage line.
+int parseMessageCount(std::string_view text, long long* count) noexcept {
+    if (text.empty() || !isSpace(text.front()))
         return fail(EINVAL);
     long long number = 0;
-    if (const std::errc error = take_number(text, number); error != std::errc())
+    if (const std::errc error = takeNumber(text, number); error != std::errc())
         return fail(static_cast<int>(error));
     if (!text.empty())
         return fail(EINVAL);
@@ -76,7 +76,7 @@ int parse_message_count(std::string_view text, long long* count) noexcept {
 int parse_string_common(std::string_view text, long long* first, long long* second,
                         int header) noexcept {
     long long number = 0;
-    const std::errc error = take_number(text, number);
+    const std::errc error = takeNumber(text, number);
     if (header && error == std::errc::invalid_argument) {
         *first = 0;
         *second = 0;
@@ -84,7 +84,7 @@ int parse_string_common(std::string_view text, long long* first, long long* seco
     }
     if (error != std::errc())
         return fail(static_cast<int>(error));
-    if (!(header ? parse_count_limit(text, second) : parse_message_count(text, second)))
+    if (!(header ? parseCountLimit(text, second) : parseMessageCount(text, second)))
         return 0;
     *first = number;
     return 1;
