@@ -11,7 +11,7 @@ char address[] = "all-recipients";
 char executable[] = "/usr/local/vhc/handlers/hooks/check-quota";
 char permanently[] = "permanent";
 
-mh_data record_of(int queue, bool permanent) noexcept {
+mh_data recordOf(int queue, bool permanent) noexcept {
     mh_data record;
     mh_data_init_ex(&record);
     record.priority = PRIORITY;
@@ -28,5 +28,5 @@ mh_data record_of(int queue, bool permanent) noexcept {
 }  // namespace
 
 std::array<mh_data, 2> check_quota_records(bool permanent) noexcept {
-    return {record_of(QUEUES[0], permanent), record_of(QUEUES[1], permanent)};
+    return {recordOf(QUEUES[0], permanent), recordOf(QUEUES[1], permanent)};
 }

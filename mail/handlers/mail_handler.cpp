@@ -25,8 +25,7 @@ T* allocate() noexcept {
 }
 
 void logSystemError() noexcept {
-    const corvo::ErrnoGuard keepErrno;
-    corvo_log(3, "System error: %s", std::strerror(errno));
+    corvo::Log().line(LOG_ERR, "System error: %s", std::strerror(errno));
 }
 
 // False without memory; a null text is copied as null.
@@ -110,8 +109,7 @@ int mh_list_add(mh_list* list, const mh_data* record) noexcept {
     }
     node->record = mh_data_clone(record);
     if (node->record == nullptr) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to clone handlers data record");
+        corvo::Log().line(LOG_ERR, "Unable to clone handlers data record");
         return -1;
     }
     node->next = list->first;

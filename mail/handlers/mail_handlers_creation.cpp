@@ -39,22 +39,19 @@ constexpr mode_t DATABASE_MODE = 0640;
 int sqlite_create_db_path(const char* path, const char* label) noexcept {
     if (*path == '\0') {
         errno = ENOENT;
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to get dirname for %s database (%s): %s (%d)", label, path,
-                  std::strerror(errno), errno);
+        corvo::Log().line(LOG_ERR, "Unable to get dirname for %s database (%s): %s (%d)", label,
+                          path, std::strerror(errno), errno);
         return -1;
     }
     const corvo::UniqueCString copy(::strdup(path));
     if (!copy) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Memory allocation error");
+        corvo::Log().line(LOG_ERR, "Memory allocation error");
         return -1;
     }
     const char* const directory = ::dirname(copy.get());
     if (!corvo::safe_path::makeDirectories(AT_FDCWD, directory, DIRECTORY_MODE)) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to create directories for %s database (%s): %s (%d)", label, path,
-                  std::strerror(errno), errno);
+        corvo::Log().line(LOG_ERR, "Unable to create directories for %s database (%s): %s (%d)",
+                          label, path, std::strerror(errno), errno);
         return -1;
     }
     return 0;
@@ -68,17 +65,17 @@ int sqlite_db_create(const char* path, const char* script, const char* label) no
     if (session.execute(script, error))
         return 0;
     if (error)
-        corvo_log(3, "Unable to re-create %s database: %s", label, error.get());
+        corvo::Log().line(LOG_ERR, "Unable to re-create %s database: %s", label, error.get());
     else
-        corvo_log(3, "Unable to re-create %s database", label);
+        corvo::Log().line(LOG_ERR, "Unable to re-create %s database", label);
     return -1;
 }
 
 int mh_db_create_no_set_permissions() noexcept {
     if (sqlite_create_db_path(mh_db_path, LABEL) != 0) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(2, "Unable to create directory for mail handlers database for(%s): %s",
-                  mh_db_path, std::strerror(errno));
+        corvo::Log().line(LOG_CRIT,
+                          "Unable to create directory for mail handlers database for(%s): %s",
+                          mh_db_path, std::strerror(errno));
         return -1;
     }
     return sqlite_db_create(mh_db_path, SCHEMA, LABEL);
@@ -88,21 +85,20 @@ int fix_mh_db_permissions(const char* path) noexcept {
     errno = 0;
     const group* const owners = ::getgrnam(POPUSER);
     if (owners == nullptr) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(2, "Unable to get mail handlers group uid: %s",
-                  errno == 0 ? "Group not found" : std::strerror(errno));
+        corvo::Log().line(LOG_CRIT, "Unable to get mail handlers group uid: %s",
+                          errno == 0 ? GROUP_NOT_FOUND : std::strerror(errno));
         return -1;
     }
-    corvo::safe_path::PermissionStep failed{};
+    corvo::safe_path::PermissionStep failed = {};
     // Whoever writes to the database in this process must keep its locks.
     if (corvo::safe_path::setOwnerAndModeUnopened(AT_FDCWD, path, 0, owners->gr_gid, DATABASE_MODE,
                                                   &failed) == 0)
         return 0;
-    const corvo::ErrnoGuard keepErrno;
     if (failed == corvo::safe_path::PermissionStep::chmod)
-        corvo_log(2, "Unable to set permissions on %s: %s", path, std::strerror(errno));
+        corvo::Log().line(LOG_CRIT, "Unable to set permissions on %s: %s", path,
+                          std::strerror(errno));
     else
-        corvo_log(2, "Unable to set owner on %s: %s", path, std::strerror(errno));
+        corvo::Log().line(LOG_CRIT, "Unable to set owner on %s: %s", path, std::strerror(errno));
     return -1;
 }
 

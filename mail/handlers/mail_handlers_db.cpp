@@ -52,9 +52,10 @@ const char* storedContext(const mh_data& record) noexcept {
 bool validate_global_handler_recipient(const mh_data& record) noexcept {
     if (record.type != MH_GLOBAL_HANDLER_TYPE || storedAddress(record) != nullptr)
         return true;
-    corvo_log(3,
-              "Incorrect recipient address for global handler, expected [NULL|EMPTY_STRING|%s|%s]",
-              ALL, ALL_RECIPIENTS);
+    corvo::Log().line(
+        LOG_ERR,
+        "Incorrect recipient address for global handler, expected [NULL|EMPTY_STRING|%s|%s]", ALL,
+        ALL_RECIPIENTS);
     errno = EINVAL;
     return false;
 }
@@ -68,8 +69,9 @@ const char* selectedAddress(const mh_data& key) noexcept {
         return ALL;
     if (isEverybody(key.address))
         return key.address;
-    corvo_log(3, "Incorrect recipient address for global handler `%s', expected [NULL|%s|%s]",
-              key.address, ALL, ALL_RECIPIENTS);
+    corvo::Log().line(LOG_ERR,
+                      "Incorrect recipient address for global handler `%s', expected [NULL|%s|%s]",
+                      key.address, ALL, ALL_RECIPIENTS);
     errno = EINVAL;
     return nullptr;
 }
@@ -85,8 +87,8 @@ public:
     bool operator()(const char* parameter, Value value) noexcept {
         if (statement_.bind(value))
             return true;
-        corvo_log(3, "Unable to bind parameter '%s' to the '%s' query: %s", parameter, query_,
-                  statement_.error());
+        corvo::Log().line(LOG_ERR, "Unable to bind parameter '%s' to the '%s' query: %s", parameter,
+                          query_, statement_.error());
         return false;
     }
 
@@ -134,7 +136,7 @@ int collect(SqliteStatement& select, mh_list* list, mh_data record, Read read,
             return -1;
         }
         if (read(record) && mh_list_add(list, &record) != 0) {
-            corvo_log(3, "Unable to save the data from SELECT query");
+            corvo::Log().line(LOG_ERR, "Unable to save the data from SELECT query");
             return -1;
         }
     }
@@ -176,7 +178,7 @@ int selectWhole(sqlite3* db, mh_list* list, const char* wanted, const char* sql,
     mh_data record;
     mh_data_init_ex(&record);
     return collect(select, list, record, read, [](const char* error) noexcept {
-        corvo_log(3, "Unable to select data from handlers database: %s", error);
+        corvo::Log().line(LOG_ERR, "Unable to select data from handlers database: %s", error);
     });
 }
 
@@ -227,7 +229,8 @@ int mh_db_add(sqlite3* db, mh_data* record) noexcept {
         return -1;
     if (insert.step() == SqliteStep::done)
         return 0;
-    corvo_log(3, "Unable to execute insert record into handlers database: %s", insert.error());
+    corvo::Log().line(LOG_ERR, "Unable to execute insert record into handlers database: %s",
+                      insert.error());
     return -1;
 }
 
@@ -245,7 +248,8 @@ int mh_db_remove(sqlite3* db, mh_data* record) noexcept {
         return -1;
     if (remove.step() == SqliteStep::done)
         return 0;
-    corvo_log(3, "Unable to execute delete record from handlers database: %s", remove.error());
+    corvo::Log().line(LOG_ERR, "Unable to execute delete record from handlers database: %s",
+                      remove.error());
     return -1;
 }
 
@@ -263,12 +267,13 @@ int mh_db_action(sqlite3* db, const char* parameter, const char* statement) noex
     if (!action)
         return -1;
     if (!action.bind(parameter)) {
-        corvo_log(3, "Unable to bind parameter param to query: %s", action.error());
+        corvo::Log().line(LOG_ERR, "Unable to bind parameter param to query: %s", action.error());
         return -1;
     }
     if (action.step() == SqliteStep::done)
         return 0;
-    corvo_log(3, "Unable to execute do action on handlers database: %s", action.error());
+    corvo::Log().line(LOG_ERR, "Unable to execute do action on handlers database: %s",
+                      action.error());
     return -1;
 }
 
@@ -292,7 +297,7 @@ int mh_db_remove_all(sqlite3* db, const char* domain) noexcept {
     if (result == 0)
         result = mh_db_do(&list, db, mh_db_remove);
     if (result != 0)
-        corvo_log(3, "Unable to add records into handlers database");
+        corvo::Log().line(LOG_ERR, "Unable to add records into handlers database");
     mh_list_free(&list);
     return result;
 }
@@ -322,7 +327,7 @@ int mh_db_select(sqlite3* db, mh_list* list, const mh_data* key) noexcept {
     record.enabled = key->enabled;
     record.address = address;
     return collect(select, list, record, read, [](const char* error) noexcept {
-        corvo_log(3, "Unable to get data from mail handlers database: %s", error);
+        corvo::Log().line(LOG_ERR, "Unable to get data from mail handlers database: %s", error);
     });
 }
 
