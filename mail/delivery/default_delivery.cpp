@@ -27,7 +27,7 @@ constexpr std::size_t MAX_LINE = 65536;
 
 // Opens the file: none, with errno, unless it has content that is popuser's to see.
 corvo::UniqueFd openWithContent() noexcept {
-    struct stat seen {};
+    struct stat seen = {};
     corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, DEFAULT_DELIVERY, O_RDONLY, 0, seen);
     if (!file)
         return file;
@@ -47,10 +47,11 @@ bool isNoUsableFile(int error) noexcept {
 
 void logNotOpened(int error) noexcept {
     if (isNoUsableFile(error))
-        corvo_log(3, "Unable to get default delivery transport string from %s\n", DEFAULT_DELIVERY);
+        corvo::Log().line(LOG_ERR, "Unable to get default delivery transport string from %s\n",
+                          DEFAULT_DELIVERY);
     else
-        corvo_log(3, "Unable to open default delivery config file(%s): %s\n", DEFAULT_DELIVERY,
-                  std::strerror(error));
+        corvo::Log().line(LOG_ERR, "Unable to open default delivery config file(%s): %s\n",
+                          DEFAULT_DELIVERY, std::strerror(error));
 }
 
 // 0, or -1 with errno, for a line of `length` bytes that was read to `line`.
@@ -116,8 +117,8 @@ DefaultDelivery readDefaultDelivery() noexcept {
 
 void reportMissingLine(const DefaultDelivery& missing) noexcept {
     if (missing.isOpened)
-        corvo_log(3, "Unable to read line from file: %s: %s\n", DEFAULT_DELIVERY,
-                  std::strerror(missing.error));
+        Log().line(LOG_ERR, "Unable to read line from file: %s: %s\n", DEFAULT_DELIVERY,
+                   std::strerror(missing.error));
     else
         logNotOpened(missing.error);
     errno = missing.error;

@@ -27,7 +27,7 @@ bool isExecutable(const struct stat& file) noexcept {
 
 AgentSearch search() noexcept {
     for (const DeliveryAgent& agent : DELIVERY_AGENTS) {
-        struct stat file {};
+        struct stat file = {};
         if (::stat(agent.path, &file) != 0)  // a root-owned path
             continue;
         if (isExecutable(file))
@@ -60,12 +60,12 @@ AgentSearch searchDeliveryAgent() noexcept {
 
 void reportMissingAgent(const AgentSearch& search) noexcept {
     if (search.unusable != nullptr)
-        corvo_log(3,
-                  "Unable to detect IMAP/POP3 server type - LDA is present at '%s' but is not a "
-                  "regular file or is not executable",
-                  search.unusable);
+        Log().line(LOG_ERR,
+                   "Unable to detect IMAP/POP3 server type - LDA is present at '%s' but is not a "
+                   "regular file or is not executable",
+                   search.unusable);
     else
-        corvo_log(3, "Unable to detect IMAP/POP3 server type - no LDA found");
+        Log().line(LOG_ERR, "Unable to detect IMAP/POP3 server type - no LDA found");
     errno = search.error;
 }
 

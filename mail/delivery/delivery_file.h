@@ -73,7 +73,7 @@ template <typename Edit>
     const LineLock lock(path);
     const line_rewrite::Target file(path);
     DeliveryContents old;
-    Ownership ownership{};
+    Ownership ownership = {};
     if (!lock.isHeld() || !readDelivery(file, old) || !findDeliveryOwnership(ownership))
         return false;
     Lines lines = linesOf(old.text);

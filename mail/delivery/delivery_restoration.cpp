@@ -55,9 +55,9 @@ private:
 
     const char* path_;
     bool shallDeliver_;
-    AgentSearch agent_{};
+    AgentSearch agent_ = {};
     std::optional<LineLock> lock_;
-    DefaultDelivery line_{};
+    DefaultDelivery line_ = {};
     line_rewrite::Target file_;
     DeliveryContents old_;
     bool didDeliver_ = false;
@@ -119,7 +119,7 @@ bool Restoration::mayPutInPlace() const noexcept {
 
 bool Restoration::putInPlace(const Lines& forwards) {
     const std::string text = wantedText(forwards);
-    Ownership ownership{};
+    Ownership ownership = {};
     if (!findDeliveryOwnership(ownership)) {
         stumble(Obstacle::unwritten);
         return false;
@@ -146,7 +146,7 @@ bool Restoration::isWorthKeeping() const noexcept {
 
 // Leaves the file with what it holds.
 int Restoration::keep() noexcept {
-    Ownership ownership{};
+    Ownership ownership = {};
     if (findDeliveryOwnership(ownership))
         (void)!safe_path::setOwnerAndMode(file_.base(), file_.name(), ownership.uid, ownership.gid,
                                           ownership.mode, nullptr);

@@ -57,7 +57,7 @@ bool changeInOneStep(const char* path, Edit edit) noexcept {
 }
 
 bool isThere(const char* path) noexcept {
-    struct stat seen {};
+    struct stat seen = {};
     return corvo::safe_path::status(AT_FDCWD, path, seen) == 0;
 }
 
@@ -107,7 +107,8 @@ char* convertToOneLine(const char* address) noexcept {
 corvo::UniqueCString forwardAddress(const char* address) noexcept {
     corvo::UniqueCString converted(convertToOneLine(address));
     if (!converted) {
-        corvo_log(3, "idn_email_toascii(%s) failed: %s", address, idn_strerror(idn_errno));
+        corvo::Log().line(LOG_ERR, "idn_email_toascii(%s) failed: %s", address,
+                          idn_strerror(idn_errno));
         errno = EINVAL;
     }
     return converted;
@@ -160,8 +161,8 @@ int dotqmail_add_forward(const char* path, const char* address) noexcept {
         return -1;
     const corvo::UniqueCString line = formatForward(converted.get(), "");
     if (!line) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "asprintf(\"&%%s\", %s) failed: %s", converted.get(), std::strerror(errno));
+        corvo::Log().line(LOG_ERR, "asprintf(\"&%%s\", %s) failed: %s", converted.get(),
+                          std::strerror(errno));
         return -1;
     }
     if (putLast(path, line.get()))
@@ -169,8 +170,7 @@ int dotqmail_add_forward(const char* path, const char* address) noexcept {
     // A file from which nothing can be removed may still be added to.
     (void)removeLine(path, line.get());
     if (addLine(path, line.get()) != 0) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to add string to %s file.", path);
+        corvo::Log().line(LOG_ERR, "Unable to add string to %s file.", path);
         return -1;
     }
     return giveToPopuser(path);
@@ -182,13 +182,12 @@ int dotqmail_remove_forward(const char* path, const char* address) noexcept {
         return -1;
     const corvo::UniqueCString line = formatForward(converted.get(), "\n");
     if (!line) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "asprintf(\"&%%s\", %s): %s", converted.get(), std::strerror(errno));
+        corvo::Log().line(LOG_ERR, "asprintf(\"&%%s\", %s): %s", converted.get(),
+                          std::strerror(errno));
         return -1;
     }
     if (removeLine(path, line.get()) != 0) {
-        const corvo::ErrnoGuard keepErrno;
-        corvo_log(3, "Unable to remove string from %s file.", path);
+        corvo::Log().line(LOG_ERR, "Unable to remove string from %s file.", path);
         return -1;
     }
     return giveToPopuser(path);

@@ -1,7 +1,8 @@
 // Delivery files: ".qmail" in the home of a mail name, a line for each way its mail goes.
 //
 // Functions return 0, or -1 with the errno of what failed, logged through corvo_log or by the
-// helper that failed. A file that was changed belongs to popuser with mode 0600. None throws.
+// helper that failed. The mail name comes before its domain here, other than in the classes and in
+// store_mbox_quota. A file that was changed belongs to popuser with mode 0600. None throws.
 // What removes lines and adds one does so in one step, and in two where the one cannot be made.
 
 #pragma once

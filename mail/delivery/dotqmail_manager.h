@@ -17,7 +17,8 @@ class Mailname;
 
 class DotQMailManager {
 public:
-    /// Where a line goes. Every line is appended, whatever is asked for.
+    /// Where a line goes. Every line is appended, whatever is asked for; the choice is part of the
+    /// interface.
     enum class Position { first = 0, last = 1, anywhere = 2 };
 
     /// The file in a home. Of a mail name that is not sound every method fails with EINVAL and
