@@ -24,7 +24,7 @@ public:
     /// Looks up the owner of mail storage: throws std::runtime_error when there is no such account.
     MailboxRestorationHelper();
 
-    /// Makes the domain's root directory.
+    /// Makes the domain's root directory. `off` is not used; the slot has it.
     void registerDomain(const std::string& domain, bool off);
 
     /// Makes the mail name's home with its Maildir and restores its delivery file, with local
