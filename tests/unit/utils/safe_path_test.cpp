@@ -22,8 +22,8 @@
 #include "tests/support/process.h"
 #include "tests/support/race.h"
 #include "tests/support/sandbox.h"
-#include "utils/accounts.h"
 #include "tests/unit/utils/safe_path_fixture.h"
+#include "utils/accounts.h"
 
 namespace corvo::test::paths {
 namespace {
