@@ -8,7 +8,7 @@
 
 namespace {
 
-bool is_right(bool reject, bool permanent) noexcept {
+bool isRight(bool reject, bool permanent) noexcept {
     const auto records = check_quota_records(permanent);
     const std::span<const mh_data> wanted(records.data(), reject ? records.size() : 0);
     return !mh_db_name_differences(nullptr, CHECK_QUOTA_HANDLER, wanted).any();
@@ -17,7 +17,7 @@ bool is_right(bool reject, bool permanent) noexcept {
 }  // namespace
 
 int restore_check_quota_handler(int reject, int permanent) noexcept {
-    if (is_right(reject != 0, permanent != 0))
+    if (isRight(reject != 0, permanent != 0))
         return 0;
     (void)mh_db_remove_name(nullptr, CHECK_QUOTA_HANDLER);
     if (reject == 0)
