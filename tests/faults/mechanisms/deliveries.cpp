@@ -1,16 +1,21 @@
 // Whether mail goes on being delivered while a run is under way and after it has failed: over a
-// tree in perfect order, at each of its calls, without what a run needs, and under each error.
+// tree in perfect order, at each of its calls, without what a run needs, beside other runs, and
+// under each error.
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "tests/faults/disturb/background.h"
 #include "tests/faults/disturb/lasting_errors.h"
 #include "tests/faults/disturb/tracer.h"
 #include "tests/faults/judge/keeps_delivering.h"
 #include "tests/faults/mechanisms/campaign.h"
 #include "tests/faults/world/delivery_scene.h"
+#include "tests/support/files.h"
 
 namespace corvo::faults {
 
@@ -19,6 +24,14 @@ namespace {
 // Primes, so that a quick campaign meets each kind of call.
 constexpr std::size_t QUICK_STEP = 7;          // calls at which a run is looked at
 constexpr std::size_t QUICK_ERROR_STEP = 197;  // errors
+
+// Three runs at once.
+constexpr std::size_t ROUNDS = 200;
+constexpr std::size_t QUICK_ROUNDS = 4;
+constexpr std::size_t LATEST = 20;  // milliseconds that one begins after another
+
+/// What a watcher beside them has seen.
+const std::string SEEN = "/run/seen";
 
 const std::array<LastingError, 4> SINGLE_ERRORS = {{
     {"EIO", EIO},
@@ -66,6 +79,51 @@ void tryError(const DeliveryScene& scene, Report& report, const Position& positi
     report.add("not_met", run.met ? 0 : 1);
 }
 
+/// What somebody sees who looks at the delivery files again and again. Says so once.
+int watch(const DeliveryScene& scene, const Background::Ready& ready) {
+    test::writeFile(SEEN, "");
+    ready();
+    for (;;) {
+        const Violations seen =
+            checkKeepsDelivering(scene.before(), scene.wanted(), scene.deliveryFiles());
+        if (seen.empty())
+            continue;
+        test::writeFile(SEEN, seen.front());
+        return 1;
+    }
+}
+
+int companion(std::size_t round, const Background::Ready& ready) {
+    ready();
+    std::this_thread::sleep_for(std::chrono::milliseconds(round % LATEST));
+    return undisturbedRun().status;
+}
+
+/// Three runs over the same mail names.
+Violations meet(const DeliveryScene& scene, std::size_t round) {
+    Background watcher([&](const Background::Ready& ready) { return watch(scene, ready); });
+    Background second([&](const Background::Ready& ready) { return companion(round, ready); });
+    Background third([&](const Background::Ready& ready) { return companion(round / 3, ready); });
+    Violations violations = judgeEnd(undisturbedRun());
+    for (Background* const each : {&second, &third})
+        if (const int status = each->finish(); status != 0)
+            violations.push_back("I7 exit status " + std::to_string(status) + " instead of 0");
+    for (const std::string& seen : linesOf(test::contentsOf(SEEN)))
+        violations.push_back("seen meanwhile: " + seen);
+    append(violations, checkKeepsDelivering(scene.before(), scene.wanted(), scene.deliveryFiles()));
+    return violations;
+}
+
+void manyMeetings(const DeliveryScene& scene, Report& report) {
+    for (std::size_t round = 0; round < ROUNDS; ++round) {
+        const std::string point = "together/" + std::to_string(round);
+        if (!report.wants(point, round < QUICK_ROUNDS))
+            continue;
+        scene.reset();
+        report.tried(point, meet(scene, round));
+    }
+}
+
 std::vector<LastingError> errorsAt(const Call& call) {
     std::vector<LastingError> errors = lastingErrorsAt(call);
     if (call.mayFail)
@@ -97,6 +155,7 @@ void deliveries(World& /*world*/, Report& report, const Selection& /*selection*/
         }
     }
     const DeliveryScene scene(fewRecipients());
+    manyMeetings(scene, report);
     everyError(scene, report);
 }
 
