@@ -30,6 +30,7 @@ const Mechanism MECHANISMS[] = {
     {"error", "errors from each system call, once and lasting", corvo::faults::errorPoints},
     {"allocation", "an allocation that fails, once or for good", corvo::faults::allocationPoints},
     {"disk", "small, full and read-only file systems", corvo::faults::diskLimits},
+    {"power", "power cuts at each flush of a run and between", corvo::faults::powerCuts},
     {"limits", "limits on file size and descriptors", corvo::faults::processLimits},
     {"database", "a database server that fails", corvo::faults::databaseFaults},
     {"contention", "locks held by others, and two runs at once", corvo::faults::contention},
