@@ -38,6 +38,7 @@ const Mechanism MECHANISMS[] = {
     {"traps", "links, pipes and the like planted in the mail tree", corvo::faults::plantedTraps},
     {"races", "a process that exchanges entries with links", corvo::faults::races},
     {"rows", "hostile rows in the panel database", corvo::faults::hostileRows},
+    {"deliveries", "a sound tree at each call and under each error", corvo::faults::deliveries},
 };
 
 int usage() {

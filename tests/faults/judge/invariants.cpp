@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "tests/faults/judge/judgement.h"
+#include "tests/faults/judge/keeps_delivering.h"
 #include "tests/support/installation.h"
 #include "tests/support/sandbox.h"
 
@@ -229,6 +230,8 @@ Violations checkAfterFault(const Golden& golden, const Snapshot& before, const S
     checkSurroundings(before, after, found);
     checkOwnersAndModes(golden, before, after, outcome, found);
     checkEnd(outcome, expectation, found);
+    append(found, checkKeepsDelivering(before.storage, golden.after.storage, after.storage,
+                                       {expectation.unread, outcome.err}));
     if (expectation.passes)
         checkRepaired(golden, after, found);
     if (!isKilled(outcome) && !expectation.reportsLost)

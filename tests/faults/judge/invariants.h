@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "tests/faults/disturb/runner.h"
 #include "tests/faults/judge/vocabulary.h"
@@ -17,10 +18,11 @@ struct Expectation {
     int signal = 0;            // the injected signal, which may end the run
     bool reportsLost = false;  // standard error could not be read: nothing must be named in it
     bool passes = false;       // the run outlives the fault: it ends well, and all is restored
+    std::vector<std::string> unread = {};  // paths whose looks and reads were made to fail
 };
 
 /// Messages, delivery files, sizes, databases, canaries, owners and modes, exit status, reports
-/// (I1 to I8).
+/// (I1 to I8), and that what was delivered is delivered on (I11).
 Violations checkAfterFault(const Golden& golden, const Snapshot& before, const Snapshot& after,
                            const Outcome& outcome, const Expectation& expectation = {});
 

@@ -72,10 +72,16 @@ void ErrorPoints::attempt(const Position& position, const LastingError& error, b
     if (!report_.wants(point, inQuick))
         return;
     FaultyRun run;
-    report_.tried(point, judge(world_, start_, [&] {
-                      run = failFrom(position, error.number, error.further, error.isConcerned);
-                      return run.outcome;
-                  }));
+    Expectation expectation;
+    report_.tried(point, judge(
+                             world_, start_,
+                             [&] {
+                                 run = failFrom(position, error.number, error.further,
+                                                error.isConcerned);
+                                 expectation.unread = run.unread;
+                                 return run.outcome;
+                             },
+                             expectation));
     report_.add("not_met", run.met ? 0 : 1);
 }
 
