@@ -37,7 +37,8 @@ void flushFolderOf(const std::filesystem::path& database) {
 
 void StorageFlush::noteHome(const std::filesystem::path& home) {
     struct stat seen = {};
-    if (safe_path::status(AT_FDCWD, home.c_str(), seen) != 0 || fileSystems_.contains(seen.st_dev))
+    if (safe_path::status(AT_FDCWD, home.c_str(), seen) != 0 || !S_ISDIR(seen.st_mode) ||
+        fileSystems_.contains(seen.st_dev))
         return;
     UniqueFd directory = safe_path::openDirectory(AT_FDCWD, home.c_str());
     if (directory)
