@@ -185,10 +185,12 @@ TEST_F(WholeRunTest, ObeysThePanelWhenTheServerEndedItsConnectionsMeanwhile) {
     panel.domain("example.com").mailname("info");
     panel.misc("reject_mail_when_overquota", "false");
     const std::string qmail = home("info", "example.com") + "/.qmail";
-    lock_handle* const lock = mk_lock(qmail.c_str(), 1);
+    lock_handle* const lock = mk_lock(qmail.c_str(), LOCK_BY_NAME);
     auto running = std::async(std::launch::async, [] { return mailRebuild({"--all"}); });
-    // The file is made before the lock on it is waited for, and after the domain was asked for.
-    while (!exists(qmail) && running.wait_for(0s) != std::future_status::ready) {
+    // The home is made before the lock on its file is waited for, and after the domain was asked
+    // for.
+    while (!exists(home("info", "example.com") + "/@attachments") &&
+           running.wait_for(0s) != std::future_status::ready) {
     }
     for (const std::string& id : panel.query(
              "SELECT id FROM information_schema.processlist WHERE user='" + panel.user() + "'"))
