@@ -9,6 +9,7 @@
 namespace corvo {
 
 void CarriedForwards::restore(const mail::Mailname& mailname, bool delivers) {
+    unnamed_.reset();
     file_.emplace(mailname);
     file_->restore(delivers, unnamed_);
 }

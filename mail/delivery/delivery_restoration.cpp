@@ -66,19 +66,19 @@ private:
     int error_ = 0;                       // what it failed with
 };
 
-// Agent, lock and line are asked for in this order, and what one lacks is told without asking for
-// the next. The lock is taken in any case.
+// Agent, lock and line are missed in this order, and one that is missing hides the next. The line
+// is also there to be known again in the old file.
 Restoration::Restoration(const char* path, bool shallDeliver)
     : path_(path), shallDeliver_(shallDeliver), lock_(path), file_(path) {
-    if (shallDeliver_)
+    if (shallDeliver_) {
         agent_ = searchDeliveryAgent();
+        line_ = readDefaultDelivery();
+    }
     if (shallDeliver_ && agent_.kind == DELIVERY_AGENT_UNKNOWN)
         stumble(Obstacle::agent);
     if (!lock_->isHeld())
         stumble(Obstacle::lock);
-    if (shallDeliver_ && obstacle_ == Obstacle::none)
-        line_ = readDefaultDelivery();
-    if (shallDeliver_ && obstacle_ == Obstacle::none && !line_.line)
+    if (shallDeliver_ && !line_.line)
         stumble(Obstacle::line);
 }
 
@@ -106,7 +106,7 @@ std::string_view Restoration::deliveryLine() const noexcept {
 
 std::string Restoration::wantedText(const Lines& forwards) const {
     Lines lines = {RESET_LINE};
-    if (line_.line)
+    if (line_.line && obstacle_ == Obstacle::none)
         lines.push_back(deliveryLine());
     lines.insert(lines.end(), forwards.begin(), forwards.end());
     return textOf(lines);

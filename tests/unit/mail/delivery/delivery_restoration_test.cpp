@@ -230,6 +230,18 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(given.param == 0 ? "Agent" : given.param == 1 ? "Line" : "Locks");
     });
 
+TEST_F(DeliveryRestorationTest, FileThatDeliversByALineOfItsOwnIsKnownWithoutAgentAndLocks) {
+    writeFile(MAILNAMES + "/.default_delivery", "| own ./Maildir\n");
+    for (void (*remove)() : {removeAgent, removeLocks}) {
+        write("| own ./Maildir\n&a@b.c\n");
+        remove();
+        detectedImapPop3Server = DELIVERY_AGENT_UNKNOWN;
+        EXPECT_EQ(restore(true), -1);
+        EXPECT_EQ(contentsOf(DOTQMAIL), "| own ./Maildir\n&a@b.c\n");
+        (void)message();
+    }
+}
+
 TEST_F(DeliveryRestorationTest, FailuresAreToldAlsoWhereTheFileIsRight) {
     write("| true\n" + LINE);
     const auto before = identity();
