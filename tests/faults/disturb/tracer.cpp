@@ -362,6 +362,12 @@ int observeRun(const std::function<void(const Call&)>& look) {
     return run.end();
 }
 
+void observeUntil(const Position& end, const std::function<void(const Call&)>& look) {
+    Tracee run(loseStreams);
+    while (run.goToNext() && run.position() < end)
+        look(run.call());
+}
+
 FaultyRun killAt(const Position& position, Moment moment) {
     return disturb(position, [moment](Tracee& run, StrikeLog& /*log*/) {
         if (moment == Moment::exit)

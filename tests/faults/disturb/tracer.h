@@ -45,6 +45,9 @@ std::vector<Call> callsOfRun();
 /// first. Returns its exit status, or 128 + the signal that ended it.
 int observeRun(const std::function<void(const Call&)>& look);
 
+/// The same, but the run is killed at the entry of a call.
+void observeUntil(const Position& end, const std::function<void(const Call&)>& look);
+
 enum class Moment {
     entry,  // before the call is executed
     exit,   // when it has been executed

@@ -160,6 +160,10 @@ TEST_F(TracerTest, AnObserverSeesTheCallThatComesNext) {
             seen.push_back(next.number);
     });
     world.reset(Start::damaged);
+    std::vector<long> untilTheTenth;
+    observeUntil({10, 0}, [&](const Call& next) { untilTheTenth.push_back(next.number); });
+    EXPECT_EQ(untilTheTenth, std::vector<long>(seen.begin(), seen.begin() + 8));
+    world.reset(Start::damaged);
     std::vector<long> made;
     for (const Call& call : callsOfRun())
         if (call.position.look == 0)

@@ -19,8 +19,8 @@ bool hasSameContent(const Entry* one, const Entry* other) {
     return one->content == other->content;
 }
 
-std::string difference(const std::string& path, const Entry* start, const Entry* found) {
-    return "I12 " + path + ": " + shown(start) + " became " + shown(found);
+std::string difference(const std::string& path, const Entry* before, const Entry* found) {
+    return "I12 " + path + ": " + shown(before) + " became " + shown(found);
 }
 
 /// Whether a group's .qmail has been like this when some of its forwards were there.
@@ -32,10 +32,10 @@ bool isOnTheWay(const std::string& path, const Entry* wanted, const Entry* now,
            contents->second.contains(now->content);
 }
 
-Violations judgeFiles(const Tree& wanted, const Tree& start, const Tree& found,
+Violations judgeFiles(const Tree& before, const Tree& wanted, const Tree& found,
                       const Stood& stood) {
     Violations violations;
-    compare(start, found, [&](const std::string& path, const Entry* former, const Entry* now) {
+    compare(before, found, [&](const std::string& path, const Entry* former, const Entry* now) {
         const Entry* shall = entryAt(wanted, path);
         if (isReplacedAtOnce(path) && !hasSameContent(now, former) && !hasSameContent(now, shall) &&
             !isOnTheWay(path, shall, now, stood))
@@ -44,9 +44,9 @@ Violations judgeFiles(const Tree& wanted, const Tree& start, const Tree& found,
     return violations;
 }
 
-Violations judgeMessages(const Tree& start, const Tree& found) {
+Violations judgeMessages(const Tree& before, const Tree& found) {
     Violations violations;
-    for (const auto& [path, former] : start)
+    for (const auto& [path, former] : before)
         if (isStoredMessage(path, former) && !hasSameContent(&former, entryAt(found, path)))
             violations.push_back(difference(path, &former, entryAt(found, path)));
     return violations;
@@ -60,14 +60,15 @@ Violations judgeDamage(const CutImage& image) {
 
 }  // namespace
 
-Violations judgeCut(const Golden& golden, const Snapshot& start, const Stood& stood,
-                    const CutImage& image) {
+Violations judgeCut(const Golden& golden, const Stood& stood, const CutImage& image) {
+    const Tree& before = golden.before.storage;
+    const Tree& wanted = golden.after.storage;
+    const Tree& found = image.found.storage;
     Violations violations = judgeDamage(image);
-    append(violations, judgeFiles(golden.after.storage, start.storage, image.found.storage, stood));
-    append(violations,
-           checkKeepsDelivering(start.storage, golden.after.storage, image.found.storage));
-    append(violations, judgeMessages(start.storage, image.found.storage));
-    checkDatabases(golden, start, image.found, violations);
+    append(violations, judgeFiles(before, wanted, found, stood));
+    append(violations, checkKeepsDelivering(before, wanted, found));
+    append(violations, judgeMessages(before, found));
+    checkDatabases(golden, golden.before, image.found, violations);
     return violations;
 }
 

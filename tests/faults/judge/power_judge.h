@@ -17,15 +17,15 @@ struct CutImage {
     std::string damage;  // what the file system's own check complains of
 };
 
-/// Contents that stood in a file at some instant of a run, by its path below the mail names root.
+/// Contents that stood in a file at some instant of the runs, by its path below the mail names
+/// root.
 using Stood = std::map<std::string, std::set<std::string>>;
 
-/// At any moment of a run that found `start`: a sound file system; every .qmail and maildirsize as
-/// it was at `start` or as restored, each whole; every message as at `start`; both databases sound
-/// with old or new rows. The forwards of a group come one by one: its .qmail may also be as it
-/// `stood` on the way, in whole lines. What was delivered is delivered on (I11).
-Violations judgeCut(const Golden& golden, const Snapshot& start, const Stood& stood,
-                    const CutImage& image);
+/// At any moment of a run, or of one that follows a killed one: a sound file system; every .qmail
+/// and maildirsize as it was before or as restored, each whole; every message as before; both
+/// databases sound with old or new rows. The forwards of a group come one by one: its .qmail may
+/// also be as it `stood` on the way, in whole lines. What was delivered is delivered on (I11).
+Violations judgeCut(const Golden& golden, const Stood& stood, const CutImage& image);
 
 /// After a run has ended with status 0: all of it is there.
 Violations judgeCutAfterEnd(const Golden& golden, const CutImage& image);

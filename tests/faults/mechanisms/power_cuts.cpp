@@ -33,19 +33,23 @@ CutImage imageOf(const PowerDisk& disk) {
     return {std::move(found.snapshot), std::move(found.damage)};
 }
 
-/// One run on a disk, and what comes of power cuts meanwhile.
+/// Runs on a disk, and what comes of power cuts meanwhile.
 class DisturbedPower {
 public:
     DisturbedPower(const PowerDisk& disk, const Golden& golden, Report& report, std::string name)
-        : disk_(disk),
-          golden_(golden),
-          start_(Snapshot::take()),
-          report_(report),
-          name_(std::move(name)) {}
+        : disk_(disk), golden_(golden), report_(report), name_(std::move(name)) {}
 
+    /// A run that is killed at a call, with its power on.
+    void kill(const Position& position) {
+        observeUntil(position, [this](const Call& /*next*/) { rememberGroups(); });
+        name_ += "-killed-at-" + nameOf(position);
+    }
+
+    /// A run to its end.
     void run() {
         const int status = observeRun([this](const Call& next) { look(next); });
-        afterEnd("end", status, true);
+        if (report_.wants(name_ + "/end"))
+            tried("end", status);
         if (report_.wants(name_ + "/a-while-later", false)) {
             std::this_thread::sleep_for(A_WHILE);
             tried("a-while-later", status);
@@ -58,12 +62,12 @@ private:
         rememberGroups();
         const bool isFlushed = flushes(lastCall_);
         lastCall_ = next.number;
-        if (!isFlushed && next.position.call % STEP != 0)
+        if (!isFlushed && (next.position.call % STEP != 0 || next.position.look != 0))
             return;
         const std::string point = name_ + "/" + nameOf(next.position);
         if (!report_.wants(point, ++images_ % QUICK_STEP == 0))
             return;
-        report_.tried(point, judgeCut(golden_, start_, stood_, imageOf(disk_)));
+        report_.tried(point, judgeCut(golden_, stood_, imageOf(disk_)));
         report_.add("after_flush", isFlushed ? 1 : 0);
     }
 
@@ -72,11 +76,6 @@ private:
             if (path.ends_with("/.qmail") && entry.content.find("\n&") != std::string::npos)
                 if (const Tree file = readTree(test::MAILNAMES + "/" + path); !file.empty())
                     stood_[path].insert(file.at("").content);
-    }
-
-    void afterEnd(const std::string& moment, int status, bool inQuick) {
-        if (report_.wants(name_ + "/" + moment, inQuick))
-            tried(moment, status);
     }
 
     void tried(const std::string& moment, int status) {
@@ -88,9 +87,8 @@ private:
 
     const PowerDisk& disk_;
     const Golden& golden_;
-    const Snapshot start_;
     Report& report_;
-    const std::string name_;
+    std::string name_;
     Stood stood_;
     long lastCall_ = -1;
     std::size_t images_ = 0;
@@ -108,25 +106,27 @@ const std::vector<Story> STORIES = {
     {Start::damaged, 0.5}, {Start::damaged, 0.8}, {Start::damaged, 0.995},
 };
 
+/// Looks for an answer come as often as they like, so that a name has none.
 Position positionAt(double part) {
     const std::vector<Call> calls = callsOfRun();
-    return calls[static_cast<std::size_t>(part * static_cast<double>(calls.size()))].position;
+    const auto last = static_cast<double>(calls.back().position.call);
+    return {static_cast<std::size_t>(part * last), 0};
 }
 
 void tell(const Story& story, const PowerDisk& disk, World& world, Report& report,
           const std::string& fileSystem) {
-    std::string name = fileSystem + "/" + nameOf(story.start);
+    DisturbedPower power(disk, world.golden(story.start), report,
+                         fileSystem + "/" + nameOf(story.start));
     world.reset(story.start);
     if (story.killedAt) {
         const Position position = positionAt(*story.killedAt);
         world.reset(story.start);
         disk.flush();
-        (void)killAt(position, Moment::entry);
-        name += "-killed-at-" + nameOf(position);
+        power.kill(position);
     } else {
         disk.flush();
     }
-    DisturbedPower(disk, world.golden(story.start), report, name).run();
+    power.run();
 }
 
 bool isConcerned(const Selection& selection, const FileSystem& fileSystem) {
