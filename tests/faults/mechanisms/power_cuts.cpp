@@ -12,7 +12,6 @@
 #include "tests/faults/judge/power_judge.h"
 #include "tests/faults/mechanisms/points.h"
 #include "tests/faults/world/power_disk.h"
-#include "tests/support/files.h"
 #include "tests/support/sandbox.h"
 
 namespace corvo::faults {
@@ -140,7 +139,7 @@ bool isConcerned(const Selection& selection, const Story& story) {
 
 }  // namespace
 
-void powerCuts(World& /*world*/, Report& report, const Selection& selection) {
+void powerCuts(World& world, Report& report, const Selection& selection) {
     for (const FileSystem& fileSystem : fileSystems()) {
         if (!isConcerned(selection, fileSystem))
             continue;
@@ -150,8 +149,6 @@ void powerCuts(World& /*world*/, Report& report, const Selection& selection) {
             continue;
         }
         const PowerDisk disk(fileSystem);
-        test::makeDirectory(test::MAILNAMES);
-        World world;
         for (const Story& story : STORIES)
             if (isConcerned(selection, story))
                 tell(story, disk, world, report, fileSystem.name);

@@ -49,9 +49,8 @@ TEST_P(PowerDiskTest, NothingIsLeftMountedBehindIt) {
 }
 
 TEST_P(PowerDiskTest, ARunThatIsFlushedOutlivesAPowerCut) {
-    const PowerDisk disk(GetParam());
-    test::makeDirectory(test::MAILNAMES);
     World world;
+    const PowerDisk disk(GetParam());
     const Golden& golden = world.golden(Start::damaged);
     world.reset(Start::damaged);
     disk.flush();
