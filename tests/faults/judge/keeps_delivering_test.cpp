@@ -51,13 +51,16 @@ TEST(KeepsDeliveringTest, AFileThatIsGoneDeliversNothing) {
         SizeIs(3));
 }
 
+const std::string KNOWN_OF_OLD[] = {
+    "./Maildir/",
+    "| /usr/bin/deliverquota ./Maildir",
+    "| /usr/bin/deliverquota -w 94 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
+    "| /usr/bin/deliverquota -w 95 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
+    R"(| /usr/libexec/dovecot/dovecot-lda -d "$DELIVERED_TO" -a "${ORIGINAL_RECIPIENT:-$DELIVERED_TO}")",
+};
+
 TEST(KeepsDeliveringTest, ADeliveryLineKnownOfOldIsOne) {
-    for (const std::string line :
-         {"./Maildir/", "| /usr/bin/deliverquota ./Maildir",
-          "| /usr/bin/deliverquota -w 94 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
-          "| /usr/bin/deliverquota -w 95 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
-          "| /usr/libexec/dovecot/dovecot-lda -d \"$DELIVERED_TO\" -a "
-          "\"${ORIGINAL_RECIPIENT:-$DELIVERED_TO}\""}) {
+    for (const std::string& line : KNOWN_OF_OLD) {
         EXPECT_TRUE(delivers("| true\n" + line + "\n&x@x.example\n")) << line;
         EXPECT_THAT(judged(line + "\n", DELIVERING, line + "\n"), IsEmpty());
         EXPECT_THAT(judged(line + "\n", DELIVERING, "| true\n"), SizeIs(1));
