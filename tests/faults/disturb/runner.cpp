@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
+#include <iostream>
 
 #include "tests/support/process.h"
 
@@ -11,6 +13,17 @@ namespace corvo::faults {
 namespace {
 
 constexpr int NOT_EXECUTED = 127;
+
+/// Ends the child here, whatever happens: on its way out of its parent's functions it would undo
+/// what its parent goes on using.
+[[noreturn]] void endWith(const std::function<void()>& body) {
+    try {
+        body();
+    } catch (const std::exception& error) {
+        std::cerr << error.what() << std::endl;
+    }
+    ::_exit(NOT_EXECUTED);
+}
 
 }  // namespace
 
@@ -26,7 +39,7 @@ Outcome preparedRun(const std::function<void()>& prepare, const std::string& mod
 }
 
 Outcome watched(const std::function<void()>& body, int seconds) {
-    const test::ProcessResult result = test::runForked(body, seconds);
+    const test::ProcessResult result = test::runForked([&] { endWith(body); }, seconds);
     return {result.status, result.out, result.err, result.timedOut};
 }
 
