@@ -16,7 +16,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -96,7 +95,7 @@ public:
     /// or from there to the entry of the next. False when the run has ended.
     bool goOn() {
         isAtEntry_ = !isAtEntry_;
-        return resume(PTRACE_SYSCALL, 0) && awaitCall();
+        return !ended_ && resume(PTRACE_SYSCALL, 0) && awaitCall();
     }
 
     /// Goes to the entry of the next call; false when the run has ended.
@@ -211,15 +210,14 @@ private:
     std::string textAt(std::uint64_t address) const {
         constexpr std::uint64_t PAGE = 4096;
         std::string text;
-        for (std::array<char, PAGE> page{}; text.size() < PATH_MAX;) {
-            const std::uint64_t start = address + text.size();
-            const std::size_t size = PAGE - start % PAGE;
-            if (!readMemory(start, page.data(), size))
+        std::array<char, PAGE> page{};
+        for (bool goesOn = true; goesOn;) {
+            const std::size_t size = PAGE - (address + text.size()) % PAGE;
+            if (!readMemory(address + text.size(), page.data(), size))
                 break;
             const std::size_t length = ::strnlen(page.data(), size);
             text.append(page.data(), length);
-            if (length < size)
-                break;
+            goesOn = length == size;
         }
         return text;
     }
@@ -317,10 +315,14 @@ void failToMoveEnd(Tracee& run) {
 }
 
 /// To the next call of a kind; false when the run has ended.
-bool goTo(Tracee& run, const std::function<bool(const Call&)>& isOfTheKind) {
-    while (run.goToNext())
-        if (isOfTheKind(run.call()))
+bool goTo(Tracee& run, const std::function<bool(const Call&)>& isOfTheKind, const Look& look) {
+    while (run.goToNext()) {
+        const Call next = run.call();
+        if (look)
+            look(next);
+        if (isOfTheKind(next))
             return true;
+    }
     return false;
 }
 
@@ -355,14 +357,14 @@ std::vector<Call> callsOfRun() {
     return calls;
 }
 
-int observeRun(const std::function<void(const Call&)>& look) {
+int observeRun(const Look& look) {
     Tracee run(loseStreams);
     while (run.goToNext())
         look(run.call());
     return run.end();
 }
 
-void observeUntil(const Position& end, const std::function<void(const Call&)>& look) {
+void observeUntil(const Position& end, const Look& look) {
     Tracee run(loseStreams);
     while (run.goToNext() && run.position() < end)
         look(run.call());
@@ -382,13 +384,15 @@ FaultyRun failAt(const Position& position, int error) {
 }
 
 FaultyRun failFrom(const Position& position, int error, std::size_t further,
-                   const std::function<bool(const Call&)>& isOfTheKind) {
+                   const std::function<bool(const Call&)>& isOfTheKind, const Look& look) {
     return disturb(position, [&](Tracee& run, StrikeLog& log) {
         if (!run.call().mayFail)
             return false;
         failCall(run, error, log);
-        for (std::size_t left = further; left > 0 && goTo(run, isOfTheKind); --left)
+        for (std::size_t left = further; left > 0 && goTo(run, isOfTheKind, look); --left)
             failCall(run, error, log);
+        while (look && run.goToNext())
+            look(run.call());
         return true;
     });
 }

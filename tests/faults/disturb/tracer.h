@@ -41,12 +41,15 @@ struct Call {
 /// The calls of an undisturbed run, in their order.
 std::vector<Call> callsOfRun();
 
+/// Given the call that a run is about to make.
+using Look = std::function<void(const Call&)>;
+
 /// An undisturbed run whose streams go nowhere; `look` is called before each of its calls but the
 /// first. Returns its exit status, or 128 + the signal that ended it.
-int observeRun(const std::function<void(const Call&)>& look);
+int observeRun(const Look& look);
 
 /// The same, but the run is killed at the entry of a call.
-void observeUntil(const Position& end, const std::function<void(const Call&)>& look);
+void observeUntil(const Position& end, const Look& look);
 
 enum class Moment {
     entry,  // before the call is executed
@@ -66,8 +69,9 @@ FaultyRun killAt(const Position& position, Moment moment);
 /// result changes.
 FaultyRun failAt(const Position& position, int error);
 
-/// The same, and `further` calls after it fail, too: those that `isOfTheKind`.
+/// The same, and `further` calls after it fail, too: those that `isOfTheKind`. A `look` is called
+/// before each of the calls behind the first that fails, in a child of this process.
 FaultyRun failFrom(const Position& position, int error, std::size_t further,
-                   const std::function<bool(const Call&)>& isOfTheKind);
+                   const std::function<bool(const Call&)>& isOfTheKind, const Look& look = {});
 
 }  // namespace corvo::faults

@@ -30,4 +30,9 @@ bool delivers(const std::string& content);
 Violations checkKeepsDelivering(const Tree& before, const Tree& wanted, const Tree& now,
                                 const Excuses& excuses = {});
 
+/// The same for all states that a run has gone through: what is wrong in the first state that is
+/// wrong, for each .qmail.
+Violations checkKeepsDelivering(const Tree& before, const Tree& wanted,
+                                const std::vector<Tree>& states, const Excuses& excuses = {});
+
 }  // namespace corvo::faults

@@ -46,9 +46,9 @@ TEST(KeepsDeliveringTest, AMailboxThatDeliveredMayNotDiscard) {
 }
 
 TEST(KeepsDeliveringTest, AFileThatIsGoneDeliversNothing) {
-    EXPECT_THAT(
-        checkKeepsDelivering(treeWith(DELIVERING + FORWARDS), treeWith(DELIVERING + FORWARDS), {}),
-        SizeIs(3));
+    EXPECT_THAT(checkKeepsDelivering(treeWith(DELIVERING + FORWARDS),
+                                     treeWith(DELIVERING + FORWARDS), Tree()),
+                SizeIs(3));
 }
 
 const std::string KNOWN_OF_OLD[] = {
@@ -71,7 +71,7 @@ TEST(KeepsDeliveringTest, ADeliveryLineKnownOfOldIsOne) {
 TEST(KeepsDeliveringTest, OnlyWhatShallDeliverHasTo) {
     EXPECT_THAT(judged(DELIVERING, RESET, RESET), IsEmpty());
     EXPECT_THAT(judged(RESET, DELIVERING, RESET), IsEmpty());
-    EXPECT_THAT(checkKeepsDelivering(treeWith(DELIVERING), {}, {}), IsEmpty());
+    EXPECT_THAT(checkKeepsDelivering(treeWith(DELIVERING), {}, Tree()), IsEmpty());
 }
 
 TEST(KeepsDeliveringTest, EachLostForwardIsFound) {
@@ -111,6 +111,20 @@ TEST(KeepsDeliveringTest, OneFailedLookExcusesOneFile) {
                 ElementsAre(StartsWith("I11 a.example/office/.qmail ")));
     EXPECT_THAT(checkKeepsDelivering(before, before, now, {{domain, domain + "/info"}, ""}),
                 IsEmpty());
+}
+
+TEST(KeepsDeliveringTest, OneFailedLookExcusesOneFileInAllStates) {
+    Tree sound = treeWith(DELIVERING);
+    sound.merge(treeWith(DELIVERING, "a.example/office/.qmail"));
+    Tree first = sound;
+    first.at(QMAIL).content = RESET;
+    Tree second = sound;
+    second.at("a.example/office/.qmail").content = RESET;
+    const std::vector<Tree> states = {sound, first, second, second, sound};
+    EXPECT_THAT(checkKeepsDelivering(sound, sound, states), SizeIs(2));
+    EXPECT_THAT(checkKeepsDelivering(sound, sound, states, {{test::MAILNAMES}, ""}),
+                ElementsAre(StartsWith("I11 a.example/office/.qmail ")));
+    EXPECT_THAT(checkKeepsDelivering(sound, sound, std::vector<Tree>{sound, sound}), IsEmpty());
 }
 
 TEST(KeepsDeliveringTest, ForwardsThatTheRunCouldNotNameAreExcused) {

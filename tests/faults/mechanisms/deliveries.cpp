@@ -14,6 +14,7 @@
 #include "tests/faults/disturb/tracer.h"
 #include "tests/faults/judge/keeps_delivering.h"
 #include "tests/faults/mechanisms/campaign.h"
+#include "tests/faults/world/delivery_record.h"
 #include "tests/faults/world/delivery_scene.h"
 #include "tests/support/files.h"
 
@@ -65,15 +66,23 @@ void theEnd(const DeliveryScene& scene, Report& report, Missing missing) {
     report.tried(point, violations);
 }
 
+/// A run under an error, looked at from then on to its end.
 void tryError(const DeliveryScene& scene, Report& report, const Position& position,
               const LastingError& error, bool inQuick) {
     const std::string point = "error/" + nameOf(position) + "/" + error.name;
     if (!report.wants(point, inQuick))
         return;
     scene.reset();
-    const FaultyRun run = failFrom(position, error.number, error.further, error.isConcerned);
-    Violations violations = checkKeepsDelivering(
-        scene.before(), scene.wanted(), scene.deliveryFiles(), {run.unread, run.outcome.err});
+    DeliveryRecord record(scene);
+    const FaultyRun run = failFrom(position, error.number, error.further, error.isConcerned,
+                                   [&](const Call& /*next*/) { record.note(); });
+    record.note();
+    const auto judged = [&, states = record.states()](const Excuses& excuses) {
+        return checkKeepsDelivering(scene.before(), scene.wanted(), states, excuses);
+    };
+    Violations violations = judged({run.unread, run.outcome.err});
+    const bool isExcused = violations.empty() && !judged({}).empty();
+    report.add("excused", isExcused ? 1 : 0);
     append(violations, judgeEnd(run.outcome));
     report.tried(point, violations);
     report.add("not_met", run.met ? 0 : 1);

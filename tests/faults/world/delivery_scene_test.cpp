@@ -7,6 +7,7 @@
 
 #include "tests/faults/disturb/runner.h"
 #include "tests/faults/judge/keeps_delivering.h"
+#include "tests/faults/world/delivery_record.h"
 #include "tests/support/files.h"
 #include "tests/support/installation.h"
 #include "tests/support/sandbox.h"
@@ -55,6 +56,22 @@ TEST_F(DeliverySceneTest, ItIsSoundBeforeAndAfterAnUndisturbedRun) {
     EXPECT_THAT(judged(scene), SizeIs(2));
     scene.reset();
     EXPECT_THAT(judged(scene), IsEmpty());
+}
+
+TEST_F(DeliverySceneTest, EachStateIsRecordedOnce) {
+    const DeliveryScene scene(fewRecipients());
+    scene.reset();
+    DeliveryRecord record(scene);
+    record.note();
+    record.note();
+    test::writeFile(test::MAILNAMES + "/" + REVERSED, "| true\n");
+    record.note();
+    const std::vector<Tree> states = record.states();
+    ASSERT_THAT(states, SizeIs(2));
+    EXPECT_THAT(states[0], SizeIs(3));
+    EXPECT_EQ(states[0].at(REVERSED).content, scene.before().at(REVERSED).content);
+    EXPECT_EQ(states[1].at(REVERSED).content, "| true\n");
+    EXPECT_THAT(DeliveryRecord(scene).states(), IsEmpty());
 }
 
 TEST_F(DeliverySceneTest, WhatIsMissingComesBack) {
