@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 #include "tests/faults/disturb/runner.h"
@@ -11,6 +12,12 @@
 #include "tests/support/sandbox.h"
 
 namespace corvo::faults {
+
+/// As part of a test's name.
+static void PrintTo(const FileSystem& fileSystem, std::ostream* stream) {
+    *stream << fileSystem.name;
+}
+
 namespace {
 
 using ::testing::Contains;
