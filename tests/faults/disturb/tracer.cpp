@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <sys/personality.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
