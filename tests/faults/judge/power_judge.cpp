@@ -23,12 +23,13 @@ std::string difference(const std::string& path, const Entry* before, const Entry
     return "I12 " + path + ": " + shown(before) + " became " + shown(found);
 }
 
-/// Whether a group's .qmail has been like this when some of its forwards were there.
-bool isOnTheWay(const std::string& path, const Entry* wanted, const Entry* now,
+/// Whether a .qmail has been like this when not all of its new forwards were there yet, or its old
+/// ones still were.
+bool isOnTheWay(const std::string& path, const Entry* former, const Entry* wanted, const Entry* now,
                 const Stood& stood) {
-    const bool isGroup = wanted != nullptr && wanted->content.find("\n&") != std::string::npos;
     const auto contents = stood.find(path);
-    return isGroup && now != nullptr && now->content.ends_with('\n') && contents != stood.end() &&
+    return (forwards(former) || forwards(wanted)) && now != nullptr &&
+           now->content.ends_with('\n') && contents != stood.end() &&
            contents->second.contains(now->content);
 }
 
@@ -38,7 +39,7 @@ Violations judgeFiles(const Tree& before, const Tree& wanted, const Tree& found,
     compare(before, found, [&](const std::string& path, const Entry* former, const Entry* now) {
         const Entry* shall = entryAt(wanted, path);
         if (isReplacedAtOnce(path) && !hasSameContent(now, former) && !hasSameContent(now, shall) &&
-            !isOnTheWay(path, shall, now, stood))
+            !isOnTheWay(path, former, shall, now, stood))
             violations.push_back(difference(path, former, now));
     });
     return violations;
@@ -59,6 +60,11 @@ Violations judgeDamage(const CutImage& image) {
 }
 
 }  // namespace
+
+bool forwards(const Entry* file) {
+    return file != nullptr &&
+           (file->content.starts_with('&') || file->content.find("\n&") != std::string::npos);
+}
 
 Violations judgeCut(const Golden& golden, const Stood& stood, const CutImage& image) {
     const Tree& before = golden.before.storage;

@@ -21,6 +21,10 @@ struct CutImage {
 /// root.
 using Stood = std::map<std::string, std::set<std::string>>;
 
+/// Whether a delivery file, which may be missing, has forwards: then it stands in more than two
+/// ways.
+bool forwards(const Entry* file);
+
 /// At any moment of a run, or of one that follows a killed one: a sound file system; every .qmail
 /// and maildirsize as it was before or as restored, each whole; every message as before; both
 /// databases sound with old or new rows. The forwards of a group come one by one: its .qmail may

@@ -10,6 +10,7 @@
 #include "tests/faults/disturb/call_kinds.h"
 #include "tests/faults/disturb/tracer.h"
 #include "tests/faults/judge/power_judge.h"
+#include "tests/faults/judge/tree_comparison.h"
 #include "tests/faults/mechanisms/points.h"
 #include "tests/faults/world/power_disk.h"
 #include "tests/support/sandbox.h"
@@ -40,7 +41,7 @@ public:
 
     /// A run that is killed at a call, with its power on.
     void kill(const Position& position) {
-        observeUntil(position, [this](const Call& /*next*/) { rememberGroups(); });
+        observeUntil(position, [this](const Call& /*next*/) { rememberForwards(); });
         name_ += "-killed-at-" + nameOf(position);
     }
 
@@ -58,7 +59,7 @@ public:
 private:
     /// The call before has come to its end, and nothing has happened since.
     void look(const Call& next) {
-        rememberGroups();
+        rememberForwards();
         const bool isFlushed = flushes(lastCall_);
         lastCall_ = next.number;
         if (!isFlushed && (next.position.call % STEP != 0 || next.position.look != 0))
@@ -70,9 +71,10 @@ private:
         report_.add("after_flush", isFlushed ? 1 : 0);
     }
 
-    void rememberGroups() {
+    void rememberForwards() {
         for (const auto& [path, entry] : golden_.after.storage)
-            if (path.ends_with("/.qmail") && entry.content.find("\n&") != std::string::npos)
+            if (path.ends_with("/.qmail") &&
+                (forwards(&entry) || forwards(entryAt(golden_.before.storage, path))))
                 if (const Tree file = readTree(test::MAILNAMES + "/" + path); !file.empty())
                     stood_[path].insert(file.at("").content);
     }
