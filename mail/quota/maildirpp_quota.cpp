@@ -75,8 +75,11 @@ int writeWithin(const char* maildir, uid_t uid, gid_t gid,
 
 // Writes `maildirsize` for popuser, with a quota for the bytes. Changes into the Maildir.
 int writeForPopuser(const char* maildir, long long quota) noexcept {
-    const uid_t uid = corvo_ugid(POPUSER, WANT_UID);
-    const gid_t gid = corvo_ugid(POPUSER, WANT_GID);
+    uid_t uid = 0;
+    gid_t gid = 0;
+    // One look-up finds both; only where it fails each is asked for, and reported, by itself.
+    if (corvo_getpw(POPUSER, &uid, &gid, nullptr) != 0)
+        gid = corvo_ugid(POPUSER, WANT_GID);
     return writeWithin(maildir, uid, gid, limitsOfQuota(quota));
 }
 
