@@ -2,10 +2,11 @@
 //
 // A program with the same result as `mail_rebuild --all` that makes the calls which this result and
 // its durability cost, and no others: the same walk and statements, a connection per domain and per
-// mail name with the credentials read for each, an account look-up wherever the owner is set, every
-// step on a .qmail under its lock, a flush of each maildirsize, and a connection and transaction
-// per row of the local databases. It shows how much of the real program's cost is the job's and how
-// much its own.
+// mail name with the credentials read for each, an account look-up wherever the owner of a file is
+// set, every .qmail and each new forward in it written beside, flushed and renamed under its lock,
+// a flush of each maildirsize, a connection and transaction per row of the local databases, and at
+// the end a flush of the file systems and of the databases' folders. It shows how much of the real
+// program's cost is the job's and how much its own. What is right already it writes all the same.
 //
 // What it does not do: it opens no path component by component and looks at nothing that it has
 // opened. Links of anybody in the middle of a path are followed, as are those that lie in the place
@@ -169,13 +170,13 @@ void toAscii(const char* address, char* ascii, size_t size) {
     free(converted);
 }
 
-static void restoreForwards(MYSQL* panel, const char* id, int home, const char* lockPath) {
+static void restoreForwards(MYSQL* panel, const char* id, struct Delivery* delivery) {
     MYSQL_RES* const redirects = query(panel, "SELECT address FROM mail_redir WHERE mn_id=%s", id);
     for (MYSQL_ROW row = mysql_fetch_row(redirects); row != NULL;
          row = mysql_fetch_row(redirects)) {
         char address[512];
         toAscii(row[0], address, sizeof address);
-        addForward(home, lockPath, address);
+        addForward(delivery, address);
     }
     mysql_free_result(redirects);
 }
@@ -189,26 +190,26 @@ enum { ID, MAIL_NAME, POSTBOX, DELIVERY, MAIL_GROUP, MBOX_QUOTA };
 static void restoreMailname(const char* domain, long long defaultQuota, MYSQL_ROW row,
                             struct Owner owner) {
     char path[PATH_MAX];
-    char lockPath[LOCK_PATH_SIZE];
+    struct Delivery delivery;
     format(path, sizeof path, "%s/%s/%s", root, domain, row[MAIL_NAME]);
-    const int home = makeHome(path, owner);
-    lockPathOf(path, lockPath);
-    resetDelivery(home);
-    if (isTrue(row[POSTBOX]) && isTrue(row[DELIVERY]))
-        enableDelivery(home, lockPath);
+    delivery.home = makeHome(path, owner);
+    lockPathOf(path, delivery.lockPath);
+    restoreDelivery(&delivery, isTrue(row[POSTBOX]) && isTrue(row[DELIVERY]));
 
     long long quota = strtoll(row[MBOX_QUOTA], NULL, 10);
     if (quota == -1)
         quota = defaultQuota;
     fprintf(stderr, "DEBUG setMailboxQuota(..., %lld)\n", quota);
-    storeQuotaFile(domain, home, quota);
+    storeQuotaFile(domain, delivery.home, quota);
     storeQuotaRow(domain, row[MAIL_NAME], quota);
 
     MYSQL* const panel = connectToPanel();
     if (isTrue(row[MAIL_GROUP]))
-        restoreForwards(panel, row[ID], home, lockPath);
+        restoreForwards(panel, row[ID], &delivery);
+    dropForwards(&delivery);
+    noteFileSystem(delivery.home);
     mysql_close(panel);
-    close(home);
+    close(delivery.home);
 }
 
 static void restoreMailnames(MYSQL* panel, const char* id, const char* domain, struct Owner owner) {
@@ -264,5 +265,7 @@ int main(int argc, char** argv) {
     const bool permanent = boolOption(panel, "reject_mail_when_overquota_with_permfail", false);
     replaceHandlers(boolOption(panel, "reject_mail_when_overquota", true), permanent);
     mysql_close(panel);
+    flushFileSystems();
+    flushDatabaseFolders();
     return 0;
 }

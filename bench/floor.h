@@ -47,9 +47,27 @@ int makeHome(const char* path, struct Owner owner);
 /// The lock file of the .qmail in a home.
 void lockPathOf(const char* home, char path[static LOCK_PATH_SIZE]);
 
-void resetDelivery(int home);
-void enableDelivery(int home, const char* lockPath);
-void addForward(int home, const char* lockPath, const char* address);
+/// The .qmail of a home.
+struct Delivery {
+    int home;
+    char lockPath[LOCK_PATH_SIZE];
+    char unnamed[TEXT_SIZE];  // forwards of the old file that the panel has not named, as lines
+};
+
+/// Makes the file what it should be; the old one's forwards stay for the time being.
+void restoreDelivery(struct Delivery* delivery, bool delivers);
+
+/// Puts a forward behind those named before and in front of those unnamed.
+void addForward(struct Delivery* delivery, const char* address);
+
+/// Drops the forwards that are still unnamed.
+void dropForwards(struct Delivery* delivery);
+
+/// Remembers the file system of a home.
+void noteFileSystem(int home);
+
+/// Flushes all that were remembered.
+void flushFileSystems(void);
 
 // floor_maildirsize.c
 
@@ -60,3 +78,6 @@ void storeQuotaFile(const char* domain, int home, long long quota);
 
 void storeQuotaRow(const char* domain, const char* mailname, long long quota);
 void replaceHandlers(bool reject, bool permanent);
+
+/// Flushes the folders of both databases.
+void flushDatabaseFolders(void);

@@ -178,9 +178,7 @@ void storeQuotaFile(const char* domain, int home, long long quota) {
         if (quota < 0)
             fail(domain, "the attachments exceed a quota");
     }
-    struct Owner owner;
-    owner.uid = lookUpPopuser().uid;
-    owner.gid = lookUpPopuser().gid;
+    const struct Owner owner = lookUpPopuser();
     if (getcwd(inHome, sizeof inHome) == NULL)
         fail("getcwd", strerror(errno));
     check(chdir("./Maildir"), "Maildir");

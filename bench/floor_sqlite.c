@@ -1,13 +1,17 @@
 // The local databases of the floor program: a connection and a transaction of its own for every
 // row.
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "bench/floor.h"
 
-static const char USERDB[] = "/var/lib/corvo/mail/userdb/userdb.db";
-static const char HANDLERS[] = "/var/lib/corvo/mail/handlers/handlers.db";
+#define USERDB_FOLDER "/var/lib/corvo/mail/userdb"
+#define HANDLERS_FOLDER "/var/lib/corvo/mail/handlers"
+static const char USERDB[] = USERDB_FOLDER "/userdb.db";
+static const char HANDLERS[] = HANDLERS_FOLDER "/handlers.db";
 
 static int repeatWhileBusy(sqlite3_stmt* statement) {
     int result = sqlite3_step(statement);
@@ -83,4 +87,16 @@ void replaceHandlers(bool reject, bool permanent) {
         return;
     addHandler(1, permanent);
     addHandler(4, permanent);
+}
+
+// SQLite removes a journal without a flush of the folder that it lay in.
+static void flushFolder(const char* path) {
+    const int folder = check(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC), path);
+    check(fsync(folder), path);
+    close(folder);
+}
+
+void flushDatabaseFolders(void) {
+    flushFolder(USERDB_FOLDER);
+    flushFolder(HANDLERS_FOLDER);
 }

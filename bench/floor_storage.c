@@ -12,6 +12,10 @@
 
 #include "bench/floor.h"
 
+// The size of a forward as a line.
+#define LINE_SIZE 1024
+
+static const char RESET_LINE[] = "| true\n";
 static const char DEFAULT_DELIVERY[] = "/var/qmail/mailnames/.default_delivery";
 static const char* const DELIVERY_AGENTS[] = {"/usr/bin/deliverquota",
                                               "/usr/libexec/dovecot/dovecot-lda"};
@@ -23,15 +27,6 @@ static const char* const SKELETON[] = {
     "Maildir/.Drafts", "Maildir/.Drafts/tmp", "Maildir/.Drafts/new", "Maildir/.Drafts/cur",
     "Maildir/.Trash",  "Maildir/.Trash/tmp",  "Maildir/.Trash/new",  "Maildir/.Trash/cur",
     "@attachments",
-};
-
-static const char* const KNOWN_DELIVERY_LINES[] = {
-    "./Maildir/",
-    "| /usr/bin/deliverquota ./Maildir",
-    "| /usr/bin/deliverquota -w 94 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
-    "| /usr/bin/deliverquota -w 95 -x /usr/lib64/corvo-9.0/send-quota-warning ./Maildir",
-    ("| /usr/libexec/dovecot/dovecot-lda -d \"$DELIVERED_TO\" -a "
-     "\"${ORIGINAL_RECIPIENT:-$DELIVERED_TO}\""),
 };
 
 static void makeDirectory(int parent, const char* name, mode_t mode, struct Owner owner) {
@@ -58,12 +53,6 @@ int makeHome(const char* path, struct Owner owner) {
     return home;
 }
 
-static void writeAndClose(int file, const char* text) {
-    const size_t length = strlen(text);
-    if (write(file, text, length) != (ssize_t)length || close(file) != 0)
-        fail("write", strerror(errno));
-}
-
 void lockPathOf(const char* home, char path[static LOCK_PATH_SIZE]) {
     static const char FOLDER[] = "/run/lock/files/";
     char dotqmail[PATH_MAX];
@@ -86,60 +75,47 @@ static int lock(const char* path) {
     return file;
 }
 
-static void giveToPopuser(int home) {
+// Puts a new file in place of the old one once it is on the disk. The lock is held.
+static void replaceDelivery(int home, const char* text) {
     const struct Owner owner = lookUpPopuser();
-    check(fchownat(home, ".qmail", owner.uid, owner.gid, AT_SYMLINK_NOFOLLOW), ".qmail");
-    check(fchmodat(home, ".qmail", 0600, 0), ".qmail");
-}
-
-void resetDelivery(int home) {
     const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
-    writeAndClose(check(openat(home, ".qmail", flags, 0600), ".qmail"), "| true\n");
-    giveToPopuser(home);
-}
-
-static bool isOneOf(const char* line, const char* const* lines, size_t count) {
-    for (size_t i = 0; i < count; ++i)
-        if (strcmp(line, lines[i]) == 0)
-            return true;
-    return false;
-}
-
-static void removeLines(int home, const char* lockPath, const char* const* lines, size_t count) {
-    const int locked = lock(lockPath);
-    struct stat former;
-    check(fstatat(home, ".qmail", &former, AT_SYMLINK_NOFOLLOW), ".qmail");
-    char old[TEXT_SIZE];
-    char kept[TEXT_SIZE];
-    if (!readText(home, ".qmail", old))
+    const int file = check(openat(home, ".qmail.tmp", flags, 0600), ".qmail.tmp");
+    const size_t length = strlen(text);
+    if (write(file, text, length) != (ssize_t)length || fchown(file, owner.uid, owner.gid) != 0 ||
+        fchmod(file, 0600) != 0 || fdatasync(file) != 0 || close(file) != 0 ||
+        renameat(home, ".qmail.tmp", home, ".qmail") != 0)
         fail(".qmail", strerror(errno));
-    char* end = kept;
-    *end = '\0';
-    char* rest = old;
-    for (char* line = strsep(&rest, "\n"); rest != NULL; line = strsep(&rest, "\n"))
-        if (!isOneOf(line, lines, count))
-            end = stpcpy(stpcpy(end, line), "\n");
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
-    const int fresh = check(openat(home, ".qmail.tmp", flags, 0600), ".qmail.tmp");
-    check(fchown(fresh, former.st_uid, former.st_gid), ".qmail.tmp");
-    check(fchmod(fresh, former.st_mode & 07777), ".qmail.tmp");
-    writeAndClose(fresh, kept);
-    check(renameat(home, ".qmail.tmp", home, ".qmail"), ".qmail.tmp");
-    close(locked);
 }
 
-static void addLine(int home, const char* lockPath, const char* line) {
-    const int locked = lock(lockPath);
-    struct stat former;
-    check(fstatat(home, ".qmail", &former, AT_SYMLINK_NOFOLLOW), ".qmail");
-    const int flags = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC;
-    const int file = check(openat(home, ".qmail", flags, 0666), ".qmail");
-    check(fchown(file, former.st_uid, former.st_gid), ".qmail");
-    check(fchmod(file, former.st_mode & 07777), ".qmail");
-    char text[PATH_MAX];
-    format(text, sizeof text, "%s\n", line);
-    writeAndClose(file, text);
-    close(locked);
+// The first of the lines that is among some others, or null. All lines have their line ends.
+static char* findLine(char* lines, const char* others) {
+    for (char* line = lines; *line != '\0'; line = strchr(line, '\n') + 1) {
+        const size_t length = strcspn(line, "\n") + 1;
+        for (const char* other = others; *other != '\0'; other = strchr(other, '\n') + 1)
+            if (strncmp(line, other, length) == 0)
+                return line;
+    }
+    return NULL;
+}
+
+static void insertLine(char lines[static TEXT_SIZE], char* at, const char* line) {
+    const size_t length = strlen(line);
+    if (strlen(lines) + length >= TEXT_SIZE)
+        fail(".qmail", "too long");
+    memmove(at + length, at, strlen(at) + 1);
+    memcpy(at, line, length);
+}
+
+// Removes the lines that are among some others.
+static void removeLines(char* lines, const char* others) {
+    for (char* line = findLine(lines, others); line != NULL; line = findLine(line, others)) {
+        const char* const rest = strchr(line, '\n') + 1;
+        memmove(line, rest, strlen(rest) + 1);
+    }
+}
+
+static char* endOf(char* text) {
+    return text + strlen(text);
 }
 
 static void detectDeliveryAgent(void) {
@@ -151,24 +127,93 @@ static void detectDeliveryAgent(void) {
         fail("delivery agent", "none");
 }
 
-void enableDelivery(int home, const char* lockPath) {
+static void addDeliveryLine(char lines[static TEXT_SIZE]) {
     detectDeliveryAgent();
-    removeLines(home, lockPath, KNOWN_DELIVERY_LINES, COUNT(KNOWN_DELIVERY_LINES));
     char text[TEXT_SIZE];
     if (!readText(AT_FDCWD, DEFAULT_DELIVERY, text))
         fail(DEFAULT_DELIVERY, strerror(errno));
-    char* rest = text;
-    addLine(home, lockPath, strsep(&rest, "\n"));
-    giveToPopuser(home);
+    text[strcspn(text, "\n") + 1] = '\0';
+    insertLine(lines, endOf(lines), text);
 }
 
-void addForward(int home, const char* lockPath, const char* address) {
+// The forwards of the file, each once.
+static void readForwards(int home, char forwards[static TEXT_SIZE]) {
+    char text[TEXT_SIZE];
+    char line[LINE_SIZE];
+    forwards[0] = '\0';
+    if (!readText(home, ".qmail", text))
+        return;
+    for (const char* next = text; *next != '\0'; next = strchr(next, '\n') + 1) {
+        if (*next != '&')
+            continue;
+        format(line, sizeof line, "%.*s\n", (int)strcspn(next, "\n"), next);
+        if (findLine(forwards, line) == NULL)
+            insertLine(forwards, endOf(forwards), line);
+    }
+}
+
+void restoreDelivery(struct Delivery* delivery, bool delivers) {
+    char text[TEXT_SIZE];
+    const int locked = lock(delivery->lockPath);
+    memcpy(text, RESET_LINE, sizeof RESET_LINE);
+    if (delivers)
+        addDeliveryLine(text);
+    readForwards(delivery->home, delivery->unnamed);
+    insertLine(text, endOf(text), delivery->unnamed);
+    replaceDelivery(delivery->home, text);
+    close(locked);
+}
+
+void addForward(struct Delivery* delivery, const char* address) {
     char ascii[512];
-    char line[514];
+    char line[LINE_SIZE];
+    char text[TEXT_SIZE];
     toAscii(address, ascii, sizeof ascii);
-    format(line, sizeof line, "&%s", ascii);
-    const char* const lines[] = {line};
-    removeLines(home, lockPath, lines, 1);
-    addLine(home, lockPath, line);
-    giveToPopuser(home);
+    format(line, sizeof line, "&%s\n", ascii);
+    removeLines(delivery->unnamed, line);
+    const int locked = lock(delivery->lockPath);
+    if (!readText(delivery->home, ".qmail", text))
+        fail(".qmail", strerror(errno));
+    removeLines(text, line);
+    char* const others = findLine(text, delivery->unnamed);
+    insertLine(text, others != NULL ? others : endOf(text), line);
+    replaceDelivery(delivery->home, text);
+    close(locked);
+}
+
+void dropForwards(struct Delivery* delivery) {
+    char text[TEXT_SIZE];
+    if (delivery->unnamed[0] == '\0')
+        return;
+    const int locked = lock(delivery->lockPath);
+    if (!readText(delivery->home, ".qmail", text))
+        fail(".qmail", strerror(errno));
+    removeLines(text, delivery->unnamed);
+    replaceDelivery(delivery->home, text);
+    close(locked);
+}
+
+// The file systems that homes are on.
+static struct {
+    dev_t device;
+    int home;  // the first one met there
+} fileSystems[8];
+static size_t fileSystemCount;
+
+void noteFileSystem(int home) {
+    struct stat seen;
+    check(fstat(home, &seen), "home");
+    for (size_t i = 0; i < fileSystemCount; ++i)
+        if (fileSystems[i].device == seen.st_dev)
+            return;
+    if (fileSystemCount == COUNT(fileSystems))
+        fail("homes", "on too many file systems");
+    fileSystems[fileSystemCount].device = seen.st_dev;
+    fileSystems[fileSystemCount].home = check(fcntl(home, F_DUPFD_CLOEXEC, 0), "home");
+    ++fileSystemCount;
+}
+
+void flushFileSystems(void) {
+    for (size_t i = 0; i < fileSystemCount; ++i)
+        check(syncfs(fileSystems[i].home), "syncfs");
 }

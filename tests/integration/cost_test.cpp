@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -81,7 +82,7 @@ protected:
             writeFile(home + "/Maildir/.Spam/cur/4.host,S=x,S=50:2,", "");
             writeFile(home + "/Maildir/.Archive/cur/5.host,S=7", "");
             writeFile(home + "/@attachments/deep/file", std::string(1000, 'x'));
-            writeFile(home + "/.qmail", "./Maildir/\n", 0, 0, 0644);
+            writeFile(home + "/.qmail", "./Maildir/\n&old@example.net\n", 0, 0, 0644);
             std::filesystem::remove_all(home + "/Maildir/.Drafts");
         }
     }
@@ -178,40 +179,100 @@ TEST_P(CallsOfAFullRestoreTest, FlushConnectAndLookUpAsOftenAsTheJobNeeds) {
         const SystemCalls& calls = measured.calls;
         // The floor writes what is right, too.
         const bool leavesAlone = command == product() && GetParam() == Tree::existing;
-
-        // Each maildirsize once; each transaction its journal twice, their directory and the file.
-        EXPECT_EQ(calls.count("fsync"), leavesAlone ? 0 : size.names);
-        const long rows = leavesAlone ? 0 : size.names;
+        const long names = leavesAlone ? 0 : size.names;
+        const long forwards = leavesAlone ? 0 : size.forwards;
         const long records = leavesAlone ? 0 : handlerTransactions();
-        EXPECT_EQ(calls.count("fdatasync"), 4 * (rows + records));
-        EXPECT_EQ(calls.given("unlink", "userdb.db-journal"), rows);
+
+        // Each maildirsize once; at the end the folders of both databases, and the file system.
+        EXPECT_EQ(calls.count("fsync"), names + 2);
+        EXPECT_EQ(calls.count("syncfs"), 1);
+
+        // Each transaction its journal twice, their directory and the file; each .qmail once when
+        // it is put in place, and once for every forward.
+        EXPECT_EQ(calls.count("fdatasync"), 4 * (names + records) + names + forwards);
+        EXPECT_EQ(calls.given("unlink", "userdb.db-journal"), names);
         EXPECT_EQ(calls.given("unlink", "handlers.db-journal"), records);
+        EXPECT_EQ(calls.given("rename", "\".qmail\""), names + forwards);
+        EXPECT_EQ(calls.given("rename", "\"maildirsize\""), names);
 
         // The walk's own connection, one for each domain and one for each mail name.
         const long connections = 1 + size.domains + size.names;
         EXPECT_EQ(static_cast<long>(measured.connections), connections);
         EXPECT_EQ(calls.given("connect", PanelDatabase::SOCKET_LINK), connections);
 
-        // At the start; for .qmail's owner when it is reset, delivers and forwards; for the owner
-        // and for the group of maildirsize.
+        // At the start; for the owner of .qmail when it is restored and for each forward; for that
+        // of maildirsize.
         EXPECT_EQ(calls.given("open", "\"/etc/passwd\""),
-                  1 + size.names + size.deliveries + size.forwards + 2 * size.names);
+                  1 + size.names + size.forwards + size.names);
     }
 }
 
-using CallsOfAMailboxTest = MeasuredRestoreTest;
+constexpr int MORE = 20;
 
-TEST_P(CallsOfAMailboxTest, AreFewerForOneThatIsSound) {
-    constexpr int MAILBOXES = 20;
-    const long most = GetParam() == Tree::fresh ? 400 : 265;
-    PanelDatabase::Domain domain = panel.domain("example.com").defaultQuota(1048576);
-    const long without = measure(product()).calls.total();
-    for (int i = 0; i < MAILBOXES; ++i)
-        domain.mailname("user" + std::to_string(i));
+// What that many more of a thing add to the calls of a run.
+class CallsOfEachTest : public MeasuredRestoreTest {
+protected:
+    CallsOfEachTest() : domain(panel.domain("example.com").defaultQuota(1048576)) {}
 
-    const long with = measure(product()).calls.total();
+    template <typename Add>
+    void measureWithMore(Add add) {
+        without.emplace(measure(product()));
+        for (int i = 0; i < MORE; ++i)
+            add(std::to_string(i));
+        with.emplace(measure(product()));
+    }
 
-    EXPECT_LE(with - without, most * MAILBOXES);
+    long total() const { return with->calls.total() - without->calls.total(); }
+
+    long count(const std::string& kind) const {
+        return with->calls.count(kind) - without->calls.count(kind);
+    }
+
+    long given(const std::string& kind, const std::string& text) const {
+        return with->calls.given(kind, text) - without->calls.given(kind, text);
+    }
+
+    void expectNoChange() const {
+        for (const char* kind : {"fsync", "fdatasync", "rename", "unlink", "mkdir", "chown",
+                                 "chmod", "ftruncate", "pwrite64"})
+            EXPECT_EQ(count(kind), 0) << kind;
+        EXPECT_EQ(count("write"), given("write", "(2, ")) << "elsewhere than to standard error";
+    }
+
+    PanelDatabase::Domain domain;
+    std::optional<Measured> without;
+    std::optional<Measured> with;
+};
+
+TEST_P(CallsOfEachTest, MailboxAreBoundedAndChangeNothingThatIsRight) {
+    const bool isNew = GetParam() == Tree::fresh;
+
+    measureWithMore([&](const std::string& number) { domain.mailname("user" + number); });
+
+    EXPECT_LE(total(), (isNew ? 370 : 220) * MORE);
+    EXPECT_EQ(with->connections - without->connections, std::size_t{MORE});
+    if (!isNew)
+        return expectNoChange();
+    EXPECT_EQ(count("fsync"), MORE);
+    EXPECT_EQ(given("rename", "\"maildirsize\""), MORE);
+    EXPECT_EQ(count("fdatasync"), (4 + 1) * MORE);
+    EXPECT_EQ(given("unlink", "userdb.db-journal"), MORE);
+    EXPECT_EQ(given("rename", "\".qmail\""), MORE);
+}
+
+TEST_P(CallsOfEachTest, ForwardAreBoundedAndChangeNothingThatIsRight) {
+    const bool isNew = GetParam() == Tree::fresh;
+    PanelDatabase::Mailname group = domain.mailname("group").group();
+
+    measureWithMore([&](const std::string& number) { group.redirect(number + "@example.net"); });
+
+    EXPECT_LE(total(), (isNew ? 46 : 20) * MORE);
+    EXPECT_EQ(with->connections, without->connections);
+    if (!isNew)
+        return expectNoChange();
+    EXPECT_EQ(count("fsync"), 0);
+    EXPECT_EQ(count("fdatasync"), MORE);
+    EXPECT_EQ(given("rename", "\".qmail\""), MORE);
 }
 
 std::string nameOf(const ::testing::TestParamInfo<Tree>& tree) {
@@ -221,7 +282,7 @@ std::string nameOf(const ::testing::TestParamInfo<Tree>& tree) {
 const auto TREES = ::testing::Values(Tree::fresh, Tree::existing);
 
 INSTANTIATE_TEST_SUITE_P(Cost, CallsOfAFullRestoreTest, TREES, nameOf);
-INSTANTIATE_TEST_SUITE_P(Cost, CallsOfAMailboxTest, TREES, nameOf);
+INSTANTIATE_TEST_SUITE_P(Cost, CallsOfEachTest, TREES, nameOf);
 
 }  // namespace
 }  // namespace corvo::test
