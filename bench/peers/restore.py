@@ -1,13 +1,15 @@
 #!/usr/bin/python3
 """The full restore as a straightforward Python program, to measure against: the same tree, delivery
 files, quotas and handlers from the panel database, with the same durable steps: a connection per
-domain and per mail name, a SQLite transaction and connection per row, a flush of every maildirsize.
+domain and per mail name, a SQLite transaction and connection per row, a flush of every .qmail and
+maildirsize, and of the file system and the databases' folders at the end.
 
-What it does not do: it follows any link in the mail tree, writes each .qmail once and whole instead of
-in locked steps, does not see mail that arrives while it counts, reads no dsn.ini and the password once,
-and ends at the first failure.
+What it does not do: it follows any link in the mail tree, writes each .qmail once, without its lock
+and without the forwards that it had, does not see mail that arrives while it counts, reads no dsn.ini
+and the password once, and ends at the first failure.
 """
 
+import ctypes
 import os
 import pwd
 import re
@@ -69,21 +71,20 @@ def ascii_address(address):
 
 
 def replace(temporary, path, text, owner, mode, flush):
-    """Writes a file beside another and renames it into its place."""
+    """Writes a file beside another and renames it into its place, once `flush` has flushed it."""
     with open(temporary, "w") as file:
         os.fchown(file.fileno(), *owner)
         os.fchmod(file.fileno(), mode)
         file.write(text)
-        if flush:
-            file.flush()
-            os.fsync(file.fileno())
+        file.flush()
+        flush(file.fileno())
     os.rename(temporary, path)
 
 
 def write_delivery(home, delivers, forwards):
     lines = ["| true"] + [DELIVERY] * delivers + [f"&{address}" for address in forwards]
     replace(f"{home}/.qmail.tmp", f"{home}/.qmail", "\n".join(lines) + "\n",
-            (ACCOUNT.pw_uid, ACCOUNT.pw_gid), 0o600, flush=False)
+            (ACCOUNT.pw_uid, ACCOUNT.pw_gid), 0o600, os.fdatasync)
 
 
 def usage(maildir):
@@ -110,7 +111,7 @@ def write_maildirsize(home, quota):
     total, messages = usage(maildir)
     replace(f"{maildir}/tmp/{int(time.time())}.{os.getpid()}.{socket.gethostname()}-maildirsize",
             f"{maildir}/maildirsize", f"{limit}S,0C\n{total:12}{messages:12}\n",
-            (ACCOUNT.pw_uid, ACCOUNT.pw_gid), 0o644, flush=True)
+            (ACCOUNT.pw_uid, ACCOUNT.pw_gid), 0o644, os.fsync)
 
 
 def store(database, statement, values):
@@ -169,6 +170,18 @@ def restore_handlers(connection):
               (queue, HOOK, "permanent" if permanent else "none"))
 
 
+def at_folder(path, flush):
+    folder = os.open(path, os.O_RDONLY | os.O_DIRECTORY)
+    flush(folder)
+    os.close(folder)
+
+
+def flush_storage():
+    at_folder(MAILNAMES, ctypes.CDLL(None).syncfs)
+    for database in (USERDB, HANDLERS):
+        at_folder(os.path.dirname(database), os.fsync)
+
+
 def main():
     os.umask(0o077)
     connection = connect()
@@ -179,6 +192,7 @@ def main():
         restore_domain(number, domain)
     restore_handlers(connection)
     connection.close()
+    flush_storage()
 
 
 main()

@@ -2,7 +2,7 @@
 # The full restore as an administrator would write it with the tools at hand, to measure against:
 # the same tree, delivery files, quotas and handlers from the panel database.
 #
-# What it does not do: it follows any link in the mail tree, takes no locks, flushes no maildirsize,
+# What it does not do: it follows any link in the mail tree, takes no locks, flushes no file,
 # does not see mail that arrives while it counts, reads no dsn.ini, converts no name that is not ASCII,
 # connects once per domain and mail group instead of once per mail name, and ends at the first failure.
 set -euo pipefail

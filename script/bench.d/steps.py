@@ -14,14 +14,15 @@ from measuring import FOLDER, PROJECT, Failure, measure, output
 _STEPS = {
     "createDomainRoot": "domain roots",
     "createMailnameHome": "homes and their skeletons",
-    "dotqmail_reset": ".qmail: reset",
-    "dotqmail_add_delivery": ".qmail: delivery line",
-    "dotqmail_add_forward": ".qmail: forwards",
+    "restoreDelivery": ".qmail",
+    "placeRedirect": ".qmail: forwards",
+    "dropRedirects": ".qmail: forwards dropped",
     "store_mbox_quota": "maildirsize",
     "userdbStoreMboxQuota": "quota rows",
     "Connection4open": "connections: opening",
     "ConnectionD1": "connections: closing",
     "restore_check_quota_handler": "handlers",
+    "StorageFlush5flush": "the last flush",
 }
 _GROUP = "corvo_bench"
 _BINARY = f"{PROJECT}/build/steps/driver/mail_rebuild"
