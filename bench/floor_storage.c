@@ -99,11 +99,9 @@ static char* findLine(char* lines, const char* others) {
 }
 
 static void insertLine(char lines[static TEXT_SIZE], char* at, const char* line) {
-    const size_t length = strlen(line);
-    if (strlen(lines) + length >= TEXT_SIZE)
-        fail(".qmail", "too long");
-    memmove(at + length, at, strlen(at) + 1);
-    memcpy(at, line, length);
+    char rest[TEXT_SIZE];
+    format(rest, sizeof rest, "%s", at);
+    format(at, (size_t)(lines + TEXT_SIZE - at), "%s%s", line, rest);
 }
 
 // Removes the lines that are among some others.

@@ -46,7 +46,7 @@ protected:
     // Takes everything away that runs have made.
     static void startAfresh() {
         for (const std::string& name : namesIn(MAILNAMES))
-            std::filesystem::remove_all(MAILNAMES + "/" + name);
+            std::filesystem::remove_all(std::filesystem::path(MAILNAMES) / name);
         std::filesystem::remove(USERDB);
         std::filesystem::remove(HANDLERS);
         installMailServer();
@@ -75,7 +75,7 @@ protected:
             " d.id=dom_id WHERE mbox_quota>0");
         ASSERT_FALSE(homes.empty());
         for (const std::string& name : homes) {
-            const std::string home = MAILNAMES + "/" + name;
+            const std::string home = std::filesystem::path(MAILNAMES) / name;
             writeFile(home + "/Maildir/cur/1.M1P1.host,S=1200:2,S", "sized by its name");
             writeFile(home + "/Maildir/new/2.host,S=300", "");
             writeFile(home + "/Maildir/cur/3.host", std::string(400, 'x'));
