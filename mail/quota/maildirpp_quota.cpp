@@ -30,7 +30,6 @@
 namespace {
 
 using corvo::addSaturated;
-using corvo::ErrnoGuard;
 using corvo::UniqueCString;
 using corvo::UniqueFd;
 using corvo::WorkingDirectoryGuard;
