@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "mail/quota/maildirpp_quota.h"
+#include "tests/integration/judges_agents.h"
 #include "tests/integration/judges_dovecot.h"
 #include "tests/support/files.h"
 #include "tests/support/installation.h"
@@ -25,13 +26,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
-
-constexpr const char* COURIER_AGENT = "/usr/sbin/deliverquota.maildrop";
-constexpr const char* DOVECOT_AGENT = "/usr/lib/dovecot/dovecot-lda";
-constexpr const char* DOVECOT_SQLITE = "/usr/lib/dovecot/modules/auth/libdriver_sqlite.so";
-const std::string DOVECOT_LINE =
-    "| /usr/libexec/dovecot/dovecot-lda -d \"$DELIVERED_TO\" -a "
-    "\"${ORIGINAL_RECIPIENT:-$DELIVERED_TO}\"";
 
 // sysexits.h: what a delivery agent answers when the mailbox is full.
 constexpr int NO_PERMISSION = 77;
@@ -116,12 +110,7 @@ protected:
 
 class JudgedByCourierTest : public JudgedTest {
 protected:
-    void SetUp() override {
-        if (!exists(COURIER_AGENT))
-            GTEST_SKIP() << "the package maildrop is not installed";
-        std::filesystem::remove("/usr/bin/deliverquota");
-        makeLink(COURIER_AGENT, "/usr/bin/deliverquota");
-    }
+    void SetUp() override { installCourierAgent(); }
 };
 
 TEST_F(JudgedByCourierTest, AMessageUnderQuotaIsDeliveredAndCounted) {
@@ -197,16 +186,7 @@ TEST_F(JudgedByCourierTest, ItsRecountIsReadAndReplacedByOurs) {
 
 class JudgedByDovecotTest : public JudgedTest {
 protected:
-    void SetUp() override {
-        if (!exists(DOVECOT_AGENT) || !exists("/usr/bin/doveadm"))
-            GTEST_SKIP() << "the package dovecot-core is not installed";
-        if (!exists(DOVECOT_SQLITE))
-            GTEST_SKIP() << "the package dovecot-sqlite is not installed";
-        std::filesystem::remove("/usr/bin/deliverquota");
-        makeDirectory("/usr/libexec/dovecot");
-        makeLink(DOVECOT_AGENT, "/usr/libexec/dovecot/dovecot-lda");
-        writeFile(DEFAULT_DELIVERY, DOVECOT_LINE + "\n", POPUSER_UID, POPUSER_GID, 0600);
-    }
+    void SetUp() override { installDovecotAgent(); }
 
     // With -e a full mailbox is an exit status; without, a message back to the sender.
     int deliver(std::size_t size) { return JudgedTest::deliver(size, " -e"); }
