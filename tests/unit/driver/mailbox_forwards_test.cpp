@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,6 +68,10 @@ struct Slot {
     const char* name;
     std::function<void(MailboxRestorationHelper&)> call;
 };
+
+void PrintTo(const Slot& slot, std::ostream* stream) {
+    *stream << slot.name;
+}
 
 class LeavingSlotTest : public MailboxForwardsTest, public ::testing::WithParamInterface<Slot> {};
 
