@@ -11,6 +11,7 @@
 #include <functional>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/files.h"
@@ -86,9 +87,19 @@ protected:
                       std::to_string(connections));
     }
 
+    /// The server ends a connection some time after the client has closed it.
+    void waitUntilAllAreClosed() {
+        while (!panel
+                    .query("SELECT id FROM information_schema.processlist WHERE user='" +
+                           panel.user() + "'")
+                    .empty())
+            std::this_thread::yield();
+    }
+
     /// Takes the only connection that the program may have.
     Connection occupy() {
         allow(1);
+        waitUntilAllAreClosed();
         return Connection(true);
     }
 
@@ -167,6 +178,7 @@ TEST_F(PatientConnectorTest, AfterARefusalThatStayedThereIsOneAttemptUntilAConne
         expectFailure(tooManyConnections(1), {}, 1);
         expectFailure(tooManyConnections(1), {}, 1);
     }
+    waitUntilAllAreClosed();
     { const Connection success = connector.open(); }
     const Connection other = occupy();
     expectFailure(tooManyConnections(1), ALL_PAUSES, 5);
