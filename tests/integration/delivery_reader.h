@@ -101,9 +101,11 @@ public:
     /// The numbers of all messages that lie in the mailbox, sorted.
     static std::vector<int> foundIn(const Recipient& recipient) {
         std::vector<int> numbers;
-        for (const std::string folder : {"/Maildir/new/", "/Maildir/cur/"})
-            for (const std::string& name : namesIn(recipient.home + folder))
-                numbers.push_back(numberOf(contentsOf(recipient.home + folder + name)));
+        for (const char* const maildir : {"/Maildir/new/", "/Maildir/cur/"}) {
+            const std::string folder = recipient.home + maildir;
+            for (const std::string& name : namesIn(folder))
+                numbers.push_back(numberOf(contentsOf(folder + name)));
+        }
         std::sort(numbers.begin(), numbers.end());
         return numbers;
     }
@@ -130,7 +132,7 @@ private:
     bool store(const std::string& maildir, const Recipient& recipient, const std::string& message,
                int number) {
         const std::string folder = recipient.home + "/" + maildir;
-        const std::string name = "1." + std::to_string(number) + ".reader";
+        const std::string name = std::to_string(number) + ".reader";
         writeFile(folder + "tmp/" + name, message, POPUSER_UID, POPUSER_GID, 0600);
         return std::rename((folder + "tmp/" + name).c_str(), (folder + "new/" + name).c_str()) == 0;
     }

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <list>
+#include <memory>
+#include <new>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -27,6 +30,19 @@ const std::string DOTQMAIL = MAILNAMES + "/example.com/info/.qmail";
 const std::string OTHER_DOTQMAIL = MAILNAMES + "/example.com/other/.qmail";
 const std::string LOCKS = "/run/lock/files";
 const std::string NOT_DROPPED = "Unable to drop forwards from " + DOTQMAIL + ": ";
+
+using Blocks = std::list<std::unique_ptr<char[]>>;
+
+// All the memory that is to be had in blocks of a size.
+Blocks takeAll(std::size_t size) {
+    Blocks taken;
+    try {
+        for (;;)
+            taken.push_back(std::make_unique<char[]>(size));
+    } catch (const std::bad_alloc&) {
+        return taken;
+    }
+}
 
 class MailboxForwardsTest : public LoggingTest {
 protected:
@@ -160,11 +176,7 @@ TEST_F(MailboxForwardsTest, DropWithoutMemoryFailsNoSlot) {
     helper.registerMailbox("example.com", "info", false);
     expectChildLogs({NOT_DROPPED + "Cannot allocate memory"}, [&] {
         limitMemory(memoryInUse());
-        constexpr std::size_t LARGE = 128 << 10;
-        void* volatile taken = nullptr;
-        do
-            taken = std::malloc(LARGE);
-        while (taken != nullptr);
+        const Blocks taken = takeAll(128 << 10);
         helper.registerDomain("example.net", false);
     });
     EXPECT_TRUE(exists(MAILNAMES + "/example.net"));
