@@ -85,8 +85,8 @@ struct Slot {
     std::function<void(MailboxRestorationHelper&)> call;
 };
 
-void PrintTo(const Slot& slot, std::ostream* stream) {
-    *stream << slot.name;
+std::ostream& operator<<(std::ostream& stream, const Slot& slot) {
+    return stream << slot.name;
 }
 
 class LeavingSlotTest : public MailboxForwardsTest, public ::testing::WithParamInterface<Slot> {};
