@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "mail/handlers/mail_handlers_db.h"
@@ -23,6 +24,12 @@ void conclude(int result, const char* path) noexcept {
         Log().line(LOG_ERR, "Unable to flush %s: %s", path, std::strerror(errno));
 }
 
+// Whether there is no way to a home, so that nothing can have been done in it.
+bool isOutOfReach(int error) noexcept {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EACCES ||
+           error == ENAMETOOLONG;
+}
+
 // SQLite removes a journal without a flush of the folder that it lay in.
 void flushFolderOf(const std::filesystem::path& database) {
     const std::filesystem::path path = database.parent_path();
@@ -35,16 +42,25 @@ void flushFolderOf(const std::filesystem::path& database) {
 
 }  // namespace
 
-void StorageFlush::noteHome(const std::filesystem::path& home) {
+void StorageFlush::noteHome(const std::filesystem::path& home) noexcept {
     struct stat seen = {};
-    if (safe_path::status(AT_FDCWD, home.c_str(), seen) != 0 || !S_ISDIR(seen.st_mode) ||
-        fileSystems_.contains(seen.st_dev))
-        return;
+    if (safe_path::status(AT_FDCWD, home.c_str(), seen) != 0)
+        conclude(isOutOfReach(errno) ? 0 : -1, home.c_str());
+    else if (S_ISDIR(seen.st_mode) && !fileSystems_.contains(seen.st_dev))
+        conclude(add(seen.st_dev, home), home.c_str());
+}
+
+int StorageFlush::add(dev_t device, const std::filesystem::path& home) noexcept {
     UniqueFd directory = safe_path::openDirectory(AT_FDCWD, home.c_str());
-    if (directory)
-        fileSystems_.emplace(seen.st_dev, FileSystem{std::move(directory), home});
-    else
-        conclude(-1, home.c_str());
+    if (!directory)
+        return -1;
+    try {
+        fileSystems_.emplace(device, FileSystem{std::move(directory), home});
+        return 0;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return -1;
+    }
 }
 
 void StorageFlush::flush() {

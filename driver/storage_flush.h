@@ -18,7 +18,8 @@ class StorageFlush {
 public:
     /// The file system of a home is one of them. Opened when it is first met, so that later it is
     /// still the same. A home that is not there is on none.
-    void noteHome(const std::filesystem::path& home);
+    /// What keeps it from being flushed later is told in a line.
+    void noteHome(const std::filesystem::path& home) noexcept;
 
     /// Flushes; what cannot be flushed is told in a line each, but for a file system that takes no
     /// changes.
@@ -29,6 +30,8 @@ private:
         UniqueFd directory;
         std::filesystem::path home;  // the first one met there
     };
+    int add(dev_t device, const std::filesystem::path& home) noexcept;
+
     std::map<dev_t, FileSystem> fileSystems_;
 };
 
