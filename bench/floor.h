@@ -11,7 +11,7 @@
 // No file that is read whole may be as long.
 #define TEXT_SIZE 65536
 
-// floor.c
+// floor_support.c
 
 _Noreturn void fail(const char* what, const char* reason);
 
