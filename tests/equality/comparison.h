@@ -34,7 +34,8 @@ std::vector<Difference> differences(const Trial& trial);
 /// has to be the one that the exception asks for.
 std::string_view exceptionFor(const Difference& difference, const Trial& trial);
 
-/// The delivery files that had to stay, and neither stayed nor were left alone.
+/// The delivery files that had to stay, and miss lines with which they had to, whatever the former
+/// program makes of them.
 std::vector<std::string> filesNotKept(const Trial& trial);
 
 /// Every name that exceptionFor() gives.

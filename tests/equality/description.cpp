@@ -21,16 +21,13 @@ constexpr std::size_t PARAMETERS_ID = 1000;
 constexpr std::size_t LIMITS_ID = 2000;
 constexpr std::size_t MAIL_ID = 3000;
 
+const std::string BOOKS = "b\xC3\xBC" + std::string("cher.example");
+
 const std::vector<std::string> DOMAINS = {
     "one.example", "Two.Example", "xn--bcher-kva.example", "three.example", "four.example",
 };
 const std::vector<std::string> ODD_DOMAINS = {
-    "b\xC3\xBC"
-    "cher.example",
-    "under_score.example",
-    "with blank.example",
-    "",
-    "ends.in.dot.example.",
+    BOOKS, "under_score.example", "with blank.example", "", "ends.in.dot.example.",
 };
 const std::vector<std::string> NAMES = {
     "anna", "bruno", "Carla", "dora.e", "emil+tag", "fritz-g_h", "h&i", "o'neil",
@@ -39,16 +36,9 @@ const std::vector<std::string> ODD_NAMES = {
     "two words", "..dots", "x..y", "", "m\xC3\xBCller", "a/b", std::string(246, 'n'), "-", "ends.",
 };
 const std::vector<std::string> ADDRESSES = {
-    "a@away.example",
-    "b@away.example",
-    "c@away.example",
-    "d@away.example",
-    "anna@one.example",
-    "Upper@Away.Example",
-    "e@away.example",
-    "s+p@away.example",
-    "\xC3\xBC@b\xC3\xBC"
-    "cher.example",
+    "a@away.example", "b@away.example",   "c@away.example",
+    "d@away.example", "anna@one.example", "Upper@Away.Example",
+    "e@away.example", "s+p@away.example", "\xC3\xBC@" + BOOKS,
 };
 const std::vector<std::string> ODD_ADDRESSES = {
     "nowhere", "", "two@lines.example\n&more@lines.example", "x@-a.example", "@", "y@away..example",

@@ -174,7 +174,7 @@ void damageDatabases(const Description& description, Means& means, std::mt19937_
 }
 
 std::string chooseLine(std::mt19937_64& random) {
-    const std::string line = pick(LINES, random);
+    std::string line = pick(LINES, random);
     test::writeFile(test::DEFAULT_DELIVERY, line + (chance(80, random) ? "\n" : ""), POPUSER_UID,
                     POPUSER_GID, 0600);
     return line;

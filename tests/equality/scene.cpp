@@ -38,7 +38,7 @@ const std::map<std::string, std::string> REMEMBERED = {
 
 void empty(const std::string& folder) {
     for (const std::string& name : test::namesIn(folder))
-        fs::remove_all(folder + "/" + name);
+        fs::remove_all(fs::path(folder) / name);
 }
 
 void copyInto(const std::string& from, const std::string& to) {
@@ -50,7 +50,7 @@ void copyInto(const std::string& from, const std::string& to) {
 std::string joined(const std::vector<std::string>& lines) {
     std::string text;
     for (const std::string& line : lines)
-        text += line + "\n";
+        text.append(line).append("\n");
     return text;
 }
 
