@@ -12,6 +12,7 @@
 
 #include "tests/integration/cost_reasons.h"
 #include "tests/integration/generated_panel.h"
+#include "tests/integration/instrumented.h"
 #include "tests/support/files.h"
 #include "tests/support/general_log.h"
 #include "tests/support/installation.h"
@@ -19,12 +20,6 @@
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/system_calls.h"
-
-#ifdef CORVO_INSTRUMENTED
-constexpr bool INSTRUMENTED = true;
-#else
-constexpr bool INSTRUMENTED = false;
-#endif
 
 namespace corvo::test {
 namespace {

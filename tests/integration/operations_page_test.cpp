@@ -238,7 +238,8 @@ TEST_F(OperationsPageTest, NamesTheMailNamesThatARunSkips) {
 TEST_F(OperationsPageTest, CountsTheMailNamesThatHadTheirTurn) {
     loadSample(panel);
     const std::string log = "/run/rebuild.log";
-    const ProcessResult rebuilt = run({"bash", "-c", mailRebuildBinary() + " --all 2>" + log});
+    const ProcessResult rebuilt =
+        run({"bash", "-c", "'" + mailRebuildBinary() + "' --all 2>" + log});
     ASSERT_EQ(rebuilt.status, 0);
 
     std::string commands = commandsAfter("Each mail name leaves one");

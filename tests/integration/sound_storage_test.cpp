@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/integration/instrumented.h"
 #include "tests/integration/whole_run_fixture.h"
 #include "tests/support/disk.h"
 #include "tests/support/failing_call.h"
@@ -82,6 +83,11 @@ protected:
     FlushesOfASoundStorageTest() : otherDisk(MAILNAMES + "/other.example", 512) {
         panel.domain("other.example").mailname("info").quota(1000);
         EXPECT_EQ(mailRebuild().status, 0);
+    }
+
+    void SetUp() override {
+        if (INSTRUMENTED)
+            GTEST_SKIP() << "an instrumented program is not to be traced";
     }
 
     SmallDisk otherDisk;

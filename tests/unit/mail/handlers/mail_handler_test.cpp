@@ -181,6 +181,7 @@ TEST_F(MailHandlerTest, ReportsMissingMemoryForAddress) {
 }
 
 TEST_F(MailHandlerTest, CloneWithoutMemoryIsNullAndSilent) {
+    requireExhaustibleMemory();
     expectChildLogs({}, [this] {
         exhaustMemory();
         if (mh_data_clone(&record) != nullptr)
