@@ -10,16 +10,22 @@ namespace corvo {
 
 void CarriedForwards::restore(const mail::Mailname& mailname, bool delivers) {
     unnamed_.reset();
+    isInOrder_ = true;
     file_.emplace(mailname);
     file_->restore(delivers, unnamed_);
 }
 
 bool CarriedForwards::place(const std::string& address) {
-    return unnamed_ && file_->placeRedirect(address, *unnamed_);
+    if (!unnamed_)
+        return false;
+    // Once one is added at the end, so are all that follow: what is not named goes from between.
+    const bool mayPlace = isInOrder_;
+    isInOrder_ = file_->placeRedirect(address, *unnamed_, mayPlace) && mayPlace;
+    return isInOrder_;
 }
 
 void CarriedForwards::leave() noexcept {
-    if (unnamed_ && !unnamed_->empty() && !drop())
+    if (unnamed_ && !(unnamed_->empty() && isInOrder_) && !drop())
         Log().line(LOG_ERR, "Unable to drop forwards from %s: %s", file_->path().c_str(),
                    std::strerror(errno));
     unnamed_.reset();

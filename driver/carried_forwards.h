@@ -31,6 +31,7 @@ private:
     bool drop();
 
     std::optional<mail::DotQMailManager> file_;
+    bool isInOrder_ = true;                      // none had to be added at the end
     std::optional<mail::ForwardLines> unnamed_;  // none where the file was not restored
 };
 

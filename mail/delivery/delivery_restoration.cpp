@@ -186,6 +186,15 @@ int Restoration::startAfresh() {
     return shallDeliver_ ? dotqmail_add_delivery(path_) : 0;
 }
 
+// Of forwards that stand more than once, where one was added that could not be removed before.
+void keepLastOfEach(Lines& lines) {
+    std::unordered_set<std::string_view> seen;
+    const auto isEarlier = [&](std::string_view line) {
+        return isForward(line) && !seen.insert(line).second;
+    };
+    lines.erase(lines.begin(), std::remove_if(lines.rbegin(), lines.rend(), isEarlier).base());
+}
+
 }  // namespace
 
 int restoreDelivery(const char* path, bool shallDeliver, std::optional<ForwardLines>& carriedOver) {
@@ -208,6 +217,7 @@ bool dropForwards(const char* path, const ForwardLines& unnamed) {
             return unnamed.contains(std::string(line));
         };
         lines.erase(std::remove_if(lines.begin(), lines.end(), isUnnamed), lines.end());
+        keepLastOfEach(lines);
     });
 }
 

@@ -51,10 +51,14 @@ void DotQMailManager::restore(bool delivers, std::optional<ForwardLines>& carrie
     check(restoreDelivery(file(), delivers, carriedOver));
 }
 
-bool DotQMailManager::placeRedirect(const std::string& address, ForwardLines& unnamed) {
+bool DotQMailManager::placeRedirect(const std::string& address, ForwardLines& unnamed,
+                                    bool mayPlace) {
+    errno = 0;
     const std::string line = forwardLine(address);
+    if (line.empty() && errno == ENOMEM)
+        unnamed.clear();
     unnamed.erase(line);
-    return isSound_ && !line.empty() && placeForward(path_.c_str(), line, unnamed);
+    return mayPlace && isSound_ && !line.empty() && placeForward(path_.c_str(), line, unnamed);
 }
 
 bool DotQMailManager::dropRedirects(const ForwardLines& unnamed) {
