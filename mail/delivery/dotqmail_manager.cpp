@@ -58,7 +58,12 @@ bool DotQMailManager::placeRedirect(const std::string& address, ForwardLines& un
     if (line.empty() && errno == ENOMEM)
         unnamed.clear();
     unnamed.erase(line);
-    return mayPlace && isSound_ && !line.empty() && placeForward(path_.c_str(), line, unnamed);
+    // A failure of the moment is no reason to add the forward in two steps, between which it is
+    // missing.
+    for (int attempt = 0; mayPlace && isSound_ && !line.empty() && attempt < 3; ++attempt)
+        if (placeForward(path_.c_str(), line, unnamed))
+            return true;
+    return false;
 }
 
 bool DotQMailManager::dropRedirects(const ForwardLines& unnamed) {
