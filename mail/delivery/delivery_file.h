@@ -67,7 +67,8 @@ enum class Replaced { whole, notOpened, notWritten };
                                        const Ownership& ownership) noexcept;
 
 /// Runs `edit` on the lines of the file under its lock and puts what it made of them in place,
-/// unless all is as it should be. A missing file has no lines.
+/// unless all is as it should be. A missing file has no lines, and stays missing where it gets
+/// none.
 template <typename Edit>
 [[nodiscard]] bool changeDelivery(const char* path, Edit edit) {
     const LineLock lock(path);
@@ -78,6 +79,8 @@ template <typename Edit>
         return false;
     Lines lines = linesOf(old.text);
     edit(lines);
+    if (!old.exists && lines.empty())
+        return true;
     const std::string text = textOf(lines);
     return !deliveryDifferences(old, text, ownership).any() ||
            replaceDelivery(file, text, ownership) == Replaced::whole;

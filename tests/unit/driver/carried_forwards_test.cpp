@@ -92,6 +92,52 @@ TEST_F(CarriedForwardsTest, NamedOneIsNotDroppedWherePlacingItFailed) {
     EXPECT_EQ(forwardsThere(), "&d@e.f\n");
 }
 
+TEST_F(CarriedForwardsTest, AfterOneThatWasAddedAtTheEndNoneIsPlacedInFrontOfIt) {
+    restoreGroupOf("&a@b.c\n&d@e.f\n");
+    std::filesystem::remove_all(LOCKS);
+    EXPECT_FALSE(forwards.place("new@b.c"));
+    makeDirectory(LOCKS);
+    write(contentsOf(DOTQMAIL) + "&new@b.c\n");
+    EXPECT_FALSE(forwards.place("d@e.f"));
+    write(contentsOf(DOTQMAIL) + "&d@e.f\n");
+    forwards.leave();
+    EXPECT_EQ(forwardsThere(), "&new@b.c\n&d@e.f\n");
+}
+
+TEST_F(CarriedForwardsTest, OneThatWasAddedTwiceStandsOnceEvenWhereAllWereNamed) {
+    restoreGroupOf("&a@b.c\n&d@e.f\n");
+    std::filesystem::remove_all(LOCKS);
+    EXPECT_FALSE(forwards.place("a@b.c"));
+    EXPECT_FALSE(forwards.place("d@e.f"));
+    makeDirectory(LOCKS);
+    write(contentsOf(DOTQMAIL) + "&a@b.c\n");
+    forwards.leave();
+    EXPECT_EQ(forwardsThere(), "&d@e.f\n&a@b.c\n");
+}
+
+TEST_F(CarriedForwardsTest, NextMailNameIsInOrderAgain) {
+    restoreGroupOf("&a@b.c\n");
+    std::filesystem::remove_all(LOCKS);
+    EXPECT_FALSE(forwards.place("a@b.c"));
+    makeDirectory(LOCKS);
+    forwards.leave();
+    restoreGroupOf("&a@b.c\n");
+    EXPECT_TRUE(forwards.place("a@b.c"));
+}
+
+TEST_F(CarriedForwardsTest, AddressWithoutMemoryForItsLineDropsNothing) {
+    requireExhaustibleMemory();
+    restoreGroupOf("&a@b.c\n&d@e.f\n");
+    constexpr std::size_t MUCH = std::size_t{8} << 20;
+    const std::string address = "a@" + std::string(MUCH, 'b');
+    expectChildLogs({}, [&] {
+        limitMemory(memoryInUse() + MUCH / 2);
+        EXPECT_FALSE(forwards.place(address));
+        forwards.leave();
+    });
+    EXPECT_EQ(forwardsThere(), "&a@b.c\n&d@e.f\n");
+}
+
 TEST_F(CarriedForwardsTest, WhatIsNoAddressIsNotPlaced) {
     restoreGroupOf("&a@b.c\n");
     EXPECT_FALSE(forwards.place("a"));

@@ -370,6 +370,18 @@ TEST_F(PlacedForwardsTest, DroppingRemovesOnlyWhatIsToGo) {
     EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n# mine\n&late@b.c\n");
 }
 
+TEST_F(PlacedForwardsTest, DroppingKeepsTheLastOfForwardsThatStandTwice) {
+    write("| true\n&1@b.c\n&2@b.c\n# mine\n&1@b.c\n# mine\n&3@b.c\n");
+    EXPECT_TRUE(dropForwards(DOTQMAIL.c_str(), {"&3@b.c"}));
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n&2@b.c\n# mine\n&1@b.c\n# mine\n");
+}
+
+TEST_F(PlacedForwardsTest, DroppingMakesNoFile) {
+    std::filesystem::remove(DOTQMAIL);
+    EXPECT_TRUE(dropForwards(DOTQMAIL.c_str(), {"&1@b.c"}));
+    EXPECT_FALSE(exists(DOTQMAIL));
+}
+
 TEST_F(PlacedForwardsTest, WithoutTheLockNothingChanges) {
     const std::string before = contentsOf(DOTQMAIL);
     removeLocks();

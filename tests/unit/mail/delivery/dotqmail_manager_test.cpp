@@ -1,5 +1,6 @@
 #include "mail/delivery/dotqmail_manager.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -14,10 +15,27 @@
 #include "tests/support/sandbox.h"
 #include "utils/system_error.h"
 
+namespace {
+
+/// So many flushes fail.
+int failingFlushes = 0;
+
+}  // namespace
+
+extern "C" int fdatasync(int fd) {
+    static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fdatasync"));
+    if (failingFlushes == 0)
+        return real(fd);
+    --failingFlushes;
+    errno = EIO;
+    return -1;
+}
+
 namespace corvo::test {
 namespace {
 
 using corvo::mail::DotQMailManager;
+using corvo::mail::ForwardLines;
 using corvo::mail::MaildirManager;
 using corvo::mail::Mailname;
 using Position = DotQMailManager::Position;
@@ -201,6 +219,31 @@ TEST_F(DotQMailManagerTest, HomesOfOddNamesAreRefusedAndNothingIsTouched) {
         failureOf([&] { odd.reset(); }, EINVAL);
     }
     EXPECT_EQ(fingerprint("/var/qmail"), before);
+}
+
+TEST_F(DotQMailManagerTest, PlacesAForwardDespiteFailuresOfTheMoment) {
+    struct Case {
+        int failures;
+        bool isPlaced;
+    };
+    for (const auto& [failures, isPlaced] : {Case{2, true}, Case{3, false}}) {
+        SCOPED_TRACE(failures);
+        writeFile(DOTQMAIL, "| true\n&a@b.c\n");
+        ForwardLines unnamed = {"&a@b.c", "&d@e.f"};
+        failingFlushes = failures;
+        EXPECT_EQ(manager.placeRedirect("d@e.f", unnamed, true), isPlaced);
+        EXPECT_EQ(failingFlushes, 0);
+        EXPECT_EQ(unnamed, ForwardLines{"&a@b.c"});
+        EXPECT_EQ(contentsOf(DOTQMAIL), isPlaced ? "| true\n&d@e.f\n&a@b.c\n" : "| true\n&a@b.c\n");
+    }
+}
+
+TEST_F(DotQMailManagerTest, NamesAForwardThatItMayNotPlace) {
+    writeFile(DOTQMAIL, "| true\n&a@b.c\n");
+    ForwardLines unnamed = {"&a@b.c", "&d@e.f"};
+    EXPECT_FALSE(manager.placeRedirect("d@e.f", unnamed, false));
+    EXPECT_EQ(unnamed, ForwardLines{"&a@b.c"});
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n&a@b.c\n");
 }
 
 }  // namespace
