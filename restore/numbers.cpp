@@ -3,7 +3,7 @@
 #include <boost/lexical_cast/try_lexical_convert.hpp>
 #include <ostream>
 
-#include "utils/error_stream.h"
+#include "restore/reports.h"
 
 namespace corvo::mail::restore {
 
@@ -13,8 +13,8 @@ std::optional<Number> numberOrWarn(const std::string& text, const char* what, Qu
     if (boost::conversion::try_lexical_convert(text, number))
         return number;
     const char* const quote = quoted == Quoted::yes ? "'" : "";
-    uerr << "Warning: invalid " << what << ' ' << quote << text << quote
-         << " stored in Corvo DB, ignored" << std::endl;
+    warning() << "Warning: invalid " << what << ' ' << quote << text << quote
+              << " stored in Corvo DB, ignored" << std::endl;
     return std::nullopt;
 }
 

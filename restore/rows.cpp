@@ -2,8 +2,8 @@
 
 #include <utility>
 
+#include "restore/reports.h"
 #include "restore/stage.h"
-#include "utils/error_stream.h"
 
 namespace corvo::mail::restore {
 
@@ -12,8 +12,8 @@ Rows::Rows(mysql::Connection& connection, const std::string& statement, CycleLab
     try {
         result_.emplace(connection << statement << mysql::Query::fetch);
     } catch (const mysql::mError& error) {
-        uerr << "Warning: MySQL Query error on " << cycle_.name << ": " << error.what()
-             << ", ignored" << std::endl;
+        warning() << "Warning: MySQL Query error on " << cycle_.name << ": " << error.what()
+                  << ", ignored" << std::endl;
     }
 }
 
@@ -34,8 +34,8 @@ Rows::Fetched Rows::fetch(Row& row) {
     try {
         return result_->fetch(&row) ? Fetched::ROW : Fetched::END;
     } catch (const mysql::mError& error) {
-        uerr << "Warning: MySQL Fetch Row Error on " << cycle_.name << cycle_.separator
-             << error.what() << ", row ignored" << std::endl;
+        warning() << "Warning: MySQL Fetch Row Error on " << cycle_.name << cycle_.separator
+                  << error.what() << ", row ignored" << std::endl;
         progress(cycle_.skipMark);
         return Fetched::NOTHING;
     }

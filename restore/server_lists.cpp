@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
+#include "restore/reports.h"
 #include "restore/rows.h"
 #include "restore/server_parameters.h"
-#include "utils/error_stream.h"
 #include "utils/idn.h"
 #include "utils/numeric.h"
 
@@ -36,8 +36,8 @@ std::optional<std::string> asciiOrWarn(const std::string& domain) {
     try {
         return idn::toAscii(domain);
     } catch (const std::exception& error) {
-        uerr << "Warning: unable to de-IDN'ize domain name '" << domain << "': " << error.what()
-             << ", ignored" << std::endl;
+        warning() << "Warning: unable to de-IDN'ize domain name '" << domain
+                  << "': " << error.what() << ", ignored" << std::endl;
         return std::nullopt;
     }
 }
@@ -104,8 +104,8 @@ void processRBLServersLists(MailsrvEntitiesCallbacks& callbacks, Connection& con
     try {
         servers = getStringMailServerParam("rbl_server", connection).value;
     } catch (const mysql::mError& error) {
-        uerr << "Warning: MySQL Error on RBL Servers query: " << error.what() << ", ignored"
-             << std::endl;
+        warning() << "Warning: MySQL Error on RBL Servers query: " << error.what() << ", ignored"
+                  << std::endl;
         return;
     }
     callbacks.setRBLServers(splitServers(servers));

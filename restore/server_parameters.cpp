@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "utils/error_stream.h"
+#include "restore/reports.h"
 
 namespace corvo::mail::restore {
 
@@ -40,8 +40,8 @@ Parameter readOrWarn(Reader read, const std::string& name, Connection& connectio
         return read(name, connection);
     } catch (const mysql::mError& error) {
         // Every parameter's warning speaks of the authentication type.
-        uerr << "Warning: MySQL Error on Mail Authentication Type query: " << error.what()
-             << ", ignored" << std::endl;
+        warning() << "Warning: MySQL Error on Mail Authentication Type query: " << error.what()
+                  << ", ignored" << std::endl;
         return std::nullopt;
     }
 }

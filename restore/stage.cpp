@@ -4,6 +4,8 @@
 #include <iostream>
 #include <new>
 
+#include "restore/reports.h"
+
 namespace corvo::mail::restore {
 
 bool isDebug = false;
@@ -11,8 +13,7 @@ bool isDebug = false;
 namespace {
 
 void reportFailure(const std::string& label, const std::exception& failure) {
-    std::ostream& stream = isDebug ? std::clog : std::cerr;
-    stream << label << " failed (" << failure.what() << "), ignored\n";
+    failureLine() << label << " failed (" << failure.what() << "), ignored\n";
 }
 
 // Running out of memory has passed through all stages and ends here, as the step's failure.

@@ -7,6 +7,7 @@
 
 #include "lib/db++/connection.h"
 #include "restore/domain_cycle.h"
+#include "restore/reports.h"
 #include "restore/server_lists.h"
 #include "restore/server_settings.h"
 #include "restore/stage.h"
@@ -76,6 +77,7 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks) {
 
 void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, Connection& connection) {
     isDebug = isDebugWanted();
+    resetReportCount();
     progress("Restoring Mail Server Entities from Corvo DB:\n");
     bool isFirst = true;
     for (const Step& step : STEPS) {
@@ -86,6 +88,10 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, Connection& con
             connection.reopenIfLost();
         step.run(step.label, [&] { step.restore(callbacks, connection); });
     }
+}
+
+std::size_t reportsOfLastWalk() noexcept {
+    return reportCount();
 }
 
 }  // namespace corvo::mail::restore

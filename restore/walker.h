@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <cstddef>
+
 #include "restore/entities_callbacks.h"
 
 namespace corvo::mysql {
@@ -20,5 +22,9 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks);
 /// the next step gets a new one. With CORVO_INSTALLER_DEBUG set to anything but "0" the walk tells
 /// its progress on standard error.
 void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, mysql::Connection& connection);
+
+/// How many warnings and failure lines the last walk has written: with none, all that was asked for
+/// has been reported.
+std::size_t reportsOfLastWalk() noexcept;
 
 }  // namespace corvo::mail::restore

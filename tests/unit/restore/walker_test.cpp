@@ -16,6 +16,7 @@
 namespace corvo::test {
 namespace {
 
+using corvo::mail::restore::reportsOfLastWalk;
 using corvo::mail::restore::walkMailServerEntities;
 using corvo::mysql::Connection;
 
@@ -142,6 +143,28 @@ TEST_F(WalkerTest, EveryFailureIsOneLineOfStandardError) {
         " restoring mail rejection when mailbox is over quota failed (no), ignored\n"
         " restoring the recipient canonical mapper failed (no), ignored\n";
     EXPECT_EQ(walk(recorder), progressText(lines));
+}
+
+TEST_F(WalkerTest, FailureLinesAreCountedInEachWalk) {
+    fill();
+    Recorder failing;
+    bindFailing(failing);
+    walk(failing);
+    EXPECT_EQ(reportsOfLastWalk(), 20U);
+    Recorder sound;
+    sound.bindAll();
+    walk(sound);
+    EXPECT_EQ(reportsOfLastWalk(), 0U);
+}
+
+TEST_F(WalkerTest, WarningsAreCounted) {
+    fill();
+    drop("mail_redir");  // asked for two groups
+    panel.execute("INSERT INTO badmailfrom VALUES ('" + std::string(70, 'x') + ".example')");
+    Recorder recorder;
+    recorder.bindAll();
+    walk(recorder);
+    EXPECT_EQ(reportsOfLastWalk(), 2U);
 }
 
 TEST_F(WalkerTest, EveryFailureInDebugModeIsPartOfTheProgress) {
