@@ -150,11 +150,17 @@ bool Walk::reachLast(LastLink last) noexcept {
     return false;
 }
 
+bool keepsAccessTimes = false;
+
+void keepAccessTimes() noexcept {
+    keepsAccessTimes = true;
+}
+
 UniqueFd openTrusted(int base, const char* path, int flags, mode_t mode) noexcept {
-    UniqueFd file = openWithoutLinks(base, path, flags, mode);
-    if (file || !mustWalk(errno))
-        return file;
-    return openByWalking(base, path, flags, mode);
+    return openKeepingTimes(flags, [=](int wanted) noexcept {
+        UniqueFd file = openWithoutLinks(base, path, wanted, mode);
+        return file || !mustWalk(errno) ? std::move(file) : openByWalking(base, path, wanted, mode);
+    });
 }
 
 }  // namespace corvo::safe_path

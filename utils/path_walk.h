@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cerrno>
 #include <climits>
+#include <utility>
 
 #include "utils/guards.h"
 
@@ -27,6 +29,15 @@ enum class LastLink { follow, keep };
 /// Whether a link, of which lstat says this, is followed: root's or the running user's, and either
 /// under a single name or an entry of root's.
 [[nodiscard]] bool isTrustedLink(int directory, const char* name, const struct stat& link) noexcept;
+
+/// From now on whatever is opened for reading alone keeps its access time (O_NOATIME), where the
+/// kernel lets this user have it so.
+void keepAccessTimes() noexcept;
+
+/// Opens by `open(flags)`: with O_NOATIME among the flags after keepAccessTimes(), unless that is
+/// refused (EPERM) or the file is not opened for reading alone.
+template <typename Open>
+[[nodiscard]] UniqueFd openKeepingTimes(int flags, Open open) noexcept;
 
 /// Opens whatever is there, as open does with `flags` (O_PATH and O_NOFOLLOW included). Everything
 /// that is opened along a path is opened by this function.
@@ -64,5 +75,16 @@ private:
     const char* rest_ = path_;  // what follows name_
     int links_ = 0;
 };
+
+/// What keepAccessTimes() has set.
+extern bool keepsAccessTimes;
+
+template <typename Open>
+UniqueFd openKeepingTimes(int flags, Open open) noexcept {
+    if (!keepsAccessTimes || (flags & (O_ACCMODE | O_PATH | O_CREAT)) != O_RDONLY)
+        return open(flags);
+    UniqueFd opened = open(flags | O_NOATIME);
+    return opened || errno != EPERM ? std::move(opened) : open(flags);
+}
 
 }  // namespace corvo::safe_path

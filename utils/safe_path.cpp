@@ -114,8 +114,9 @@ UniqueFd openUnlinkedDirectory(int base, const char* path) noexcept {
     Place place;
     if (findPlace(base, path, place) != 0)
         return UniqueFd();
-    return UniqueFd(
-        ::openat(place.parent, place.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return openKeepingTimes(
+        O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC,
+        [&](int flags) noexcept { return UniqueFd(::openat(place.parent, place.name, flags)); });
 }
 
 int removeEntry(int parent, const char* name, int depth) noexcept;

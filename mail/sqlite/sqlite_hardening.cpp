@@ -61,15 +61,20 @@ struct SystemCalls {
 
 SystemCalls others = {};
 
+UniqueFd openPlainly(const char* path, int flags, mode_t mode) noexcept {
+    return safe_path::openKeepingTimes(flags, [=](int wanted) noexcept {
+        return UniqueFd(::open(path, wanted, mode));  // root-owned path, or O_NOFOLLOW in it
+    });
+}
+
 int openFile(const char* path, int flags, int mode) noexcept {
     if (!OwnWork::isUnderWay())
         return others.open(path, flags, mode);
     const auto ownMode = static_cast<mode_t>(mode) & ~WRITABLE_BY_OTHERS;
     // A pipe in place of a journal must not block.
     const int safeFlags = flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    UniqueFd file = safe_path::awaitLease(
-        UniqueFd(::open(path, safeFlags, ownMode)),  // root-owned path, or O_NOFOLLOW in it
-        AT_FDCWD, path, safeFlags);
+    UniqueFd file =
+        safe_path::awaitLease(openPlainly(path, safeFlags, ownMode), AT_FDCWD, path, safeFlags);
     const int objection = file ? objectionTo(file.get(), path) : 0;
     if (objection == 0)
         return file.release();
