@@ -1,6 +1,5 @@
 #include "mail/delivery/delivery_restoration.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string_view>
@@ -9,6 +8,7 @@
 #include "mail/delivery/default_delivery.h"
 #include "mail/delivery/delivery_agent.h"
 #include "mail/delivery/delivery_file.h"
+#include "mail/delivery/delivery_lines.h"
 #include "mail/delivery/delivery_reports.h"
 #include "mail/delivery/dotqmail.h"
 #include "utils/safe_path.h"
@@ -16,25 +16,6 @@
 namespace corvo::mail {
 
 namespace {
-
-// What keeps the file from becoming what it should be, in the order in which it is asked for.
-enum class Obstacle { none, agent, lock, line, unopened, unwritten };
-
-// The forwards among the lines, each once.
-Lines forwardsAmong(const Lines& lines, std::string_view deliveryLine) {
-    Lines forwards;
-    std::unordered_set<std::string_view> seen;
-    for (const std::string_view line : lines)
-        if (isForward(line) && line != deliveryLine && seen.insert(line).second)
-            forwards.push_back(line);
-    return forwards;
-}
-
-bool delivers(const Lines& lines, std::string_view deliveryLine) {
-    return std::any_of(lines.begin(), lines.end(), [&](std::string_view line) {
-        return isKnownDeliveryLine(line) || (!line.empty() && line == deliveryLine);
-    });
-}
 
 class Restoration {
 public:
@@ -45,40 +26,37 @@ public:
 private:
     std::string_view deliveryLine() const noexcept;
     std::string wantedText(const Lines& forwards) const;
-    bool mayPutInPlace() const noexcept;
     bool putInPlace(const Lines& forwards);
     void stumble(Obstacle obstacle) noexcept;
-    bool isWorthKeeping() const noexcept;
     int keep() noexcept;
     int report() const noexcept;
     int startAfresh();
 
     const char* path_;
-    bool shallDeliver_;
+    DeliveryCase case_ = {};
     AgentSearch agent_ = {};
     std::optional<LineLock> lock_;
     DefaultDelivery line_ = {};
     line_rewrite::Target file_;
     DeliveryContents old_;
-    bool didDeliver_ = false;
-    bool didForward_ = false;
-    Obstacle obstacle_ = Obstacle::none;  // the first one
-    int error_ = 0;                       // what it failed with
+    int error_ = 0;  // what the obstacle was met with
 };
 
 // Agent, lock and line are missed in this order, and one that is missing hides the next. The line
 // is also there to be known again in the old file.
 Restoration::Restoration(const char* path, bool shallDeliver)
-    : path_(path), shallDeliver_(shallDeliver), lock_(path), file_(path) {
-    if (shallDeliver_) {
+    : path_(path), lock_(path), file_(path) {
+    case_.shallDeliver = shallDeliver;
+    case_.isLocked = lock_->isHeld();
+    if (case_.shallDeliver) {
         agent_ = searchDeliveryAgent();
         line_ = readDefaultDelivery();
     }
-    if (shallDeliver_ && agent_.kind == DELIVERY_AGENT_UNKNOWN)
+    if (case_.shallDeliver && agent_.kind == DELIVERY_AGENT_UNKNOWN)
         stumble(Obstacle::agent);
-    if (!lock_->isHeld())
+    if (!case_.isLocked)
         stumble(Obstacle::lock);
-    if (shallDeliver_ && !line_.line)
+    if (case_.shallDeliver && !line_.line)
         stumble(Obstacle::line);
 }
 
@@ -88,16 +66,16 @@ int Restoration::run(std::optional<ForwardLines>& carriedOver) {
         return startAfresh();
     const Lines lines = linesOf(old_.text);
     const Lines forwards = forwardsAmong(lines, deliveryLine());
-    didDeliver_ = delivers(lines, deliveryLine());
-    didForward_ = !forwards.empty();
+    case_.didDeliver = delivers(lines, deliveryLine());
+    case_.didForward = !forwards.empty();
     ForwardLines carried;
     for (const std::string_view forward : forwards)
         carried.emplace(forward);
-    if (mayPutInPlace() && putInPlace(forwards))
+    if (mayPutInPlace(case_) && putInPlace(forwards))
         carriedOver = std::move(carried);
-    else if (!isWorthKeeping())
+    else if (!isWorthKeeping(case_))
         return startAfresh();
-    return obstacle_ == Obstacle::none ? lock_->release() : keep();
+    return case_.obstacle == Obstacle::none ? lock_->release() : keep();
 }
 
 std::string_view Restoration::deliveryLine() const noexcept {
@@ -105,16 +83,8 @@ std::string_view Restoration::deliveryLine() const noexcept {
 }
 
 std::string Restoration::wantedText(const Lines& forwards) const {
-    Lines lines = {RESET_LINE};
-    if (line_.line && obstacle_ == Obstacle::none)
-        lines.push_back(deliveryLine());
-    lines.insert(lines.end(), forwards.begin(), forwards.end());
-    return textOf(lines);
-}
-
-// Without its delivery line a file is only put in place of one that has none either, and forwards.
-bool Restoration::mayPutInPlace() const noexcept {
-    return lock_->isHeld() && (obstacle_ == Obstacle::none || (didForward_ && !didDeliver_));
+    return textOf(restoredLines(
+        case_.obstacle == Obstacle::none ? deliveryLine() : std::string_view(), forwards));
 }
 
 bool Restoration::putInPlace(const Lines& forwards) {
@@ -134,14 +104,10 @@ bool Restoration::putInPlace(const Lines& forwards) {
 
 // Notes an obstacle, with errno, unless there is one already.
 void Restoration::stumble(Obstacle obstacle) noexcept {
-    if (obstacle_ != Obstacle::none)
+    if (case_.obstacle != Obstacle::none)
         return;
-    obstacle_ = obstacle;
+    case_.obstacle = obstacle;
     error_ = errno;
-}
-
-bool Restoration::isWorthKeeping() const noexcept {
-    return (didDeliver_ && shallDeliver_) || didForward_;
 }
 
 // Leaves the file with what it holds.
@@ -156,12 +122,12 @@ int Restoration::keep() noexcept {
 // In the words of the step that would have failed if the file had been reset.
 int Restoration::report() const noexcept {
     errno = error_;
-    switch (obstacle_) {
+    switch (case_.obstacle) {
         case Obstacle::agent:
             reportMissingAgent(agent_);
             return reportNotDelivering(path_);
         case Obstacle::lock:
-            if (!shallDeliver_)
+            if (!case_.shallDeliver)
                 return 0;  // a reset takes no lock
             lock_->report();
             reportNotCleared(path_);
@@ -183,16 +149,7 @@ int Restoration::startAfresh() {
     lock_.reset();  // each step takes it for itself
     if (dotqmail_reset(path_) != 0)
         return -1;
-    return shallDeliver_ ? dotqmail_add_delivery(path_) : 0;
-}
-
-// Of forwards that stand more than once, where one was added that could not be removed before.
-void keepLastOfEach(Lines& lines) {
-    std::unordered_set<std::string_view> seen;
-    const auto isEarlier = [&](std::string_view line) {
-        return isForward(line) && !seen.insert(line).second;
-    };
-    lines.erase(lines.begin(), std::remove_if(lines.rbegin(), lines.rend(), isEarlier).base());
+    return case_.shallDeliver ? dotqmail_add_delivery(path_) : 0;
 }
 
 }  // namespace
@@ -202,23 +159,11 @@ int restoreDelivery(const char* path, bool shallDeliver, std::optional<ForwardLi
 }
 
 bool placeForward(const char* path, const std::string& line, const ForwardLines& unnamed) {
-    return changeDelivery(path, [&](Lines& lines) {
-        lines.erase(std::remove(lines.begin(), lines.end(), line), lines.end());
-        const auto isUnnamed = [&](std::string_view other) {
-            return isForward(other) && unnamed.contains(std::string(other));
-        };
-        lines.insert(std::find_if(lines.begin(), lines.end(), isUnnamed), line);
-    });
+    return changeDelivery(path, [&](Lines& lines) { placeForwardAmong(lines, line, unnamed); });
 }
 
 bool dropForwards(const char* path, const ForwardLines& unnamed) {
-    return changeDelivery(path, [&](Lines& lines) {
-        const auto isUnnamed = [&](std::string_view line) {
-            return unnamed.contains(std::string(line));
-        };
-        lines.erase(std::remove_if(lines.begin(), lines.end(), isUnnamed), lines.end());
-        keepLastOfEach(lines);
-    });
+    return changeDelivery(path, [&](Lines& lines) { dropForwardsAmong(lines, unnamed); });
 }
 
 }  // namespace corvo::mail

@@ -5,12 +5,10 @@
 
 #include <optional>
 #include <string>
-#include <unordered_set>
+
+#include "mail/delivery/delivery_lines.h"
 
 namespace corvo::mail {
-
-/// Forwards, as whole lines.
-using ForwardLines = std::unordered_set<std::string>;
 
 /// Makes the file the reset line, then the default delivery line when `delivers` is set, then the
 /// forwards that it had, each once; popuser's with mode 0600. A file that is so already is left

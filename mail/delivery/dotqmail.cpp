@@ -13,6 +13,7 @@
 #include "mail/delivery/default_delivery.h"
 #include "mail/delivery/delivery_agent.h"
 #include "mail/delivery/delivery_file.h"
+#include "mail/delivery/delivery_lines.h"
 #include "mail/delivery/delivery_reports.h"
 #include "mail/delivery/text_file.h"
 #include "mail/home/mail_paths.h"
@@ -71,11 +72,8 @@ bool exchangeDeliveryLines(const char* path) noexcept {
 }
 
 // Makes a line the last one, and the only one of its kind.
-bool putLast(const char* path, std::string_view line) noexcept {
-    return changeInOneStep(path, [=](Lines& lines) {
-        std::erase(lines, line);
-        lines.push_back(line);
-    });
+bool moveLast(const char* path, std::string_view line) noexcept {
+    return changeInOneStep(path, [=](Lines& lines) { corvo::mail::putLast(lines, line); });
 }
 
 int installDefaultDelivery(const char* path) noexcept {
@@ -165,7 +163,7 @@ int dotqmail_add_forward(const char* path, const char* address) noexcept {
                           std::strerror(errno));
         return -1;
     }
-    if (putLast(path, line.get()))
+    if (moveLast(path, line.get()))
         return 0;
     // A file from which nothing can be removed may still be added to.
     (void)removeLine(path, line.get());
