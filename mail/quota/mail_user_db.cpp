@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include <span>
 #include <system_error>
 
+#include "mail/quota/quota_row.h"
 #include "mail/sqlite/sqlite_session.h"
 #include "utils/accounts.h"
 #include "utils/guards.h"
@@ -32,30 +32,6 @@ constexpr const char* CREATION_SCRIPT =
     "NULL,mailbox_name TEXT NOT NULL,quota TEXT NOT NULL,PRIMARY KEY (domain_name, "
     "mailbox_name));COMMIT;";
 
-struct Parameter {
-    const char* name;  // in messages
-    std::string value;
-};
-
-Parameter domainParameter(const std::string& domain) {
-    return {"domain_name", to_lower(domain)};
-}
-
-Parameter mailboxParameter(const std::string& mailbox) {
-    return {"mailbox_name", to_lower(mailbox)};
-}
-
-Parameter quotaParameter(long long quota) {
-    return {"quota", std::to_string(std::max(quota, 0LL)) + "B"};
-}
-
-// A mailbox's row; the first two are its key.
-using QuotaRow = std::array<Parameter, 3>;
-
-QuotaRow quotaRow(const std::string& domain, const std::string& mailbox, long long quota) {
-    return {domainParameter(domain), mailboxParameter(mailbox), quotaParameter(quota)};
-}
-
 // The statement does not copy the parameters: they must outlive its steps.
 bool bindAll(SqliteStatement& statement, std::span<const Parameter> parameters) {
     for (const Parameter& parameter : parameters)
@@ -65,19 +41,6 @@ bool bindAll(SqliteStatement& statement, std::span<const Parameter> parameters) 
             return false;
         }
     return true;
-}
-
-// SQL compares, since it tells a BLOB of the same bytes from a text, and reads nothing that popuser
-// could have made long.
-RowDifferences lookAt(const SqliteSession& session, const QuotaRow& row) {
-    SqliteStatement look(
-        session,
-        "SELECT quota = ?3 FROM mailbox_quota WHERE domain_name = ?1 AND mailbox_name = ?2",
-        SqliteUse::look);
-    const bool isReady =
-        look && std::all_of(row.begin(), row.end(),
-                            [&](const Parameter& parameter) { return look.bind(parameter.value); });
-    return isReady ? rowDifferences(look) : RowDifferences{.unknown = true};
 }
 
 // One statement, run once or several times inside one transaction. After a failure to open, begin,
@@ -210,17 +173,10 @@ bool MailUserDbHelper::changeDatabaseOwner(const std::string& path) {
 bool MailUserDbHelper::userdbStoreMboxQuota(const std::string& domain, const std::string& mailbox,
                                             long long quota) const {
     const SqliteSession session(path_.c_str(), SqliteAccess::readWrite);
-    if (!lookAt(session, quotaRow(domain, mailbox, quota)).any())
+    if (!QuotaRowLook(session).at(quotaRow(domain, mailbox, quota)).any())
         return true;
     const MailQuota one[] = {{mailbox, quota}};
     return storeQuotas(session, domain, one, 0);
-}
-
-RowDifferences MailUserDbHelper::userdbMboxQuotaDifferences(const std::string& domain,
-                                                            const std::string& mailbox,
-                                                            long long quota) const {
-    const SqliteSession session(path_.c_str(), SqliteAccess::readOnly, SqliteUse::look);
-    return lookAt(session, quotaRow(domain, mailbox, quota));
 }
 
 bool MailUserDbHelper::userdbStoreMboxesQuotas(const std::string& domain,

@@ -13,8 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "mail/sqlite/row_differences.h"
-
 namespace corvo::mail {
 
 /// The mail server's own file.
@@ -45,12 +43,6 @@ public:
     /// and the file then not written.
     [[nodiscard]] bool userdbStoreMboxQuota(const std::string& domain, const std::string& mailbox,
                                             long long quota) const;
-
-    /// How a mailbox's row differs from what storing this quota would leave. Unlike other
-    /// operations it is silent and does not wait.
-    [[nodiscard]] RowDifferences userdbMboxQuotaDifferences(const std::string& domain,
-                                                            const std::string& mailbox,
-                                                            long long quota) const;
 
     /// Stores many in one transaction, a negative quota as the default and a negative default as 0.
     /// One that fails does not stop the others, unless SQLite takes the whole transaction back (no

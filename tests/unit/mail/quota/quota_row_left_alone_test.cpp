@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 
 #include "mail/quota/mail_user_db.h"
-#include "mail/sqlite/row_differences.h"
+#include "mail/quota/quota_row.h"
 #include "tests/support/capture.h"
 #include "tests/support/disk.h"
 #include "tests/support/files.h"
@@ -18,13 +18,19 @@ namespace corvo::test {
 namespace {
 
 using corvo::mail::MailUserDbHelper;
+using corvo::mail::quotaRow;
+using corvo::mail::QuotaRowLook;
 using corvo::mail::RowDifferences;
+using corvo::mail::SqliteAccess;
+using corvo::mail::SqliteSession;
+using corvo::mail::SqliteUse;
 
 const std::string FOLDER = "/var/lib/corvo/mail/userdb";
 const std::string FILE_PATH = FOLDER + "/userdb.db";
 
 const std::string LOOK =
-    "SELECT quota = ?3 FROM mailbox_quota WHERE domain_name = ?1 AND mailbox_name = ?2";
+    "SELECT quota = ?3, substr(quota, 1, 64) FROM mailbox_quota WHERE domain_name = ?1 AND "
+    "mailbox_name = ?2";
 
 using Rows = std::vector<std::string>;
 
@@ -40,8 +46,15 @@ protected:
     }
 
     bool store() const { return helper.userdbStoreMboxQuota("Example.com", "Info", 5); }
-    RowDifferences look() const {
-        return helper.userdbMboxQuotaDifferences("Example.com", "Info", 5);
+    // By a session of its own, which writes nothing.
+    static RowDifferences look(const std::string& domain = "Example.com",
+                               std::string* found = nullptr) {
+        const SqliteSession session(FILE_PATH.c_str(), SqliteAccess::readOnly, SqliteUse::look);
+        QuotaRowLook row(session);
+        const RowDifferences differences = row.at(quotaRow(domain, "Info", 5));
+        if (found != nullptr)
+            *found = row.found();
+        return differences;
     }
     static Rows rows() {
         return sqliteRows(FILE_PATH, "SELECT *, typeof(quota) FROM mailbox_quota ORDER BY 1, 2");
@@ -135,9 +148,28 @@ TEST_F(QuotaRowLeftAloneTest, IsNoneThatDiffers) {
 TEST_F(QuotaRowLeftAloneTest, LookChangesNothing) {
     const std::string before = fingerprint(FOLDER);
     EXPECT_EQ(look(), RowDifferences{});
-    EXPECT_EQ(helper.userdbMboxQuotaDifferences("a.com", "info", 5),
-              RowDifferences{.missing = true});
+    EXPECT_EQ(look("a.com"), RowDifferences{.missing = true});
     EXPECT_EQ(fingerprint(FOLDER), before);
+}
+
+TEST_F(QuotaRowLeftAloneTest, LookTellsWhatItHasFound) {
+    std::string found;
+    EXPECT_EQ(look("other.com", &found), RowDifferences{.contents = true});
+    EXPECT_EQ(found, "8B");
+    EXPECT_EQ(look("a.com", &found), RowDifferences{.missing = true});
+    EXPECT_EQ(found, "");
+    sqliteExecute(FILE_PATH, "UPDATE mailbox_quota SET quota = printf('%.100c', 'x')");
+    EXPECT_EQ(look("other.com", &found), RowDifferences{.contents = true});
+    EXPECT_EQ(found, std::string(64, 'x'));
+}
+
+TEST_F(QuotaRowLeftAloneTest, OneLookServesManyRows) {
+    const SqliteSession session(FILE_PATH.c_str(), SqliteAccess::readOnly, SqliteUse::look);
+    QuotaRowLook row(session);
+    EXPECT_EQ(row.at(quotaRow("example.com", "info", 5)), RowDifferences{});
+    EXPECT_EQ(row.at(quotaRow("example.com", "info", 6)), RowDifferences{.contents = true});
+    EXPECT_EQ(row.at(quotaRow("example.com", "other", 7)), RowDifferences{});
+    EXPECT_EQ(row.at(quotaRow("example.com", "third", 7)), RowDifferences{.missing = true});
 }
 
 TEST_F(QuotaRowLeftAloneTest, LookIsSilentWhereThereIsNothingToLookAt) {
