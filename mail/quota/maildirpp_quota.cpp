@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <string_view>
 
 #include "mail/home/mail_paths.h"
@@ -33,16 +34,18 @@ using corvo::addSaturated;
 using corvo::UniqueCString;
 using corvo::UniqueFd;
 using corvo::WorkingDirectoryGuard;
+using corvo::mail::ATTACHMENTS;
 using corvo::mail::countMaildir;
 using corvo::mail::isPathComponent;
 using corvo::mail::limitsOfQuota;
 using corvo::mail::MAILDIRSIZE;
+using corvo::mail::MAILDIRSIZE_READ_MAX;
 using corvo::mail::MaildirsizeLimits;
 using corvo::mail::MaildirUsage;
+using corvo::mail::quotaBeside;
 using corvo::mail::writeMaildirsize;
 namespace safe_path = corvo::safe_path;
 
-constexpr std::size_t MAILDIRSIZE_READ_MAX = 5120;
 constexpr long long LARGEST = std::numeric_limits<long long>::max();
 
 // Writes the path of a mail name's home; false when it is too long, which is logged.
@@ -85,7 +88,6 @@ int writeForPopuser(const char* maildir, long long quota) noexcept {
 // Takes the size of the attachments, which lie outside the Maildir, off the quota: 0, or -1 when
 // they cannot be counted, which is logged.
 int subtractAttachments(long long& quota) noexcept {
-    static constexpr char ATTACHMENTS[] = "@attachments";
     struct stat status = {};
     if (safe_path::status(AT_FDCWD, ATTACHMENTS, status) != 0 || !S_ISDIR(status.st_mode))
         return 0;
@@ -94,9 +96,9 @@ int subtractAttachments(long long& quota) noexcept {
         messlog2(0, 0, "unable to count attachments folder size");
         return -1;
     }
-    quota -= size;
-    if (quota < 0) {
-        quota = 0;
+    const bool isTooMuch = size > quota;
+    quota = quotaBeside(size, quota);
+    if (isTooMuch) {
         errno = 0;
         messlog2(0, 0, "WARNING: @attachments directory is big enough to disable delivery!");
     }
@@ -149,6 +151,18 @@ int readUsageAndLimits(long long* bytes, long long* messages, long long* byteLim
 }
 
 }  // namespace
+
+namespace corvo::mail {
+
+std::string quotaHomeOf(const char* domain, const char* mailname) {
+    const UniqueCString ascii(isPathComponent(domain) ? idn_toascii(domain) : nullptr);
+    char home[PATH_MAX];
+    const bool isFound = ascii && isPathComponent(ascii.get()) && isPathComponent(mailname) &&
+                         formatHome(home, sizeof home, ascii.get(), mailname);
+    return isFound ? std::string(home) : std::string();
+}
+
+}  // namespace corvo::mail
 
 int store_mbox_quota(const char* domain, const char* mailname, long long quota) noexcept {
     const bool convertible = isPathComponent(domain);

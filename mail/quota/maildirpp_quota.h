@@ -10,6 +10,8 @@
 
 #include <sys/types.h>
 
+#include <string>
+
 /// Writes the quota of a mail name (the domain in UTF-8), less what its "@attachments" hold;
 /// negative is unlimited. Failures before the Maildir is entered are logged. When "@attachments"
 /// cannot be counted, the current directory stays the mail name's home.
@@ -40,3 +42,11 @@ int get_maildirpp_usage(const char* maildir, long long* bytes, long long* messag
 /// 1 when messages of `bytes` in all would exceed the quota, else 0; 0 also when that cannot be
 /// found out. Exactly full is not over quota.
 int check_maildirpp_overquota(const char* maildir, long long bytes, long long messages) noexcept;
+
+namespace corvo::mail {
+
+/// The home in which store_mbox_quota works; empty for names that it refuses. Silent. Throws
+/// std::bad_alloc.
+std::string quotaHomeOf(const char* domain, const char* mailname);
+
+}  // namespace corvo::mail

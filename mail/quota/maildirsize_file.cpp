@@ -193,6 +193,10 @@ MaildirsizeLimits limitsOfQuota(long long quota) noexcept {
     return {.bytes = quota < 0 ? 0 : std::max(quota, 1LL), .messages = 0};
 }
 
+long long quotaBeside(long long attachments, long long quota) noexcept {
+    return std::max(quota - attachments, 0LL);
+}
+
 MaildirsizeText::MaildirsizeText(const MaildirsizeLimits& limits,
                                  const MaildirUsage& usage) noexcept
     : length_(format_maildirsize(content_, limits.bytes, limits.messages, usage.bytes,

@@ -20,6 +20,12 @@ namespace corvo::mail {
 
 inline constexpr const char* MAILDIRSIZE = "maildirsize";
 
+/// In bytes; a longer file is not believed.
+inline constexpr std::size_t MAILDIRSIZE_READ_MAX = 5120;
+
+/// The directory beside the Maildir whose size counts against the quota, too.
+inline constexpr const char* ATTACHMENTS = "@attachments";
+
 /// What a mailbox may hold; 0 is no limit.
 struct MaildirsizeLimits {
     long long bytes;
@@ -28,6 +34,10 @@ struct MaildirsizeLimits {
 
 /// The limits for a quota in bytes: negative is unlimited, 0 blocks delivery.
 [[nodiscard]] MaildirsizeLimits limitsOfQuota(long long quota) noexcept;
+
+/// What is left of a quota that is not negative beside attachments of so many bytes: they lie
+/// outside the Maildir.
+[[nodiscard]] long long quotaBeside(long long attachments, long long quota) noexcept;
 
 /// All that stands in the file.
 class MaildirsizeText {
