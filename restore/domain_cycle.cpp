@@ -11,6 +11,8 @@
 
 namespace corvo::mail::restore {
 
+std::size_t domainsOfCycle = 0;
+
 namespace {
 
 using mysql::Connection;
@@ -133,6 +135,7 @@ void processDomainCycle(MailsrvEntitiesCallbacks& callbacks, Connection& connect
               "   WHERE d.id=s.dom_id AND s.type='mail' "
               "     AND p.id=s.parameters_id AND p.parameter='nonexist_mail'",
               {.name = "top Domains cycle", .skipMark = "!"});
+    domainsOfCycle = rows.size();
     PatientConnector connector;
     Row row;
     while (rows.next(row)) {

@@ -2,10 +2,15 @@
 
 #pragma once
 
+#include <cstddef>
+
 #include "lib/db++/connection.h"
 #include "restore/entities_callbacks.h"
 
 namespace corvo::mail::restore {
+
+/// How many domains the cycle has to report; set once it has asked for them.
+extern std::size_t domainsOfCycle;
 
 /// Reports every domain with its catch-all setting, its aliases and its mail names. `connection` is
 /// busy with the domains while each of them opens one of its own. A stage's failure is reported and

@@ -26,6 +26,9 @@ class Rows {
 public:
     Rows(mysql::Connection& connection, const std::string& statement, CycleLabel label);
 
+    /// How many rows the statement has; none when it failed.
+    std::size_t size() const noexcept { return result_ ? result_->size() : 0; }
+
     /// Refills `row` with the next row that can be fetched. False at the end.
     bool next(Row& row);
 

@@ -78,6 +78,7 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks) {
 void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, Connection& connection) {
     isDebug = isDebugWanted();
     resetReportCount();
+    domainsOfCycle = 0;
     progress("Restoring Mail Server Entities from Corvo DB:\n");
     bool isFirst = true;
     for (const Step& step : STEPS) {
@@ -88,6 +89,10 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, Connection& con
             connection.reopenIfLost();
         step.run(step.label, [&] { step.restore(callbacks, connection); });
     }
+}
+
+std::size_t domainsOfWalk() noexcept {
+    return domainsOfCycle;
 }
 
 std::size_t reportsOfLastWalk() noexcept {

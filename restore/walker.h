@@ -23,6 +23,10 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks);
 /// its progress on standard error.
 void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, mysql::Connection& connection);
 
+/// How many domains the walk that is under way, or else the last one, has to report; 0 until it has
+/// asked for them.
+std::size_t domainsOfWalk() noexcept;
+
 /// How many warnings and failure lines the last walk has written: with none, all that was asked for
 /// has been reported.
 std::size_t reportsOfLastWalk() noexcept;

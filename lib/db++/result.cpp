@@ -42,6 +42,10 @@ void Result::Release::operator()(st_mysql_res* result) const noexcept {
 
 Result::Result(st_mysql_res* result) : stored_(result), columns_(mysql_fetch_fields(result)) {}
 
+std::size_t Result::size() const noexcept {
+    return ::mysql_num_rows(stored_.get());
+}
+
 bool Result::fetch(row_t* row) {
     const MYSQL_ROW values = mysql_fetch_row(stored_.get());
     const unsigned long* lengths = mysql_fetch_lengths(stored_.get());

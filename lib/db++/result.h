@@ -46,6 +46,9 @@ public:
     /// Takes ownership of a stored result.
     explicit Result(st_mysql_res* result);
 
+    /// How many rows there are.
+    std::size_t size() const noexcept;
+
     /// Refills `row` with the next row. False at the end, `row` untouched. Throws mError
     /// "duplicated field <name> in query" when two columns bear one name; the next call goes on
     /// with the next row.

@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "lib/db++/connect.h"
 #include "tests/support/killed_connection.h"
@@ -16,6 +17,7 @@
 namespace corvo::test {
 namespace {
 
+using corvo::mail::restore::domainsOfWalk;
 using corvo::mail::restore::reportsOfLastWalk;
 using corvo::mail::restore::walkMailServerEntities;
 using corvo::mysql::Connection;
@@ -155,6 +157,19 @@ TEST_F(WalkerTest, FailureLinesAreCountedInEachWalk) {
     sound.bindAll();
     walk(sound);
     EXPECT_EQ(reportsOfLastWalk(), 0U);
+}
+
+TEST_F(WalkerTest, DomainsAreToldBeforeTheFirstIsReported) {
+    fill();
+    panel.domain("example.net");
+    Recorder recorder{"registerDomain"};
+    std::vector<std::size_t> told;
+    recorder.on("registerDomain", [&] { told.push_back(domainsOfWalk()); });
+    walk(recorder);
+    EXPECT_EQ(told, (std::vector<std::size_t>{2, 2}));
+    Recorder other{"restoreRecipientCanonical"};
+    walk(other);
+    EXPECT_EQ(domainsOfWalk(), 0U);
 }
 
 TEST_F(WalkerTest, WarningsAreCounted) {
