@@ -6,6 +6,9 @@ find_package(OpenSSL REQUIRED)
 pkg_check_modules(MARIADB REQUIRED IMPORTED_TARGET libmariadb)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(LIBIDN REQUIRED IMPORTED_TARGET libidn)
+find_package(CLI11 REQUIRED)
+find_package(fmt REQUIRED)
+find_package(nlohmann_json REQUIRED)
 
 # Boost 1.74 includes a header of its own that it calls deprecated, and its placeholders
 # warn when they are used as documented; the define silences exactly these two.

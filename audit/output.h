@@ -1,0 +1,49 @@
+// What the program prints: records and a summary on standard output, what it could not look at on
+// standard error.
+
+#pragma once
+
+#include <cstddef>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "audit/options.h"
+
+namespace corvo::audit {
+
+enum class Tone { plain, good, warning, problem };
+
+class Output {
+public:
+    /// Takes format, colour and quietness from the options; colour `automatic` is for a terminal
+    /// and where the environment has no NO_COLOR.
+    explicit Output(const Options& options);
+
+    /// One record: in JSON the object, in a table the line, which is printable and has no line end.
+    void print(const nlohmann::ordered_json& object, const std::string& line, Tone tone);
+
+    /// Says, on standard error, at once, what was not looked at and why. Bytes are escaped here.
+    void omit(const std::string& what);
+    /// Was anything?
+    bool isWhole() const noexcept { return omitted_.empty(); }
+
+    /// Ends what is printed: once, at the end. The summary goes where there is a place for it; the
+    /// line may be empty. False, after a word on standard error, when standard output did not take
+    /// everything.
+    bool finish(const nlohmann::ordered_json& summary, const std::string& line);
+
+private:
+    void printLine(const std::string& line, Tone tone) const;
+
+    Format format_;
+    bool isColoured_;
+    bool isQuiet_;
+    std::size_t printed_ = 0;
+    std::vector<std::string> omitted_;
+};
+
+/// A text as a JSON value, whatever its bytes.
+nlohmann::ordered_json jsonText(const std::string& text);
+
+}  // namespace corvo::audit
