@@ -1,0 +1,143 @@
+#include "audit/databases.h"
+
+#include <fcntl.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <span>
+
+#include "mail/handlers/check_quota_records.h"
+#include "mail/handlers/mail_handlers_db.h"
+#include "mail/quota/mail_user_db.h"
+#include "utils/files.h"
+#include "utils/safe_path.h"
+
+namespace corvo::audit {
+
+namespace {
+
+using mail::RowDifferences;
+using mail::SqliteAccess;
+using mail::SqliteSession;
+using mail::SqliteStatement;
+using mail::SqliteStep;
+using mail::SqliteUse;
+
+// The byte of a database's header that tells how it is read, and the value of those that are read
+// through a write-ahead log.
+constexpr std::size_t READ_VERSION = 19;
+constexpr char THROUGH_LOG = 2;
+
+const char* describe(const RowDifferences& differences) {
+    return differences.missing ? "has no row for it" : "has another quota";
+}
+
+}  // namespace
+
+std::optional<std::string> objectionToReading(const std::string& path) {
+    const UniqueFd file = safe_path::openFile(AT_FDCWD, path.c_str(), O_RDONLY);
+    if (!file)
+        return std::strerror(errno);
+    std::array<char, READ_VERSION + 1> header = {};
+    const ssize_t length = read_fully(file.get(), header.data(), header.size());
+    if (length < 0)
+        return std::strerror(errno);
+    if (header[READ_VERSION] == THROUGH_LOG)
+        return "it has a write-ahead log, which cannot be read without a change";
+    return std::nullopt;
+}
+
+QuotaRows::QuotaRows(Output& output) : output_(output) {}
+
+void QuotaRows::open() {
+    if (session_ || isGivenUp_)
+        return;
+    if (const auto objection = objectionToReading(mail::MAIL_USER_DB))
+        return giveUp(*objection);
+    session_.emplace(mail::MAIL_USER_DB, SqliteAccess::readOnly, SqliteUse::look);
+    look_.emplace(*session_);
+}
+
+void QuotaRows::giveUp(const std::string& reason) {
+    isGivenUp_ = true;
+    look_.reset();
+    session_.reset();
+    output_.omit(std::string(mail::MAIL_USER_DB) + ": " + reason +
+                 ": the quota rows were not looked at");
+}
+
+void QuotaRows::lookAt(Items& items, Item about, long long quota, bool isReached) {
+    open();
+    if (isGivenUp_)
+        return;
+    const mail::QuotaRow row = mail::quotaRow(about.domain, about.mailbox, quota);
+    const RowDifferences differences = look_->at(row);
+    if (differences.unknown)
+        return giveUp(
+            "the rows cannot be read (locked, damaged, or a transaction to be rolled "
+            "back)");
+    if (!differences.any())
+        return;
+    about.kind = ItemKind::quotaRow;
+    about.path = mail::MAIL_USER_DB;
+    about.reason = describe(differences);
+    about.expected = row[2].value;
+    if (!differences.missing)
+        about.found = look_->found();
+    about.repair = isReached ? Repair::all : Repair::none;
+    items.push_back(std::move(about));
+}
+
+std::vector<std::string> QuotaRows::texts(const char* sql, const std::string* parameter) {
+    std::vector<std::string> found;
+    open();
+    if (isGivenUp_)
+        return found;
+    SqliteStatement select(*session_, sql, SqliteUse::look);
+    SqliteStep step = select && (parameter == nullptr || select.bind(*parameter))
+                          ? select.step()
+                          : SqliteStep::failed;
+    for (; step == SqliteStep::row; step = select.step())
+        if (const char* const text = select.text(0))
+            found.emplace_back(text);
+    if (step == SqliteStep::failed)
+        giveUp("the rows cannot be listed");
+    return found;
+}
+
+std::vector<std::string> QuotaRows::domains() {
+    return texts("SELECT DISTINCT domain_name FROM mailbox_quota ORDER BY 1", nullptr);
+}
+
+std::vector<std::string> QuotaRows::mailboxesOf(const std::string& domain) {
+    return texts("SELECT mailbox_name FROM mailbox_quota WHERE domain_name = ? ORDER BY 1",
+                 &domain);
+}
+
+void lookAtOverquotaRecords(Items& items, Output& output, bool reject, bool permanent) {
+    const auto omit = [&](const std::string& reason) {
+        output.omit(std::string(mh_db_path) + ": " + reason +
+                    ": the records of the over-quota handler were not looked at");
+    };
+    if (const auto objection = objectionToReading(mh_db_path))
+        return omit(*objection);
+    const auto records = check_quota_records(permanent);
+    const std::span<const mh_data> wanted(records.data(), reject ? records.size() : 0);
+    const RowDifferences differences = mh_db_name_differences(nullptr, CHECK_QUOTA_HANDLER, wanted);
+    if (differences.unknown)
+        return omit("it cannot be read");
+    if (!differences.any())
+        return;
+    Item item;
+    item.kind = ItemKind::overquotaRecords;
+    item.path = mh_db_path;
+    item.reason = !reject               ? "rejects mail over quota though the panel says not"
+                  : differences.missing ? "does not reject mail over quota as the panel says"
+                                        : "has other records of the over-quota handler";
+    item.repair = Repair::either;
+    items.push_back(std::move(item));
+}
+
+}  // namespace corvo::audit

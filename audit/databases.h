@@ -1,0 +1,49 @@
+// Looks at the two local databases, each open at most once.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "audit/item.h"
+#include "audit/output.h"
+#include "mail/quota/quota_row.h"
+#include "mail/sqlite/sqlite_session.h"
+
+namespace corvo::audit {
+
+/// Why a SQLite file must not, or cannot, be read without a change to it or beside it; nothing
+/// where it can. A journal that waits for its transaction to be rolled back is met later, as a look
+/// that fails.
+std::optional<std::string> objectionToReading(const std::string& path);
+
+/// The rows of the user database.
+class QuotaRows {
+public:
+    /// Where rows cannot be looked at, that is told once.
+    explicit QuotaRows(Output& output);
+
+    /// Adds an item where a mailbox's row is not as storing the quota would leave it. `isReached`
+    /// tells whether a run gets as far as that.
+    void lookAt(Items& items, Item about, long long quota, bool isReached);
+
+    /// The domains, and the mailboxes of one, that have rows.
+    std::vector<std::string> domains();
+    std::vector<std::string> mailboxesOf(const std::string& domain);
+
+private:
+    void open();
+    void giveUp(const std::string& reason);
+    std::vector<std::string> texts(const char* sql, const std::string* parameter);
+
+    Output& output_;
+    bool isGivenUp_ = false;
+    std::optional<mail::SqliteSession> session_;
+    std::optional<mail::QuotaRowLook> look_;
+};
+
+/// Adds an item where the records of the over-quota handler are not what a run would leave.
+void lookAtOverquotaRecords(Items& items, Output& output, bool reject, bool permanent);
+
+}  // namespace corvo::audit

@@ -1,0 +1,317 @@
+#include "audit/delivery_look.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <unordered_set>
+
+#include "audit/tree_look.h"
+#include "mail/delivery/delivery_lines.h"
+#include "utils/file_lock.h"
+#include "utils/line_rewrite.h"
+#include "utils/safe_path.h"
+
+namespace corvo::audit {
+
+namespace {
+
+using mail::DeliveryCase;
+using mail::ForwardLines;
+using mail::Lines;
+using mail::Obstacle;
+
+// A run as far as it concerns one delivery file.
+class RunOnFile {
+public:
+    RunOnFile(const DeliveryState& found, const DeliveryWish& wish, const Means& means)
+        : state_(found), wish_(wish), means_(means) {}
+
+    DeliveryState run(bool isRestored) {
+        if (isRestored)
+            restore();
+        for (const std::string& forward : wish_.forwards)
+            if (!name(forward))
+                break;
+        if (carriedOver_)
+            mail::dropForwardsAmong(state_.lines, *carriedOver_);
+        return state_;
+    }
+
+private:
+    Obstacle obstacle() const {
+        if (wish_.delivers && !means_.hasAgent)
+            return Obstacle::agent;
+        if (!means_.hasLocks)
+            return Obstacle::lock;
+        return wish_.delivers && !means_.deliveryLine ? Obstacle::line : Obstacle::none;
+    }
+
+    std::string_view deliveryLine() const {
+        return wish_.delivers && means_.deliveryLine ? std::string_view(*means_.deliveryLine)
+                                                     : std::string_view();
+    }
+
+    void restore() {
+        const Lines forwards = mail::forwardsAmong(state_.lines, deliveryLine());
+        const DeliveryCase file = {.shallDeliver = wish_.delivers,
+                                   .didDeliver = mail::delivers(state_.lines, deliveryLine()),
+                                   .didForward = !forwards.empty(),
+                                   .obstacle = obstacle(),
+                                   .isLocked = means_.hasLocks};
+        if (state_.isTooLong)
+            startAfresh();
+        else if (mail::mayPutInPlace(file))
+            putInPlace(forwards);
+        else if (mail::isWorthKeeping(file))
+            keepWithOwnerAndMode();
+        else
+            startAfresh();
+    }
+
+    void putInPlace(const Lines& forwards) {
+        carriedOver_.emplace();
+        for (const std::string_view forward : forwards)
+            carriedOver_->emplace(forward);
+        replaceBy(mail::restoredLines(lineToInstall(), forwards));
+    }
+
+    std::string_view lineToInstall() const {
+        return obstacle() == Obstacle::none ? deliveryLine() : std::string_view();
+    }
+
+    void replaceBy(Lines lines) {
+        state_.exists = true;
+        state_.isTooLong = false;
+        state_.lines = std::move(lines);
+        state_.differences = {};
+    }
+
+    void keepWithOwnerAndMode() { state_.differences = {.names = state_.differences.names}; }
+
+    // The file is emptied, not replaced, and only then gets its delivery line.
+    void startAfresh() {
+        const bool keepsNames = state_.differences.names && lineToInstall().empty();
+        replaceBy(mail::restoredLines(lineToInstall(), {}));
+        state_.differences.names = keepsNames;
+    }
+
+    // False where a run fails at a forward, and does not come to the next.
+    bool name(const std::string& forward) {
+        if (carriedOver_) {
+            carriedOver_->erase(forward);
+            mail::placeForwardAmong(state_.lines, forward, *carriedOver_);
+            return true;
+        }
+        if (!means_.hasLocks || state_.isTooLong)
+            return false;
+        mail::putLast(state_.lines, forward);
+        replaceBy(std::move(state_.lines));
+        return true;
+    }
+
+    DeliveryState state_;
+    const DeliveryWish& wish_;
+    const Means& means_;
+    std::optional<ForwardLines> carriedOver_;
+};
+
+// The lines of a file, compared with what the panel says.
+class LineComparison {
+public:
+    LineComparison(Items& items, const Item& about, const Lines& lines, const DeliveryWish& wish,
+                   const Means& means)
+        : items_(items),
+          about_(about),
+          lines_(lines),
+          present_(lines.begin(), lines.end()),
+          wish_(wish),
+          deliveryLine_(deliveryLineOf(means)) {}
+
+    void run() {
+        const std::size_t before = items_.size();
+        compareDelivery();
+        compareForwards();
+        compareOthers();
+        if (items_.size() == before && lines_ != wanted())
+            add(ItemKind::lineOrder, "has its lines in another order, or more than once");
+    }
+
+private:
+    // Where there is no default one, a known line that is there serves.
+    std::string_view deliveryLineOf(const Means& means) const {
+        if (means.deliveryLine)
+            return *means.deliveryLine;
+        const auto known = std::find_if(lines_.begin(), lines_.end(), mail::isKnownDeliveryLine);
+        return known == lines_.end() ? std::string_view() : *known;
+    }
+
+    void compareDelivery() {
+        if (!wish_.delivers) {
+            for (const std::string_view line : present_)
+                if (delivers(line))
+                    add(ItemKind::delivery, "delivers though the panel says that it shall not", {},
+                        line);
+            return;
+        }
+        if (!deliveryLine_.empty() && present_.contains(deliveryLine_))
+            return;
+        const auto known = std::find_if(lines_.begin(), lines_.end(), mail::isKnownDeliveryLine);
+        if (known != lines_.end())
+            add(ItemKind::delivery, "delivers by an old line", deliveryLine_, *known);
+        else
+            add(ItemKind::delivery, "discards though the panel says that it shall deliver",
+                deliveryLine_);
+    }
+
+    void compareForwards() {
+        for (const std::string_view line : forwards())
+            if (!present_.contains(line))
+                add(ItemKind::forward, "has a forward missing", line);
+    }
+
+    // What is left: the first line, and lines that nobody asked for.
+    void compareOthers() {
+        if (!present_.contains(mail::RESET_LINE))
+            add(ItemKind::lineOrder, "has its first line missing", mail::RESET_LINE);
+        std::unordered_set<std::string_view> known(wish_.forwards.begin(), wish_.forwards.end());
+        known.insert(mail::RESET_LINE);
+        for (const std::string_view line : lines_)
+            if (!delivers(line) && known.insert(line).second)
+                add(ItemKind::surplusLine, "has a line that the panel does not ask for", {}, line);
+    }
+
+    bool delivers(std::string_view line) const {
+        return mail::isKnownDeliveryLine(line) || (!line.empty() && line == deliveryLine_);
+    }
+
+    // The last of several that are alike counts.
+    Lines forwards() const {
+        Lines lines;
+        for (const std::string& line : wish_.forwards)
+            mail::putLast(lines, line);
+        return lines;
+    }
+
+    Lines wanted() const {
+        return mail::restoredLines(wish_.delivers ? deliveryLine_ : std::string_view(), forwards());
+    }
+
+    void add(ItemKind kind, const char* reason, std::string_view expected = {},
+             std::optional<std::string_view> found = std::nullopt) {
+        Item item = about_;
+        item.kind = kind;
+        item.reason = reason;
+        if (!expected.empty())
+            item.expected = expected;
+        if (found)
+            item.found = *found;
+        items_.push_back(std::move(item));
+    }
+
+    Items& items_;
+    const Item& about_;
+    const Lines& lines_;
+    std::unordered_set<std::string_view> present_;
+    const DeliveryWish& wish_;
+    std::string_view deliveryLine_;
+};
+
+bool isSame(const Item& one, const Item& other) {
+    return one.kind == other.kind && one.reason == other.reason && one.expected == other.expected &&
+           one.found == other.found;
+}
+
+bool contains(const Items& items, const Item& wanted) {
+    return std::any_of(items.begin(), items.end(),
+                       [&](const Item& item) { return isSame(item, wanted); });
+}
+
+// Tells of each item whether it is gone where only `left` are, and adds those that then show.
+void judgeRepairs(Items& items, const Items& left) {
+    for (Item& item : items)
+        item.repair = contains(left, item) ? Repair::none : Repair::all;
+    for (const Item& item : left)
+        if (!contains(items, item))
+            items.push_back(item);
+}
+
+// A file at which a run fails: nothing in it can be compared.
+void addUnreadable(Items& items, const Item& about, int error) {
+    Item item = about;
+    item.kind = ItemKind::deliveryFile;
+    item.reason = error == ELOOP    ? "is a link that is refused"
+                  : error == EPERM  ? "is a hard link that is refused"
+                  : error == EINVAL ? "is no regular file"
+                                    : std::strerror(error);
+    item.repair = Repair::none;
+    items.push_back(std::move(item));
+}
+
+// Whether the lock that a run takes can be had: what lies there must be a file, or nothing.
+bool isLockable(const std::string& path) {
+    const UniqueCString lock(mk_flock_path(path.c_str()));
+    struct stat seen = {};
+    if (!lock || safe_path::status(AT_FDCWD, lock.get(), seen) == 0)
+        return lock && S_ISREG(seen.st_mode);
+    return errno == ENOENT;
+}
+
+mail::Differences ownershipDifferences(const mail::DeliveryContents& contents,
+                                       const mail::Ownership& wanted) {
+    mail::Differences differences = mail::deliveryDifferences(contents, contents.text, wanted);
+    differences.missing = false;
+    return differences;
+}
+
+}  // namespace
+
+DeliveryState stateAfterRun(const DeliveryState& found, const DeliveryWish& wish,
+                            const Means& means, bool isRestored) {
+    return RunOnFile(found, wish, means).run(isRestored);
+}
+
+void addDeliveryItems(Items& items, const Item& about, const DeliveryState& state,
+                      const struct stat& seen, const DeliveryWish& wish, const Means& means) {
+    Item file = about;
+    file.kind = ItemKind::deliveryFile;
+    if (!state.exists || state.isTooLong) {
+        file.reason = state.exists ? "is longer than 1 MiB" : "is missing";
+        items.push_back(std::move(file));
+        return;
+    }
+    addOwnershipItems(items, file, state.differences, seen, means.delivery);
+    LineComparison(items, about, state.lines, wish, means).run();
+}
+
+void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, const Means& means,
+                    bool isRestored) {
+    mail::DeliveryContents contents;
+    const bool isRead = mail::readDelivery(line_rewrite::Target(about.path.c_str()), contents);
+    const int error = errno;
+    const bool isTooLong = !isRead && error == EFBIG;
+    if (!isRead && !isTooLong)
+        return addUnreadable(items, about, error);
+    DeliveryState found = {.exists = contents.exists,
+                           .isTooLong = isTooLong,
+                           .lines = {},
+                           .differences = ownershipDifferences(contents, means.delivery)};
+    if (!isTooLong)
+        found.lines = mail::linesOf(contents.text);
+    Items differing;
+    addDeliveryItems(differing, about, found, contents.seen, wish, means);
+    if (differing.empty())
+        return;
+    Means here = means;
+    here.hasLocks = here.hasLocks && isLockable(about.path);
+    Items left;
+    addDeliveryItems(left, about, stateAfterRun(found, wish, here, isRestored), contents.seen, wish,
+                     means);
+    judgeRepairs(differing, left);
+    items.insert(items.end(), differing.begin(), differing.end());
+}
+
+}  // namespace corvo::audit

@@ -1,0 +1,43 @@
+// A look at the delivery file of a mail name, and at what a run would make of it.
+
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "audit/item.h"
+#include "audit/means.h"
+#include "mail/delivery/delivery_file.h"
+
+namespace corvo::audit {
+
+/// What the panel says of a mail name's mail.
+struct DeliveryWish {
+    bool delivers = false;
+    std::vector<std::string> forwards;  // whole lines, as they are named
+};
+
+/// A delivery file: as it is, or as a run would leave it.
+struct DeliveryState {
+    bool exists = false;
+    bool isTooLong = false;  // to be read
+    mail::Lines lines;
+    mail::Differences differences;  // of an existing one, but for its contents
+};
+
+/// What a run would leave. Where the stage for the home is not whole, `isRestored` is false, and
+/// only forwards are added. The lines are those of `found`, `wish` and `means`, which outlive the
+/// result.
+DeliveryState stateAfterRun(const DeliveryState& found, const DeliveryWish& wish,
+                            const Means& means, bool isRestored);
+
+/// Adds an item for each thing in which the file is not what the panel says; `seen` is what was
+/// found. A missing file stands for all that should be in it.
+void addDeliveryItems(Items& items, const Item& about, const DeliveryState& state,
+                      const struct stat& seen, const DeliveryWish& wish, const Means& means);
+
+/// Both: each item tells whether it is gone after a run. `about` has the path of the file.
+void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, const Means& means,
+                    bool isRestored);
+
+}  // namespace corvo::audit

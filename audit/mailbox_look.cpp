@@ -1,0 +1,111 @@
+#include "audit/mailbox_look.h"
+
+#include <fcntl.h>
+
+#include "audit/delivery_look.h"
+#include "audit/quota_look.h"
+#include "audit/tree_look.h"
+#include "mail/delivery/dotqmail.h"
+#include "mail/quota/maildirpp_quota.h"
+
+namespace corvo::audit {
+
+namespace {
+
+using State = FoundDirectory::State;
+
+// The forwards up to one that is no address: a run does not come to those behind it.
+DeliveryWish wishOf(const PanelMailname& mailname) {
+    DeliveryWish wish{.delivers = mailname.delivers, .forwards = {}};
+    for (const std::string& address : mailname.forwards) {
+        const std::string line = mail::forwardLine(address);
+        if (line.empty())
+            break;
+        wish.forwards.push_back(line);
+    }
+    return wish;
+}
+
+Item itemOf(const mail::Mailname& name) {
+    Item item;
+    item.kind = ItemKind::home;
+    item.domain = name.domain();
+    item.mailbox = name.name();
+    item.path = name.home().native();
+    item.repair = Repair::all;
+    return item;
+}
+
+void addUnrepaired(Items& items, Item item, ItemKind kind, std::string reason) {
+    item.kind = kind;
+    item.reason = std::move(reason);
+    item.repair = Repair::none;
+    items.push_back(std::move(item));
+}
+
+}  // namespace
+
+MailboxLook::MailboxLook(const Means& means, Output& output, bool recount)
+    : means_(means), output_(output), recount_(recount), rows_(output) {}
+
+Items MailboxLook::at(const PanelMailname& mailname) {
+    Items items;
+    const Item about = itemOf(mailname.name);
+    if (mailname.name.isSound())
+        lookAtHome(items, about, mailname);
+    else
+        addUnrepaired(items, about, ItemKind::home, "can be the name of no directory");
+    return items;
+}
+
+void MailboxLook::lookAtHome(Items& items, const Item& about, const PanelMailname& mailname) {
+    const FoundDirectory home = findDirectory(AT_FDCWD, about.path.c_str(), means_.home);
+    switch (home.state) {
+        case State::there:
+            addOwnershipItems(items, about, home.differences, home.seen, means_.home);
+            lookInside(items, about, home.directory.get(), mailname);
+            break;
+        case State::missing:
+            items.push_back(about);
+            items.back().reason = "is missing";
+            lookAtQuota(items, about, -1, mailname, true);
+            break;
+        case State::blocked:
+            addUnrepaired(items, about, ItemKind::home, home.reason);
+            lookAtQuota(items, about, -1, mailname, false);
+            break;
+        case State::unseen:
+            output_.omit(about.path + ": " + home.reason + ": the mailbox was not looked at");
+            break;
+    }
+}
+
+void MailboxLook::lookInside(Items& items, const Item& about, int home,
+                             const PanelMailname& mailname) {
+    const HomeAfterwards afterwards = lookAtSkeleton(items, about, home, means_.home);
+    Item delivery = about;
+    delivery.path += "/.qmail";
+    lookAtDelivery(items, delivery, wishOf(mailname), means_, afterwards.isWhole);
+    lookAtQuota(items, about, home, mailname, afterwards.hasMaildir);
+}
+
+// `home` is open, or -1 where there is none yet: a run then makes the file with it.
+void MailboxLook::lookAtQuota(Items& items, const Item& about, int home,
+                              const PanelMailname& mailname, bool isReached) {
+    if (!mailname.quota)
+        return;
+    const mail::Mailname& name = mailname.name;
+    const std::string place = mail::quotaHomeOf(name.plainDomain(), name.plainName());
+    if (place != name.home()) {
+        addUnrepaired(items, about, ItemKind::maildirsize,
+                      place.empty() ? "gets no quota: its names lead to no home"
+                                    : "gets no quota: its home is looked for in " + place);
+        isReached = false;
+    } else if (home >= 0) {
+        isReached = lookAtMaildirsize(items, about, home, *mailname.quota, means_, recount_,
+                                      isReached) == QuotaStage::goesOn;
+    }
+    rows_.lookAt(items, about, *mailname.quota, isReached);
+}
+
+}  // namespace corvo::audit

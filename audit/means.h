@@ -1,0 +1,32 @@
+// What a run finds on this server besides mail, looked at once.
+
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "mail/home/differences.h"
+
+namespace corvo::audit {
+
+struct Means {
+    mail::Ownership domainRoot;
+    mail::Ownership home;         // and all directories in it
+    mail::Ownership delivery;     // of `.qmail`
+    mail::Ownership maildirsize;  // as a run of this user makes it
+    bool hasAgent = false;
+    bool hasLocks = false;
+    std::optional<std::string> deliveryLine;
+
+    /// The line that a mailbox shall have; empty where a run cannot have it.
+    std::string lineToInstall() const;
+};
+
+/// Throws std::runtime_error without the account to which all belongs: no run is possible then, and
+/// there is nothing to compare with.
+Means findMeans();
+
+/// The lock folder.
+inline constexpr const char* LOCK_FOLDER = "/run/lock/files";
+
+}  // namespace corvo::audit

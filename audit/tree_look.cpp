@@ -1,0 +1,187 @@
+#include "audit/tree_look.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <grp.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "mail/home/skeleton.h"
+#include "utils/accounts.h"
+#include "utils/safe_path.h"
+
+namespace corvo::audit {
+
+namespace {
+
+using mail::Ownership;
+using mail::SkeletonEntry;
+using State = FoundDirectory::State;
+
+FoundDirectory blocked(std::string reason) {
+    FoundDirectory found;
+    found.state = State::blocked;
+    found.reason = std::move(reason);
+    return found;
+}
+
+// Nothing could be opened, since nothing is there: not even a link that leads nowhere.
+FoundDirectory missingOrDangling(int base, const char* path) {
+    struct stat seen = {};
+    if (safe_path::status(base, path, seen, safe_path::LastLink::keep) == 0)
+        return blocked("is a link that leads nowhere");
+    FoundDirectory found;
+    found.state = State::missing;
+    return found;
+}
+
+FoundDirectory notOpened(int base, const char* path, int error) {
+    switch (error) {
+        case ENOENT:
+            return missingOrDangling(base, path);
+        case ENOTDIR:
+            return blocked("is no directory");
+        case ELOOP:
+            return blocked("is a link that is refused");
+        case ENAMETOOLONG:
+            return blocked("has too long a name");
+        default:
+            break;
+    }
+    FoundDirectory unseen;
+    unseen.reason = std::strerror(error);
+    return unseen;
+}
+
+std::string nameOfGroup(gid_t gid) {
+    const struct group* const found = ::getgrgid(gid);
+    return found != nullptr ? found->gr_name : std::to_string(gid);
+}
+
+std::string modeText(mode_t mode) {
+    return fmt::format("{:04o}", mode & 07777U);
+}
+
+void add(Items& items, const Item& about, const char* reason, std::string expected,
+         std::string found) {
+    Item item = about;
+    item.reason = reason;
+    item.expected = std::move(expected);
+    item.found = std::move(found);
+    items.push_back(std::move(item));
+}
+
+// The skeleton of one home, entry by entry.
+class SkeletonLook {
+public:
+    SkeletonLook(Items& items, const Item& about, int home, const Ownership& wanted)
+        : items_(items), about_(about), home_(home), wanted_(wanted) {}
+
+    HomeAfterwards run() {
+        for (const SkeletonEntry& entry : mail::SKELETON)
+            lookAt(entry);
+        return {.isWhole = isReached_, .hasMaildir = hasMaildir_ && hasTmp_};
+    }
+
+private:
+    // What an entry's parent is like.
+    enum class Parent { there, missing, shut };
+
+    void lookAt(const SkeletonEntry& entry) {
+        Parent& level = levels_.at(entry.depth + 1);
+        if (levels_.at(entry.depth) != Parent::there) {
+            level = levels_.at(entry.depth);
+            return;
+        }
+        level = Parent::there;
+        const mail::Differences seen = mail::directoryDifferences(home_, entry.path, wanted_);
+        if (seen.any())
+            level = lookCloser(entry);
+        if (level == Parent::shut)
+            stop(entry);
+    }
+
+    // A directory that differs, or a link to one, or something else.
+    Parent lookCloser(const SkeletonEntry& entry) {
+        const FoundDirectory found = findDirectory(home_, entry.path, wanted_);
+        const Item about = itemFor(entry);
+        switch (found.state) {
+            case State::there:
+                addOwnershipItems(items_, about, found.differences, found.seen, wanted_);
+                return Parent::there;
+            case State::missing:
+                items_.push_back(about);
+                items_.back().reason = "is missing";
+                return Parent::missing;
+            case State::blocked:
+            case State::unseen:
+                break;
+        }
+        items_.push_back(about);
+        items_.back().reason = found.reason;
+        items_.back().repair = Repair::none;
+        return Parent::shut;
+    }
+
+    Item itemFor(const SkeletonEntry& entry) const {
+        Item item = about_;
+        item.kind = ItemKind::directory;
+        item.path += std::string("/") + entry.path;
+        item.repair = isReached_ ? Repair::all : Repair::none;
+        return item;
+    }
+
+    // A run's stage ends at an entry that it does not get past.
+    void stop(const SkeletonEntry& entry) {
+        isReached_ = false;
+        if (std::string_view(entry.path) == "Maildir")
+            hasMaildir_ = false;
+        if (std::string_view(entry.path) == "Maildir/tmp")
+            hasTmp_ = false;
+    }
+
+    Items& items_;
+    const Item& about_;
+    int home_;
+    const Ownership& wanted_;
+    std::array<Parent, mail::SKELETON_LEVELS + 1> levels_ = {};
+    bool isReached_ = true;
+    bool hasMaildir_ = true;
+    bool hasTmp_ = true;
+};
+
+}  // namespace
+
+FoundDirectory findDirectory(int base, const char* path, const Ownership& wanted) {
+    FoundDirectory found;
+    found.directory = safe_path::openDirectory(base, path);
+    if (!found.directory)
+        return notOpened(base, path, errno);
+    if (::fstat(found.directory.get(), &found.seen) != 0)
+        return notOpened(base, path, errno);
+    found.state = State::there;
+    found.differences = mail::directoryDifferences(found.directory.get(), "", wanted);
+    return found;
+}
+
+void addOwnershipItems(Items& items, const Item& about, const mail::Differences& differences,
+                       const struct stat& seen, const Ownership& wanted) {
+    if (differences.owner)
+        add(items, about, "has another owner", get_user_name(wanted.uid),
+            get_user_name(seen.st_uid));
+    if (differences.group)
+        add(items, about, "has another group", nameOfGroup(wanted.gid), nameOfGroup(seen.st_gid));
+    if (differences.mode)
+        add(items, about, "has another mode", modeText(wanted.mode), modeText(seen.st_mode));
+    if (differences.names)
+        add(items, about, "has further names", "1", std::to_string(seen.st_nlink));
+}
+
+HomeAfterwards lookAtSkeleton(Items& items, const Item& about, int home, const Ownership& wanted) {
+    return SkeletonLook(items, about, home, wanted).run();
+}
+
+}  // namespace corvo::audit
