@@ -144,4 +144,8 @@ std::string mailRebuildBinary() {
     return CORVO_MAIL_REBUILD;
 }
 
+std::string mailAuditBinary() {
+    return CORVO_MAIL_AUDIT;
+}
+
 }  // namespace corvo::test

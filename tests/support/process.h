@@ -30,7 +30,8 @@ ProcessResult runForked(const std::function<void()>& body, int timeoutSeconds = 
 /// A copy of a library under a path that LD_PRELOAD can name: without blanks and colons.
 std::string preloadable(const std::string& library);
 
-/// Path of the production binary.
+/// Paths of the production binaries.
 std::string mailRebuildBinary();
+std::string mailAuditBinary();
 
 }  // namespace corvo::test

@@ -1,0 +1,256 @@
+#include "audit/diff.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "audit/databases.h"
+#include "audit/extras.h"
+#include "audit/item.h"
+#include "audit/mailbox_look.h"
+#include "audit/means.h"
+#include "audit/progress.h"
+#include "audit/text.h"
+#include "audit/tree_look.h"
+#include "lib/db++/connection.h"
+#include "mail/home/mail_paths.h"
+#include "mail/home/maildir_manager.h"
+#include "restore/walker.h"
+#include "utils/safe_path.h"
+
+namespace corvo::audit {
+
+namespace {
+
+using Name = const std::string&;
+using State = FoundDirectory::State;
+
+constexpr int NOTHING_TO_REPAIR = 0;
+constexpr int SOMETHING_TO_REPAIR = 1;
+constexpr int NOT_WHOLE = 2;
+
+Tone toneOf(const Item& item) {
+    return item.repair == Repair::none && !item.isExtra ? Tone::problem : Tone::warning;
+}
+
+// "1 mailbox", "1,204 mailboxes".
+std::string counted(std::size_t number, const char* one, const char* many) {
+    return withSeparators(number) + " " + (number == 1 ? one : many);
+}
+
+// What was found so far.
+class Findings {
+public:
+    Findings(Output& output, Progress& progress) : output_(output), progress_(progress) {}
+
+    void print(const Items& items) {
+        for (const Item& item : items)
+            print(item);
+    }
+
+    void print(const Item& item) {
+        progress_.clear();
+        output_.print(objectOf(item), lineOf(item), toneOf(item));
+        ++items_;
+        repairable_ += item.repair == Repair::none ? 0 : 1;
+        extras_ += item.isExtra ? 1 : 0;
+    }
+
+    void countMailbox(bool differs) {
+        ++mailboxes_;
+        differing_ += differs ? 1 : 0;
+    }
+
+    bool isNothing() const { return items_ == 0; }
+    std::size_t mailboxes() const { return mailboxes_; }
+
+    bool finish() {
+        const nlohmann::ordered_json summary = {{"mailboxes", mailboxes_},
+                                                {"differing", differing_},
+                                                {"items", items_},
+                                                {"repairable", repairable_},
+                                                {"extras", extras_}};
+        return output_.finish(summary, summaryLine());
+    }
+
+private:
+    std::string summaryLine() const {
+        const std::string mailboxes = fmt::format(
+            "{} of {} {}", withSeparators(differing_), counted(mailboxes_, "mailbox", "mailboxes"),
+            differing_ == 1 || mailboxes_ == 1 ? "differs" : "differ");
+        return isNothing() ? mailboxes + "." : mailboxes + ": " + itemsText() + ".";
+    }
+
+    std::string itemsText() const {
+        std::string text = counted(items_ - extras_, "item", "items");
+        if (items_ > extras_)
+            text += repairable_ == items_ - extras_ ? ", all repaired by --all"
+                    : repairable_ == 0
+                        ? ", none repaired by --all"
+                        : fmt::format(", {} repaired by --all", withSeparators(repairable_));
+        return extras_ == 0 ? text
+                            : text + fmt::format("; {}", counted(extras_, "extra", "extras"));
+    }
+
+    Output& output_;
+    Progress& progress_;
+    std::size_t mailboxes_ = 0;
+    std::size_t differing_ = 0;
+    std::size_t items_ = 0;
+    std::size_t repairable_ = 0;
+    std::size_t extras_ = 0;
+};
+
+// What the panel says, compared as it is told.
+class Diff {
+public:
+    Diff(const Options& options, Output& output)
+        : options_(options),
+          output_(output),
+          means_(findMeans()),
+          look_(means_, output, options.recount),
+          progress_(options),
+          findings_(output, progress_) {}
+
+    int run() {
+        mysql::Connection connection(/*open_now=*/true);
+        if (options_.extras)
+            extras_.emplace(output_, options_.scope, connection);
+        mail::restore::MailsrvEntitiesCallbacks slots = boundSlots();
+        mail::restore::walkMailServerEntities(slots, connection);
+        leaveDomain();
+        if (extras_)
+            extras_->finish([this](const Item& item) { findings_.print(item); });
+        progress_.clear();
+        tellOfGaps();
+        return status(findings_.finish());
+    }
+
+private:
+    mail::restore::MailsrvEntitiesCallbacks boundSlots() {
+        mail::restore::MailsrvEntitiesCallbacks slots;
+        slots.registerDomain = [this](Name domain, bool) { enterDomain(domain); };
+        slots.registerMailbox = [this](Name domain, Name mailname, bool delivers) {
+            enterMailname(domain, mailname, delivers);
+        };
+        slots.setMailboxQuota = [this](Name, Name, long long quota) {
+            if (mailname_)
+                mailname_->quota = quota;
+        };
+        slots.registerMailRedirect = [this](Name, Name, Name address) {
+            if (mailname_)
+                mailname_->forwards.push_back(address);
+        };
+        if (options_.scope.isAll())
+            slots.enableRejectOverquota = [this](bool reject, bool permanently) {
+                leaveDomain();
+                Items items;
+                lookAtOverquotaRecords(items, output_, reject, permanently);
+                findings_.print(items);
+            };
+        return slots;
+    }
+
+    void enterDomain(Name domain) {
+        leaveDomain();
+        progress_.step();
+        isDomainReachable_ = true;
+        if (extras_)
+            extras_->enterDomain(domain);
+        lookAtRoot(domain);
+    }
+
+    // Where a run cannot make a domain's root, it comes to none of its mailboxes.
+    void lookAtRoot(Name domain) {
+        const bool isMeant = options_.scope.includes(domain);
+        Item item;
+        item.kind = ItemKind::domainRoot;
+        item.domain = domain;
+        item.path = mail::MaildirManager::getInstance().getDomainRoot(domain);
+        item.repair = Repair::all;
+        FoundDirectory root;
+        if (mail::isPathComponent(domain)) {
+            root = findDirectory(AT_FDCWD, item.path.c_str(), means_.domainRoot);
+        } else {
+            root.state = State::blocked;
+            root.reason = "can be the name of no directory";
+        }
+        isDomainReachable_ = root.state == State::there || root.state == State::missing;
+        Items items;
+        addRootItems(items, item, root);
+        if (isMeant)
+            findings_.print(items);
+        if (!isDomainReachable_)
+            output_.omit(item.path + ": " + root.reason + ": the mailboxes of " + domain +
+                         " were not looked at");
+    }
+
+    void addRootItems(Items& items, Item item, const FoundDirectory& root) const {
+        if (root.state == State::there)
+            return addOwnershipItems(items, item, root.differences, root.seen, means_.domainRoot);
+        if (root.state == State::unseen)
+            return;
+        item.reason = root.state == State::missing ? "is missing" : root.reason;
+        if (root.state == State::blocked)
+            item.repair = Repair::none;
+        items.push_back(std::move(item));
+    }
+
+    void enterMailname(Name domain, Name mailname, bool delivers) {
+        leaveMailname();
+        if (extras_)
+            extras_->know(mailname);
+        if (isDomainReachable_ && options_.scope.includes(domain, mailname))
+            mailname_.emplace(PanelMailname{mail::Mailname(domain, mailname), delivers, {}, {}});
+    }
+
+    void leaveMailname() {
+        if (!mailname_)
+            return;
+        const Items items = look_.at(*mailname_);
+        findings_.countMailbox(!items.empty());
+        findings_.print(items);
+        mailname_.reset();
+    }
+
+    void leaveDomain() {
+        leaveMailname();
+        if (extras_)
+            extras_->leaveDomain([this](const Item& item) { findings_.print(item); });
+    }
+
+    void tellOfGaps() {
+        if (const std::size_t reports = mail::restore::reportsOfLastWalk(); reports > 0)
+            output_.omit(fmt::format("the panel database was not read whole: see the {} above",
+                                     counted(reports, "line", "lines")));
+        if (!options_.scope.isAll() && findings_.mailboxes() == 0)
+            output_.omit("no mailbox of the panel is meant by --domain and --mailbox");
+    }
+
+    int status(bool isPrinted) const {
+        if (!isPrinted || !output_.isWhole())
+            return NOT_WHOLE;
+        return findings_.isNothing() ? NOTHING_TO_REPAIR : SOMETHING_TO_REPAIR;
+    }
+
+    const Options& options_;
+    Output& output_;
+    Means means_;
+    MailboxLook look_;
+    Progress progress_;
+    Findings findings_;
+    std::optional<Extras> extras_;
+    bool isDomainReachable_ = true;
+    std::optional<PanelMailname> mailname_;
+};
+
+}  // namespace
+
+int diff(const Options& options, Output& output) {
+    return Diff(options, output).run();
+}
+
+}  // namespace corvo::audit
