@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr const char* LOCK_FOLDER = "/run/lock/files";
 constexpr int EXCLUSIVE_OPEN = O_RDWR | O_CREAT | O_TRUNC;
 
 // What keep_lock was given last, until the process ends.

@@ -9,6 +9,9 @@
 
 #include "utils/guards.h"
 
+/// Where lock files by name are.
+inline constexpr const char* LOCK_FOLDER = "/run/lock/files";
+
 /// A lock, held or not. Made by the mk_ functions only, and given back to rm_lock, free_lock or
 /// keep_lock; see corvo::UniqueLock.
 struct lock_handle {
@@ -21,7 +24,7 @@ struct lock_handle {
 inline constexpr int LOCK_ITSELF = 0;
 inline constexpr int LOCK_BY_NAME = 1;
 
-/// "/run/lock/files/" and the MD5 of `path`, newly allocated; free with free(). Null without
+/// LOCK_FOLDER, "/" and the MD5 of `path`, newly allocated; free with free(). Null without
 /// memory.
 char* mk_flock_path(const char* path) noexcept;
 

@@ -78,8 +78,6 @@ const char* const theVhcConfDefauls[VHC_CONF_COUNT] = {
 
 namespace {
 
-constexpr const char* CONFIGURATION_FILE = "/etc/vhc/vhc.conf";
-
 conf_store* theVhcConfHash = nullptr;         // null until the file has been read
 const char* theVhcConfArray[VHC_CONF_COUNT];  // values found so far; they point into the store
 

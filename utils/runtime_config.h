@@ -7,6 +7,9 @@
 
 #pragma once
 
+/// What is read.
+inline constexpr const char* CONFIGURATION_FILE = "/etc/vhc/vhc.conf";
+
 /// Number of variables; the first and the last are sentinels.
 inline constexpr int VHC_CONF_COUNT = 31;
 

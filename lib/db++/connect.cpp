@@ -25,8 +25,6 @@ using corvo::ErrnoGuard;
 using corvo::UniqueCString;
 using corvo::UniqueFd;
 
-constexpr const char* DSN_FILE = "/etc/vhc/private/dsn.ini";
-constexpr const char* ADMIN_PASSWORD_FILE = "/etc/vhc/.vhc.shadow";
 constexpr const char* SET_NAMES = "set names query";  // as messages call it
 
 struct HandleCloser {
@@ -69,7 +67,7 @@ bool readDsn(Credentials& credentials) noexcept {
                                 {"username", credentials.username},
                                 {"password", credentials.password},
                                 {"dbname", credentials.dbname}};
-    return get_ini_conf_vars(DSN_FILE, "corvo", wanted) == 0 || errno != ENOMEM;
+    return get_ini_conf_vars(DSN_FILE, DSN_SECTION, wanted) == 0 || errno != ENOMEM;
 }
 
 void explainNoMemory(const Failure& failure) noexcept {

@@ -1,5 +1,5 @@
-// Connecting with the panel's own credentials: /etc/vhc/private/dsn.ini, /etc/vhc/.vhc.shadow and
-// the configured socket.
+// Connecting with the panel's own credentials: the DSN file, the admin password file and the
+// configured socket.
 //
 // Each function returns a handle (the caller closes it with mysql_close), or null with the reason
 // as text in `errbuf` of `size` bytes, cut to fit. When a system call failed errno is that call's,
@@ -15,6 +15,11 @@
 #include <cstddef>
 
 struct st_mysql;
+
+/// Where the credentials are.
+inline constexpr const char* DSN_FILE = "/etc/vhc/private/dsn.ini";
+inline constexpr const char* DSN_SECTION = "corvo";
+inline constexpr const char* ADMIN_PASSWORD_FILE = "/etc/vhc/.vhc.shadow";
 
 /// Reads the credentials and connects.
 st_mysql* corvo_db_connect_raw_ex(char* errbuf, std::size_t size) noexcept;

@@ -20,19 +20,17 @@ namespace {
 
 namespace safe_path = corvo::safe_path;
 
-constexpr const char* DEFAULT_DELIVERY = "/var/qmail/mailnames/.default_delivery";
-
 // In bytes. The file belongs to popuser, who must not make this program read without end.
 constexpr std::size_t MAX_LINE = 65536;
 
 // Opens the file: none, with errno, unless it has content that is popuser's to see.
 corvo::UniqueFd openWithContent() noexcept {
     struct stat seen = {};
-    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, DEFAULT_DELIVERY, O_RDONLY, 0, seen);
+    corvo::UniqueFd file = safe_path::openFile(AT_FDCWD, DEFAULT_DELIVERY_FILE, O_RDONLY, 0, seen);
     if (!file)
         return file;
     // The first line goes into files that popuser may read.
-    const bool foreign = safe_path::isForeignHardLink(AT_FDCWD, DEFAULT_DELIVERY, seen);
+    const bool foreign = safe_path::isForeignHardLink(AT_FDCWD, DEFAULT_DELIVERY_FILE, seen);
     if (!foreign && seen.st_size > 0)
         return file;
     file.reset();
@@ -48,10 +46,10 @@ bool isNoUsableFile(int error) noexcept {
 void logNotOpened(int error) noexcept {
     if (isNoUsableFile(error))
         corvo::Log().line(LOG_ERR, "Unable to get default delivery transport string from %s\n",
-                          DEFAULT_DELIVERY);
+                          DEFAULT_DELIVERY_FILE);
     else
         corvo::Log().line(LOG_ERR, "Unable to open default delivery config file(%s): %s\n",
-                          DEFAULT_DELIVERY, std::strerror(error));
+                          DEFAULT_DELIVERY_FILE, std::strerror(error));
 }
 
 // 0, or -1 with errno, for a line of `length` bytes that was read to `line`.
@@ -98,10 +96,10 @@ int get_default_delivery_string(char** line) noexcept {
 
 int set_default_delivery_string(const char* line) noexcept {
     // Private before anything is in it.
-    if (create_empty_file(DEFAULT_DELIVERY) != 0 ||
-        file_set_user_mode(DEFAULT_DELIVERY, POPUSER, 0600) != 0)
+    if (create_empty_file(DEFAULT_DELIVERY_FILE) != 0 ||
+        file_set_user_mode(DEFAULT_DELIVERY_FILE, POPUSER, 0600) != 0)
         return -1;
-    return write_text_file(DEFAULT_DELIVERY, line);
+    return write_text_file(DEFAULT_DELIVERY_FILE, line);
 }
 
 namespace corvo::mail {
@@ -117,7 +115,7 @@ DefaultDelivery readDefaultDelivery() noexcept {
 
 void reportMissingLine(const DefaultDelivery& missing) noexcept {
     if (missing.isOpened)
-        Log().line(LOG_ERR, "Unable to read line from file: %s: %s\n", DEFAULT_DELIVERY,
+        Log().line(LOG_ERR, "Unable to read line from file: %s: %s\n", DEFAULT_DELIVERY_FILE,
                    std::strerror(missing.error));
     else
         logNotOpened(missing.error);

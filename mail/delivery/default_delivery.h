@@ -1,4 +1,4 @@
-// The server-wide delivery line: the first line of "/var/qmail/mailnames/.default_delivery".
+// The server-wide delivery line: the first line of DEFAULT_DELIVERY_FILE.
 //
 // Functions return 0, or -1 with the errno of what failed; the reason has then been logged once, at
 // priority 3 or by the helpers of utils/files.h. None throws.
@@ -6,6 +6,9 @@
 #pragma once
 
 #include "utils/guards.h"
+
+/// Where it is, wherever the mail names root may be.
+inline constexpr const char* DEFAULT_DELIVERY_FILE = "/var/qmail/mailnames/.default_delivery";
 
 /// The line without its line end, newly allocated; free with free(). The file must be a regular
 /// one that is not empty (EINVAL), and no foreign hard link (EPERM, see utils/safe_path.h); the

@@ -9,17 +9,8 @@
 namespace {
 
 using corvo::mail::AgentSearch;
-
-struct DeliveryAgent {
-    int kind;
-    const char* path;
-};
-
-// In the order of preference.
-constexpr DeliveryAgent DELIVERY_AGENTS[] = {
-    {DELIVERY_AGENT_DELIVERQUOTA, "/usr/bin/deliverquota"},
-    {DELIVERY_AGENT_DOVECOT, "/usr/libexec/dovecot/dovecot-lda"},
-};
+using corvo::mail::DELIVERY_AGENTS;
+using corvo::mail::DeliveryAgent;
 
 bool isExecutable(const struct stat& file) noexcept {
     return S_ISREG(file.st_mode) && (file.st_mode & 0111) != 0;
@@ -49,6 +40,11 @@ int detectImapPop3Server() noexcept {
 }
 
 namespace corvo::mail {
+
+bool isInstalled(const DeliveryAgent& agent) noexcept {
+    struct stat file = {};
+    return ::stat(agent.path, &file) == 0 && isExecutable(file);  // a root-owned path
+}
 
 AgentSearch searchDeliveryAgent() noexcept {
     if (detectedImapPop3Server != DELIVERY_AGENT_UNKNOWN)

@@ -17,6 +17,20 @@ int detectImapPop3Server() noexcept;
 
 namespace corvo::mail {
 
+struct DeliveryAgent {
+    int kind;  // as detectImapPop3Server tells
+    const char* path;
+};
+
+/// All that there are, in the order of preference.
+inline constexpr DeliveryAgent DELIVERY_AGENTS[] = {
+    {DELIVERY_AGENT_DELIVERQUOTA, "/usr/bin/deliverquota"},
+    {DELIVERY_AGENT_DOVECOT, "/usr/libexec/dovecot/dovecot-lda"},
+};
+
+/// Whether there is an executable file in its place; links are followed. Logs nothing.
+[[nodiscard]] bool isInstalled(const DeliveryAgent& agent) noexcept;
+
 /// What a look for the delivery agent came to.
 struct AgentSearch {
     int kind;              // as detectImapPop3Server tells
