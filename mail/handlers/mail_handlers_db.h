@@ -23,6 +23,13 @@ struct sqlite3;
 /// Where the database is; "/var/lib/corvo/mail/handlers/handlers.db" at first.
 extern char mh_db_path[PATH_MAX];
 
+/// A statement that can be prepared, and need not be run, where the table is as these functions
+/// need it: its columns and its key.
+inline constexpr const char* MH_DB_PROBE =
+    "INSERT INTO handlers (priority, name, type, address, queue, executable, context, protected, "
+    "enabled) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?) "
+    "ON CONFLICT (queue, type, name, address) DO NOTHING";
+
 /// Copies `path` into mh_db_path and returns that; null (ENAMETOOLONG) when it does not fit.
 char* mh_db_path_set(const char* path) noexcept;
 

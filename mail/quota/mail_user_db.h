@@ -18,6 +18,12 @@ namespace corvo::mail {
 /// The mail server's own file.
 inline constexpr const char* MAIL_USER_DB = "/var/lib/corvo/mail/userdb/userdb.db";
 
+/// A statement that can be prepared, and need not be run, where the table is as operations need it:
+/// its columns and its key.
+inline constexpr const char* MAIL_USER_DB_PROBE =
+    "INSERT INTO mailbox_quota (domain_name, mailbox_name, quota) VALUES (?, ?, ?) "
+    "ON CONFLICT (domain_name, mailbox_name) DO NOTHING";
+
 /// A mailbox's quota in userdbStoreMboxesQuotas.
 struct MailQuota {
     std::string mailboxName;

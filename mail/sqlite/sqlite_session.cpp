@@ -165,6 +165,10 @@ bool SqliteSession::execute(const char* script, SqliteText& error) const noexcep
     return repeatWhileBusy(attempt, rollBack) == SQLITE_OK;
 }
 
+const char* SqliteSession::error() const noexcept {
+    return sqlite3_errmsg(database_);
+}
+
 SqliteStatement::SqliteStatement(const SqliteSession& session, const char* sql,
                                  SqliteUse use) noexcept
     : use_(use) {

@@ -72,6 +72,9 @@ public:
     /// holds SQLite's text, or null when it has none. The session is open.
     [[nodiscard]] bool execute(const char* script, SqliteText& error) const noexcept;
 
+    /// Why the last call failed; valid until the next one. The session is open.
+    const char* error() const noexcept;
+
 private:
     void open(const char* path, SqliteAccess access, SqliteUse use) noexcept;
 
