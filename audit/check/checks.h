@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "audit/check/check.h"
 #include "lib/db++/connection.h"
@@ -16,8 +17,14 @@ void checkAccount(const CheckSink& sink);
 /// The configuration file, and what it says of the mail names root.
 void checkConfiguration(const CheckSink& sink);
 
+/// What is said of this mail names root, whether it is there or not.
+void checkRootSetting(const CheckSink& sink, const std::string& root);
+
 /// The files with the panel database's credentials, and the server's socket.
 void checkCredentials(const CheckSink& sink);
+
+/// The socket of a database server on this machine.
+void checkSocket(const CheckSink& sink, const std::string& path);
 
 /// Connects; null after a problem.
 std::unique_ptr<mysql::Connection> checkConnection(const CheckSink& sink);

@@ -31,8 +31,10 @@ void checkFile(const Subject& configuration) {
         configuration.ok(path);
 }
 
-void checkRootSetting(const Subject& setting) {
-    const std::string root = vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D);
+}  // namespace
+
+void checkRootSetting(const CheckSink& sink, const std::string& root) {
+    const Subject setting(sink, "mail names root setting");
     if (!root.starts_with('/'))
         setting.problem("CORVO_MAILNAMES_D is no absolute path: " + root,
                         "write the whole path into " + std::string(CONFIGURATION_FILE));
@@ -43,11 +45,9 @@ void checkRootSetting(const Subject& setting) {
         setting.ok(root);
 }
 
-}  // namespace
-
 void checkConfiguration(const CheckSink& sink) {
     checkFile(Subject(sink, "configuration"));
-    checkRootSetting(Subject(sink, "mail names root setting"));
+    checkRootSetting(sink, vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D));
 }
 
 }  // namespace corvo::audit

@@ -65,8 +65,10 @@ bool isServerLocal(bool canAskDsn) {
     return !host || std::strcmp(host.get(), "localhost") == 0;
 }
 
-void checkSocket(const Subject& socket) {
-    const std::string path = vhcConfGetDefaultByIndex(MYSQL_SOCKET);
+}  // namespace
+
+void checkSocket(const CheckSink& sink, const std::string& path) {
+    const Subject socket(sink, "database socket");
     const std::string advice =
         "start the database server, or write the path of its socket as "
         "MYSQL_SOCKET into " +
@@ -80,13 +82,11 @@ void checkSocket(const Subject& socket) {
         socket.ok(path);
 }
 
-}  // namespace
-
 void checkCredentials(const CheckSink& sink) {
     const bool canAskDsn = checkDsn(Subject(sink, "credentials"));
     checkPassword(Subject(sink, "password"), canAskDsn);
     if (isServerLocal(canAskDsn))
-        checkSocket(Subject(sink, "database socket"));
+        checkSocket(sink, vhcConfGetDefaultByIndex(MYSQL_SOCKET));
     else
         Subject(sink, "database socket").ok("not used: the server is reached over the network");
 }

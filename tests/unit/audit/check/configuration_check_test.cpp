@@ -13,10 +13,13 @@ const std::string FILE_PATH = "/etc/vhc/vhc.conf";
 
 class ConfigurationCheckTest : public CheckTest {
 protected:
-    static std::string resultsWith(const std::string& contents, uid_t owner = 0,
-                                   mode_t mode = 0644) {
+    static std::string ofFile(const std::string& contents, uid_t owner, mode_t mode) {
         writeFile(FILE_PATH, contents, owner, 0, mode);
-        return resultsInChild(audit::checkConfiguration, [] {});
+        return resultsOf(audit::checkConfiguration).at(0);
+    }
+
+    static Results ofRoot(const std::string& root) {
+        return resultsOf([&](const auto& sink) { audit::checkRootSetting(sink, root); });
     }
 };
 
@@ -29,34 +32,32 @@ TEST_F(ConfigurationCheckTest, WithoutTheFileTheDefaultsAreTaken) {
 }
 
 TEST_F(ConfigurationCheckTest, SaysWhichRootIsSet) {
-    EXPECT_EQ(resultsWith("CORVO_MAILNAMES_D /srv/mail\n"),
-              "ok|configuration|/etc/vhc/vhc.conf|\n"
-              "ok|mail names root setting|/srv/mail|\n");
+    EXPECT_THAT(ofRoot("/srv/mail"), ElementsAre("ok|mail names root setting|/srv/mail|"));
 }
 
 TEST_F(ConfigurationCheckTest, CapitalsInTheRootAreWarnedOf) {
-    EXPECT_EQ(resultsWith("CORVO_MAILNAMES_D /srv/Mail\n"),
-              "ok|configuration|/etc/vhc/vhc.conf|\n"
-              "warning|mail names root setting|/srv/Mail has capitals: maildirsize is looked for "
-              "in lower case|use a root without capitals\n");
+    EXPECT_THAT(ofRoot("/srv/Mail"),
+                ElementsAre("warning|mail names root setting|/srv/Mail has capitals: maildirsize "
+                            "is looked for in lower case|use a root without capitals"));
 }
 
 TEST_F(ConfigurationCheckTest, ARootThatIsNoAbsolutePathIsAProblem) {
-    EXPECT_EQ(resultsWith("CORVO_MAILNAMES_D mail\n"),
-              "ok|configuration|/etc/vhc/vhc.conf|\n"
-              "problem|mail names root setting|CORVO_MAILNAMES_D is no absolute path: mail|"
-              "write the whole path into /etc/vhc/vhc.conf\n");
+    EXPECT_THAT(ofRoot("mail"),
+                ElementsAre("problem|mail names root setting|CORVO_MAILNAMES_D is no absolute "
+                            "path: mail|write the whole path into /etc/vhc/vhc.conf"));
+}
+
+TEST_F(ConfigurationCheckTest, AFileThatRootAloneMayChangeIsRight) {
+    EXPECT_EQ(ofFile("", 0, 0664), "ok|configuration|/etc/vhc/vhc.conf|");
 }
 
 TEST_F(ConfigurationCheckTest, AFileThatOthersMayChangeIsAProblem) {
-    const std::string advice =
-        "|chown root /etc/vhc/vhc.conf; chmod go-w /etc/vhc/vhc.conf\n"
-        "ok|mail names root setting|/var/qmail/mailnames|\n";
+    const std::string advice = "|chown root /etc/vhc/vhc.conf; chmod go-w /etc/vhc/vhc.conf";
     EXPECT_EQ(
-        resultsWith("", POPUSER_UID),
+        ofFile("", POPUSER_UID, 0644),
         "problem|configuration|/etc/vhc/vhc.conf can be changed by others: 1031:0 0644" + advice);
     EXPECT_EQ(
-        resultsWith("", 0, 0646),
+        ofFile("", 0, 0646),
         "problem|configuration|/etc/vhc/vhc.conf can be changed by others: 0:0 0646" + advice);
 }
 
