@@ -206,7 +206,7 @@ const Company HANDLERS_ONLY = {{"--fast", "--fast"}, 60};
 
 /// Runs that only meet each other fail in nothing: all is restored when the last has ended.
 void meetings(Points& points, const Selection& selection, Start start, const Company& company) {
-    constexpr Expectation ALL_RESTORED = {.passes = true};
+    const Expectation ALL_RESTORED = {.passes = true};
     const bool hasAllRounds = selection.full || !selection.only.empty();
     const unsigned rounds = hasAllRounds ? company.rounds : QUICK_ROUNDS;
     for (unsigned round = 0; round < rounds; ++round)
