@@ -8,8 +8,8 @@ namespace corvo::audit {
 void checkMachine(const CheckSink& sink) {
     checkAccount(sink);
     checkConfiguration(sink);
-    checkCredentials(sink);
-    const auto panel = checkConnection(sink);
+    const bool areCredentialsKnown = checkCredentials(sink);
+    const auto panel = checkConnection(sink, areCredentialsKnown);
     if (panel)
         checkPanel(sink, *panel);
     checkDelivery(sink);

@@ -24,10 +24,10 @@ struct CheckResult {
 using CheckSink = std::function<void(const CheckResult&)>;
 
 /// Looks at everything in a fixed order and hands out each result as it is found, at least one for
-/// each subject. Changes nothing and takes no lock. Needs no rights, and says what could not be
-/// read; what is found is never thrown, but running out of memory is, and what the sink throws. The
-/// panel database is asked over one connection. Nothing is logged at a priority that is printed
-/// by default. Call safe_path::setStorageOwner before.
+/// each subject. Changes nothing, prints nothing, and takes no lock but SQLite's for one read.
+/// Needs no rights, and says what could not be read. What is found is never thrown; running out of
+/// memory is, and what the sink throws. The panel database is asked over one connection. Call
+/// safe_path::setStorageOwner before.
 void checkMachine(const CheckSink& sink);
 
 }  // namespace corvo::audit

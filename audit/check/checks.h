@@ -20,14 +20,15 @@ void checkConfiguration(const CheckSink& sink);
 /// What is said of this mail names root, whether it is there or not.
 void checkRootSetting(const CheckSink& sink, const std::string& root);
 
-/// The files with the panel database's credentials, and the server's socket.
-void checkCredentials(const CheckSink& sink);
+/// The files with the panel database's credentials, and the server's socket. False where they
+/// cannot be read: who connects all the same is told so on standard error, and takes others.
+bool checkCredentials(const CheckSink& sink);
 
 /// The socket of a database server on this machine.
 void checkSocket(const CheckSink& sink, const std::string& path);
 
-/// Connects; null after a problem.
-std::unique_ptr<mysql::Connection> checkConnection(const CheckSink& sink);
+/// Connects, where that may be tried; null after a problem.
+std::unique_ptr<mysql::Connection> checkConnection(const CheckSink& sink, bool mayTry);
 
 /// The server, the tables and columns that are read, and how many mail domains and mail names there
 /// are.

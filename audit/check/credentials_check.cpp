@@ -33,8 +33,8 @@ void judgeSecret(const Subject& secret, const std::string& path, const LookedAt&
         secret.ok(path);
 }
 
-// Whether the file may be asked for its values: it can be read, or is not there.
-bool checkDsn(const Subject& dsn) {
+// What came of the look at the file: its errno, or 0 where it may be asked for its values.
+int checkDsn(const Subject& dsn) {
     const std::string path = DSN_FILE;
     const LookedAt found = lookAtFile(path);
     if (found.error == 0)
@@ -45,7 +45,7 @@ bool checkDsn(const Subject& dsn) {
             "write host, username and dbname into it, below [" + std::string(DSN_SECTION) + "]");
     else
         dsn.unreadable(path, found.error);
-    return found.error == 0;
+    return found.error;
 }
 
 void checkPassword(const Subject& password, bool canAskDsn) {
@@ -82,13 +82,14 @@ void checkSocket(const CheckSink& sink, const std::string& path) {
         socket.ok(path);
 }
 
-void checkCredentials(const CheckSink& sink) {
-    const bool canAskDsn = checkDsn(Subject(sink, "credentials"));
-    checkPassword(Subject(sink, "password"), canAskDsn);
-    if (isServerLocal(canAskDsn))
+bool checkCredentials(const CheckSink& sink) {
+    const int error = checkDsn(Subject(sink, "credentials"));
+    checkPassword(Subject(sink, "password"), error == 0);
+    if (isServerLocal(error == 0))
         checkSocket(sink, vhcConfGetDefaultByIndex(MYSQL_SOCKET));
     else
         Subject(sink, "database socket").ok("not used: the server is reached over the network");
+    return error == 0 || error == ENOENT;
 }
 
 }  // namespace corvo::audit

@@ -29,6 +29,10 @@ using mail::SqliteStatement;
 using mail::SqliteStep;
 using mail::SqliteUse;
 
+// A lock that came just now would be taken for damage.
+constexpr const char* REBUILDING =
+    "unless somebody is at work on it now, move it away and rebuild it";
+
 // A table and the index of its key.
 constexpr int OBJECTS_OF_THE_USER_DATABASE = 2;
 
@@ -93,7 +97,7 @@ std::string objectionTo(const SqliteSession& session, const char* statement) {
 bool judgeSchema(const Subject& subject, const Database& database, const SqliteSession& session) {
     const std::string objection = objectionTo(session, database.probe);
     if (!objection.empty())
-        subject.problem(objection, "move it away and rebuild it");
+        subject.problem(objection, REBUILDING);
     return objection.empty();
 }
 
@@ -124,7 +128,7 @@ bool judgeFolder(const Subject& subject, const Database& database) {
 bool judgeSize(const Subject& subject, const Database& database, const SqliteSession& session) {
     SqliteStatement count(session, "SELECT COUNT(*) FROM sqlite_master", SqliteUse::look);
     if (!count || count.step() != SqliteStep::row) {
-        subject.problem(session.error(), "check again");
+        subject.problem(session.error(), REBUILDING);
         return false;
     }
     const int objects = count.integer(0);
@@ -132,7 +136,7 @@ bool judgeSize(const Subject& subject, const Database& database, const SqliteSes
         return true;
     subject.warning("holds " + std::to_string(objects) + " tables and indexes in place of " +
                         std::to_string(OBJECTS_OF_THE_USER_DATABASE),
-                    "move it away and rebuild it");
+                    REBUILDING);
     return false;
 }
 

@@ -52,13 +52,17 @@ void checkContents(const Subject& contents, mysql::Connection& panel) {
 
 }  // namespace
 
-std::unique_ptr<mysql::Connection> checkConnection(const CheckSink& sink) {
+std::unique_ptr<mysql::Connection> checkConnection(const CheckSink& sink, bool mayTry) {
+    const Subject database(sink, "panel database");
+    if (!mayTry) {
+        database.problem("not asked, without its credentials", "check as a user who may read them");
+        return nullptr;
+    }
     db_connect_failure failure;
     st_mysql* const handle = corvo_db_attempt(failure);
     if (handle != nullptr)
         return std::make_unique<mysql::Connection>(handle, /*closesIt=*/true);
-    Subject(sink, "panel database")
-        .problem(failure.reason, "see to the server, its socket and the credentials");
+    database.problem(failure.reason, "see to the server, its socket and the credentials");
     return nullptr;
 }
 

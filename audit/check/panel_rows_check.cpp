@@ -37,9 +37,10 @@ std::string ofMailnames(const std::string& columns, const std::string& rest) {
     return ofDomains(columns, WALKED_MAILNAMES + rest);
 }
 
-// Whatever may be no number of 64 bits.
+// Whatever may be no number of 64 bits. The expression lets a line end at the end pass.
 std::string mayBeNoNumber(const std::string& column) {
-    return "(" + column + " IS NULL OR " + column + " NOT REGEXP '^[-+]?[0-9]{1,18}$')";
+    return "(" + column + " IS NULL OR " + column + " NOT REGEXP '^[-+]?[0-9]{1,18}$' OR LOCATE(" +
+           "CHAR(10), " + column + ") > 0)";
 }
 
 // Whatever may be no name of a directory.
@@ -179,7 +180,7 @@ const RowCheck ROW_CHECKS[] = {
      ofDomains(DOMAIN, "WHERE LENGTH(CONVERT(d.name USING utf8mb4)) <> CHAR_LENGTH(d.name)"),
      always, Verdict::warning,
      [](const Row& row) {
-         return domainOf(row) + ": quota files are looked for under its ASCII form, in vain";
+         return domainOf(row) + ": quotas are not restored, for it is not in its ASCII form";
      },
      "give the domain its ASCII form in the panel"},
 
@@ -197,8 +198,7 @@ const RowCheck ROW_CHECKS[] = {
      isNoNumber, Verdict::warning,
      [](const Row& row) {
          return addressOf(row) + ": " + valueOf(row) +
-                " is no number, and the domain's default "
-                "is taken";
+                " is no number, and the domain's default is taken";
      },
      "set its quota in the panel"},
 

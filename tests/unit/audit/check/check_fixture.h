@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -58,15 +59,14 @@ protected:
         return results;
     }
 
-    /// In a process of its own, for what a process reads once only; `prepare` goes first.
-    static std::string resultsInChild(const Check& check, const std::function<void()>& prepare) {
+    /// In a process of its own, which `prepare` makes another's.
+    static ProcessResult resultsInChild(const Check& check, const std::function<void()>& prepare) {
         return runForked([&] {
-                   prepare();
-                   for (const std::string& result : resultsOf(check))
-                       std::printf("%s\n", result.c_str());
-                   std::fflush(stdout);
-               })
-            .out;
+            prepare();
+            for (const std::string& result : resultsOf(check))
+                std::printf("%s\n", result.c_str());
+            std::fflush(stdout);
+        });
     }
 };
 

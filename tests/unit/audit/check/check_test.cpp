@@ -16,6 +16,7 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 class CheckMachineTest : public CheckTest {
@@ -92,17 +93,22 @@ TEST_F(CheckMachineTest, NothingIsChanged) {
 }
 
 TEST_F(CheckMachineTest, AUserWithoutRightsIsToldWhatCouldNotBeRead) {
-    const std::string result = resultsInChild(audit::checkMachine, [] {
+    const ProcessResult child = resultsInChild(audit::checkMachine, [] {
         if (::setresgid(STRANGER_GID, STRANGER_GID, STRANGER_GID) != 0 ||
             ::setresuid(STRANGER_UID, STRANGER_UID, STRANGER_UID) != 0)
             ::_exit(1);
     });
     const std::string advice = "|look at it by hand, or check as a user who may read it\n";
-    for (const std::string& problem :
-         {"problem|credentials|/etc/vhc/private/dsn.ini: Permission denied" + advice,
-          "problem|password|/etc/vhc/.vhc.shadow: Permission denied" + advice,
-          "problem|handlers database|" + HANDLERS + ": Permission denied" + advice})
-        EXPECT_NE(result.find(problem), std::string::npos) << problem << result;
+    const Results problems = {
+        "problem|credentials|/etc/vhc/private/dsn.ini: Permission denied" + advice,
+        "problem|password|/etc/vhc/.vhc.shadow: Permission denied" + advice,
+        "problem|panel database|not asked, without its credentials|check as a user who may read "
+        "them\n",
+        "problem|handlers database|" + HANDLERS + ": Permission denied" + advice};
+    for (const std::string& problem : problems)
+        EXPECT_THAT(child.out, HasSubstr(problem));
+    EXPECT_EQ(child.err, "");
+    EXPECT_EQ(child.status, 0);
 }
 
 }  // namespace

@@ -68,8 +68,9 @@ TEST_F(LocalDatabaseCheckTest, MissingTablesColumnsAndKeysAreProblems) {
     };
     for (const auto& [script, objection] : scripts) {
         sqliteExecute(USERDB, script);
-        EXPECT_EQ(ofUserDatabase(), "problem|user database|" + std::string(objection) +
-                                        "|move it away and rebuild it")
+        EXPECT_EQ(ofUserDatabase(),
+                  "problem|user database|" + std::string(objection) +
+                      "|unless somebody is at work on it now, move it away and rebuild it")
             << script;
         resetSandbox();
         installMailServer();
@@ -80,14 +81,15 @@ TEST_F(LocalDatabaseCheckTest, WhatTheHandlersNeedIsLookedFor) {
     sqliteExecute(HANDLERS, "ALTER TABLE handlers RENAME context TO other");
     EXPECT_EQ(ofHandlers(),
               "problem|handlers database|table handlers has no column named context|"
-              "move it away and rebuild it");
+              "unless somebody is at work on it now, move it away and rebuild it");
 }
 
 TEST_F(LocalDatabaseCheckTest, WhatIsNoDatabaseIsAProblem) {
     writeFile(USERDB, "no database, but long enough to be looked at as one", POPUSER_UID,
               POPUSER_GID, 0644);
     EXPECT_EQ(ofUserDatabase(),
-              "problem|user database|file is not a database|move it away and rebuild it");
+              "problem|user database|file is not a database|unless somebody is at work on it now, "
+              "move it away and rebuild it");
 }
 
 TEST_F(LocalDatabaseCheckTest, OwnersAndModesAreLookedAt) {
@@ -152,8 +154,8 @@ TEST_F(LocalDatabaseCheckTest, FurtherTablesOfTheUserDatabaseAreWarnedOf) {
     sqliteExecute(USERDB, "CREATE TABLE other (x)");
     sqliteExecute(HANDLERS, "CREATE TABLE other (x)");
     EXPECT_THAT(resultsOf(audit::checkLocalDatabases),
-                ElementsAre("warning|user database|holds 3 tables and indexes in place of 2|move "
-                            "it away and rebuild it",
+                ElementsAre("warning|user database|holds 3 tables and indexes in place of 2|unless "
+                            "somebody is at work on it now, move it away and rebuild it",
                             HANDLERS_ARE_RIGHT));
 }
 

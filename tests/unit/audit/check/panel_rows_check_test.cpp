@@ -55,8 +55,13 @@ TEST_F(PanelRowsCheckTest, EachKindOfRowIsOkWhereNoneIsAtFault) {
 TEST_F(PanelRowsCheckTest, AStatusThatIsNoNumberIsAProblem) {
     panel.execute("ALTER TABLE DomainServices MODIFY status TEXT");
     const std::pair<const char*, const char*> texts[] = {
-        {"NULL", "NULL"}, {"''", "''"},       {"'off'", "'off'"},
-        {"'1 '", "'1 '"}, {"'0x1'", "'0x1'"}, {"'9223372036854775808'", "'9223372036854775808'"},
+        {"NULL", "NULL"},
+        {"'1\n'", "'1\n'"},
+        {"''", "''"},
+        {"'off'", "'off'"},
+        {"'1 '", "'1 '"},
+        {"'0x1'", "'0x1'"},
+        {"'9223372036854775808'", "'9223372036854775808'"},
     };
     panel.domain("Example.com");
     for (const auto& [value, shown] : texts) {
@@ -158,8 +163,8 @@ TEST_F(PanelRowsCheckTest, CharactersThatDoNotComeThroughAreNamed) {
 TEST_F(PanelRowsCheckTest, DomainsInOtherLettersAreNamed) {
     panel.domain("bücher.example");
     EXPECT_THAT(faults(),
-                ElementsAre("warning|domains in other letters|bücher.example: quota files are "
-                            "looked for under its ASCII form, in vain|give the domain its ASCII "
+                ElementsAre("warning|domains in other letters|bücher.example: quotas are not "
+                            "restored, for it is not in its ASCII form|give the domain its ASCII "
                             "form in the panel"));
 }
 
