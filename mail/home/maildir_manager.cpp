@@ -141,8 +141,8 @@ Ownership MaildirManager::homeOwnership() const noexcept {
 void MaildirManager::createDomainRoot(const std::string& domain) {
     const fs::path root = getDomainRoot(domain);
     require(isPathComponent(domain), CANNOT_CREATE, root);
-    const UmaskGuard ownerOnly(CREATION_UMASK);
-    makeTop(root, domainRootOwnership());
+    CreationUmask ownerOnly;
+    makeTop(root, domainRootOwnership(), ownerOnly);
 }
 
 void MaildirManager::createMailnameHome(const std::string& domain, const std::string& mailname) {
@@ -152,23 +152,29 @@ void MaildirManager::createMailnameHome(const std::string& domain, const std::st
 void MaildirManager::createMailnameHome(const Mailname& mailname) {
     const fs::path& home = mailname.home();
     require(mailname.isSound(), CANNOT_CREATE, home);
-    const UmaskGuard ownerOnly(CREATION_UMASK);
+    CreationUmask ownerOnly;
     // The home, then the directory seen to last at each level below it: the next one's parent.
     std::array<Level, SKELETON_LEVELS + 1> levels;
-    levels[0] = makeTop(home, homeOwnership());
+    levels[0] = makeTop(home, homeOwnership(), ownerOnly);
     const int top = levels[0].directory.get();
     for (const SkeletonEntry& entry : SKELETON) {
         Level& parent = levels.at(entry.depth);
         levels.at(entry.depth + 1) = !parent.isNew && isRight(top, entry)
                                          ? Level{.path = entry.path}
-                                         : makeEntry(top, parent, home, entry);
+                                         : makeEntry(top, parent, home, entry, ownerOnly);
     }
 }
 
 // Makes a domain root or a home with its missing parents and opens it.
-MaildirManager::Level MaildirManager::makeTop(const fs::path& path, const Ownership& wanted) const {
+MaildirManager::Level MaildirManager::makeTop(const fs::path& path, const Ownership& wanted,
+                                              CreationUmask& ownerOnly) const {
     Level top;
-    top.directory = safe_path::makeDirectories(AT_FDCWD, path.c_str(), CREATION_MODE, &top.isNew);
+    top.directory = safe_path::openDirectory(AT_FDCWD, path.c_str());
+    if (!top.directory && errno == ENOENT) {
+        ownerOnly.emplace(CREATION_UMASK);
+        top.directory =
+            safe_path::makeDirectories(AT_FDCWD, path.c_str(), CREATION_MODE, &top.isNew);
+    }
     if (!top.directory) {
         const int error = errno;
         throw fs::filesystem_error(CANNOT_CREATE, path, codeOf(error));
@@ -188,7 +194,10 @@ bool MaildirManager::isRight(int home, const SkeletonEntry& entry) const {
 // Makes an entry of the skeleton, or takes over what is there, and keeps it open. Its parent is
 // opened now where it was right itself.
 MaildirManager::Level MaildirManager::makeEntry(int home, Level& parent, const fs::path& homePath,
-                                                const SkeletonEntry& entry) const {
+                                                const SkeletonEntry& entry,
+                                                CreationUmask& ownerOnly) const {
+    if (!ownerOnly)
+        ownerOnly.emplace(CREATION_UMASK);
     if (!parent.directory)
         parent.directory = safe_path::openDirectory(home, parent.path);
     Level level{.path = entry.path};

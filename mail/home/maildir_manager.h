@@ -14,6 +14,7 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -83,10 +84,14 @@ private:
         const char* path = nullptr;  // of an entry: below the home
     };
 
-    Level makeTop(const std::filesystem::path& path, const Ownership& wanted) const;
+    // While directories are made, nobody else gets into them; set when the first is to be made.
+    using CreationUmask = std::optional<UmaskGuard>;
+
+    Level makeTop(const std::filesystem::path& path, const Ownership& wanted,
+                  CreationUmask& ownerOnly) const;
     bool isRight(int home, const SkeletonEntry& entry) const;
     Level makeEntry(int home, Level& parent, const std::filesystem::path& homePath,
-                    const SkeletonEntry& entry) const;
+                    const SkeletonEntry& entry, CreationUmask& ownerOnly) const;
     void takeOver(int directory, const Ownership& wanted, const std::filesystem::path& top,
                   std::string_view entry = {}) const;
 

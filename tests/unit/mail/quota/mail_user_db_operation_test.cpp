@@ -34,7 +34,8 @@ void PrintTo(const WritingOperation& operation, std::ostream* stream) {
 const WritingOperation OPERATIONS[] = {
     {"store", [](const auto& db) { return db.userdbStoreMboxQuota("Example.com", "Info", 5); },
      REPLACE, "Unable to set quota for 'Info@Example.com': ",
-     "SELECT quota = ?3 FROM mailbox_quota WHERE domain_name = ?1 AND mailbox_name = ?2"},
+     "SELECT quota = ?3, substr(quota, 1, 64) FROM mailbox_quota WHERE domain_name = ?1 AND "
+     "mailbox_name = ?2"},
     {"bulk",
      [](const auto& db) {
          return db.userdbStoreMboxesQuotas("Example.com", {{"Info", 5}}, 0);
