@@ -1,18 +1,13 @@
 #include "audit/databases.h"
 
-#include <fcntl.h>
-
-#include <array>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 #include <span>
 
 #include "mail/handlers/check_quota_records.h"
 #include "mail/handlers/mail_handlers_db.h"
 #include "mail/quota/mail_user_db.h"
-#include "utils/files.h"
-#include "utils/safe_path.h"
+#include "mail/sqlite/sqlite_state.h"
 
 namespace corvo::audit {
 
@@ -25,11 +20,6 @@ using mail::SqliteStatement;
 using mail::SqliteStep;
 using mail::SqliteUse;
 
-// The byte of a database's header that tells how it is read, and the value of those that are read
-// through a write-ahead log.
-constexpr std::size_t READ_VERSION = 19;
-constexpr char THROUGH_LOG = 2;
-
 const char* describe(const RowDifferences& differences) {
     return differences.missing ? "has no row for it" : "has another quota";
 }
@@ -37,14 +27,10 @@ const char* describe(const RowDifferences& differences) {
 }  // namespace
 
 std::optional<std::string> objectionToReading(const std::string& path) {
-    const UniqueFd file = safe_path::openFile(AT_FDCWD, path.c_str(), O_RDONLY);
-    if (!file)
+    mail::SqliteState state;
+    if (!mail::lookAtSqlite(path.c_str(), state))
         return std::strerror(errno);
-    std::array<char, READ_VERSION + 1> header = {};
-    const ssize_t length = read_fully(file.get(), header.data(), header.size());
-    if (length < 0)
-        return std::strerror(errno);
-    if (header[READ_VERSION] == THROUGH_LOG)
+    if (state.wal)
         return "it has a write-ahead log, which cannot be read without a change";
     return std::nullopt;
 }

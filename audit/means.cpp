@@ -11,6 +11,7 @@
 #include "mail/home/skeleton.h"
 #include "mail/quota/maildirsize_file.h"
 #include "utils/accounts.h"
+#include "utils/file_lock.h"
 #include "utils/safe_path.h"
 
 namespace corvo::audit {

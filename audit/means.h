@@ -26,7 +26,4 @@ struct Means {
 /// there is nothing to compare with.
 Means findMeans();
 
-/// The lock folder.
-inline constexpr const char* LOCK_FOLDER = "/run/lock/files";
-
 }  // namespace corvo::audit
