@@ -36,6 +36,9 @@ def _parser():
     mode.add_argument("--scale", action="store_true",
                       help="measure at 1,000, 10,000 and 100,000 mail names, and at 100,000 in one "
                            "domain; by default product and floor in one round")
+    mode.add_argument("--audit", action="store_true",
+                      help="count the calls of mail_audit diff, at the sizes of --scale unless others "
+                           "are given")
     mode.add_argument("--instructions", action="store_true",
                       help="count user instructions with callgrind; by default product and floor")
     mode.add_argument("--steps", action="store_true",
@@ -63,6 +66,8 @@ def parse(words=None):
     single = arguments.instructions or arguments.steps
     if not sized and arguments.size:
         parser.error("this mode has its own sizes")
+    if arguments.audit and not sizes:
+        sizes = SCALE
     if sized and (len(arguments.size) % 2 or not sizes or (single and len(sizes) > 1)):
         parser.error("DOMAINS and NAMES are wanted" + (", once" if single else ""))
     arguments.sizes = SCALE if arguments.scale else sizes

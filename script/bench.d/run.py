@@ -3,6 +3,7 @@
 import sys
 
 import arguments
+import audit
 import counting
 import instructions
 import restoring
@@ -13,6 +14,8 @@ from measuring import Failure
 def _mode(parsed):
     if parsed.count is not None:
         return counting.count
+    if parsed.audit:
+        return audit.audit
     if parsed.instructions:
         return instructions.instructions
     return steps.steps if parsed.steps else restoring.restore
