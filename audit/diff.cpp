@@ -13,8 +13,10 @@
 #include "audit/mailbox_look.h"
 #include "audit/means.h"
 #include "audit/progress.h"
+#include "audit/status.h"
 #include "audit/text.h"
 #include "audit/tree_look.h"
+#include "audit/walk_gaps.h"
 #include "lib/db++/connection.h"
 #include "mail/home/mail_paths.h"
 #include "mail/home/maildir_manager.h"
@@ -28,17 +30,8 @@ namespace {
 using Name = const std::string&;
 using State = FoundDirectory::State;
 
-constexpr int NOTHING_TO_REPAIR = 0;
-constexpr int SOMETHING_TO_REPAIR = 1;
-constexpr int NOT_WHOLE = 2;
-
 Tone toneOf(const Item& item) {
     return item.repair == Repair::none && !item.isExtra ? Tone::problem : Tone::warning;
-}
-
-// "1 mailbox", "1,204 mailboxes".
-std::string counted(std::size_t number, const char* one, const char* many) {
-    return withSeparators(number) + " " + (number == 1 ? one : many);
 }
 
 // What was found so far.
@@ -223,9 +216,7 @@ private:
     }
 
     void tellOfGaps() {
-        if (const std::size_t reports = mail::restore::reportsOfLastWalk(); reports > 0)
-            output_.omit(fmt::format("the panel database was not read whole: see the {} above",
-                                     counted(reports, "line", "lines")));
+        omitGapsOfWalk(output_);
         if (!options_.scope.isAll() && findings_.mailboxes() == 0)
             output_.omit("no mailbox of the panel is meant by --domain and --mailbox");
     }

@@ -9,12 +9,11 @@
 #include "audit/command_line.h"
 #include "audit/diff.h"
 #include "audit/output.h"
+#include "audit/status.h"
 
 namespace corvo::audit {
 
 namespace {
-
-constexpr int NOT_WHOLE = 2;
 
 int carryOut(const Options& options, Output& output) {
     return diff(options, output);

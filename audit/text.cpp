@@ -105,4 +105,8 @@ std::string withSeparators(unsigned long long number) {
     return digits;
 }
 
+std::string counted(unsigned long long number, const char* one, const char* many) {
+    return withSeparators(number) + " " + (number == 1 ? one : many);
+}
+
 }  // namespace corvo::audit

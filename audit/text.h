@@ -18,4 +18,7 @@ std::string validUtf8(std::string_view text);
 /// "1,204".
 std::string withSeparators(unsigned long long number);
 
+/// "1 mailbox", "1,204 mailboxes".
+std::string counted(unsigned long long number, const char* one, const char* many);
+
 }  // namespace corvo::audit
