@@ -40,33 +40,57 @@ std::string_view sequenceOf(Tone tone) {
     return {};
 }
 
+// A terminal is not driven by JSON either.
+std::string textOf(const Json& value) {
+    return printableJson(value.dump());
+}
+
+void tell(const std::string& what) {
+    std::fputs(("mail_audit: " + what + "\n").c_str(), stderr);
+}
+
 }  // namespace
+
+void StandardOutput::write(std::string_view text) {
+    if (error_ == 0 && std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
+        error_ = errno;
+}
+
+bool StandardOutput::finish() {
+    if (error_ == 0 && std::fflush(stdout) != 0)
+        error_ = errno;
+    if (error_ != 0)
+        tell(std::string("standard output: ") + std::strerror(error_));
+    return error_ == 0;
+}
 
 Output::Output(const Options& options)
     : format_(options.format), isColoured_(isWanted(options.colour)), isQuiet_(options.quiet) {}
 
 void Output::print(const Json& object, const std::string& line, Tone tone) {
+    if (isQuiet_ && tone == Tone::good && format_ != Format::json)
+        return;
     switch (format_) {
         case Format::table:
             printLine(line, tone);
             break;
         case Format::jsonl:
-            fmt::print(stdout, "{}\n", object.dump());
+            out_.write(textOf(object) + "\n");
             break;
         case Format::json:
-            fmt::print(stdout, "{}\n  {}", printed_ == 0 ? "{\"items\": [" : ",", object.dump());
+            out_.write((printed_ == 0 ? "{\"items\": [\n  " : ",\n  ") + textOf(object));
             break;
     }
     ++printed_;
 }
 
-void Output::printLine(const std::string& line, Tone tone) const {
+void Output::printLine(const std::string& line, Tone tone) {
     const std::string_view colour = isColoured_ ? sequenceOf(tone) : std::string_view();
-    fmt::print(stdout, "{}{}{}\n", colour, line, colour.empty() ? "" : "\x1b[0m");
+    out_.write(fmt::format("{}{}{}\n", colour, line, colour.empty() ? "" : "\x1b[0m"));
 }
 
 void Output::omit(const std::string& what) {
-    fmt::print(stderr, "mail_audit: {}\n", printable(what));
+    tell(printable(what));
     omitted_.push_back(what);
 }
 
@@ -77,13 +101,11 @@ bool Output::finish(const Json& summary, const std::string& line) {
         Json omitted = Json::array();
         for (const std::string& what : omitted_)
             omitted.push_back(jsonText(what));
-        fmt::print(stdout, "{}], \"summary\": {},\n \"not_looked_at\": {}}}\n",
-                   printed_ == 0 ? "{\"items\": [" : "\n ", summary.dump(), omitted.dump());
+        out_.write(fmt::format("{}], \"summary\": {},\n \"not_looked_at\": {}}}\n",
+                               printed_ == 0 ? "{\"items\": [" : "\n ", textOf(summary),
+                               textOf(omitted)));
     }
-    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
-        return true;
-    fmt::print(stderr, "mail_audit: standard output: {}\n", std::strerror(errno));
-    return false;
+    return out_.finish();
 }
 
 Json jsonText(const std::string& text) {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "audit/options.h"
@@ -14,6 +15,19 @@ namespace corvo::audit {
 
 enum class Tone { plain, good, warning, problem };
 
+/// Standard output. What it does not take is told at the end, once: in the middle of a walk that
+/// would be taken for a failure of the walk.
+class StandardOutput {
+public:
+    void write(std::string_view text);
+
+    /// False, after a word on standard error, when not everything was taken.
+    bool finish();
+
+private:
+    int error_ = 0;  // the errno of the first failure
+};
+
 class Output {
 public:
     /// Takes format, colour and quietness from the options; colour `automatic` is for a terminal
@@ -21,6 +35,7 @@ public:
     explicit Output(const Options& options);
 
     /// One record: in JSON the object, in a table the line, which is printable and has no line end.
+    /// A quiet output leaves out what is good, but for the JSON document, which is always whole.
     void print(const nlohmann::ordered_json& object, const std::string& line, Tone tone);
 
     /// Says, on standard error, at once, what was not looked at and why. Bytes are escaped here.
@@ -28,14 +43,15 @@ public:
     /// Was anything?
     bool isWhole() const noexcept { return omitted_.empty(); }
 
-    /// Ends what is printed: once, at the end. The summary goes where there is a place for it; the
-    /// line may be empty. False, after a word on standard error, when standard output did not take
-    /// everything.
+    /// Ends what is printed: once, at the end. The summary goes where there is a place for it; it
+    /// is null, and the line empty, of what was broken off. False, after a word on standard error,
+    /// when standard output did not take everything.
     bool finish(const nlohmann::ordered_json& summary, const std::string& line);
 
 private:
-    void printLine(const std::string& line, Tone tone) const;
+    void printLine(const std::string& line, Tone tone);
 
+    StandardOutput out_;
     Format format_;
     bool isColoured_;
     bool isQuiet_;

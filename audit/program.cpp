@@ -1,14 +1,15 @@
 #include "audit/program.h"
 
-#include <fmt/format.h>
-
 #include <cstdio>
 #include <iostream>
 #include <new>
+#include <nlohmann/json.hpp>
 
+#include "audit/check_command.h"
 #include "audit/command_line.h"
 #include "audit/diff.h"
 #include "audit/output.h"
+#include "audit/show.h"
 #include "audit/status.h"
 
 namespace corvo::audit {
@@ -16,10 +17,18 @@ namespace corvo::audit {
 namespace {
 
 int carryOut(const Options& options, Output& output) {
-    return diff(options, output);
+    switch (options.command) {
+        case Command::check:
+            return check(output);
+        case Command::diff:
+            return diff(options, output);
+        case Command::show:
+            break;
+    }
+    return show(options, output);
 }
 
-// What escapes a command has kept it from going on.
+// What escapes a command has kept it from going on, and from ending what it printed.
 int carryOutOrOmit(const Options& options, Output& output) {
     try {
         return carryOut(options, output);
@@ -27,18 +36,27 @@ int carryOutOrOmit(const Options& options, Output& output) {
         throw;
     } catch (const std::exception& failure) {
         output.omit(failure.what());
+        output.finish(nullptr, "");
         return NOT_WHOLE;
     }
+}
+
+int printInstead(const CommandLine& line) {
+    if (line.isError) {
+        std::fputs(line.text.c_str(), stderr);
+        return NOT_WHOLE;
+    }
+    StandardOutput out;
+    out.write(line.text);
+    return out.finish() ? 0 : NOT_WHOLE;
 }
 
 }  // namespace
 
 int run(int argc, const char* const* argv) {
     const CommandLine line = readCommandLine(argc, argv);
-    if (!line.options) {
-        fmt::print(line.isError ? stderr : stdout, "{}", line.text);
-        return line.isError ? NOT_WHOLE : 0;
-    }
+    if (!line.options)
+        return printInstead(line);
     // The walk's warnings stand on both streams; the one is for what this program prints.
     std::cout.rdbuf(nullptr);
     Output output(*line.options);

@@ -52,8 +52,11 @@ Character firstOf(std::string_view text) {
     return isInRange(character) ? character : Character{0, 0};
 }
 
+// The first control character that is not below the space.
+constexpr char32_t DELETE = 0x7f;
+
 bool drivesTerminals(char32_t code) {
-    const bool isControl = code < 0x20 || (code >= 0x7f && code < 0xa0);
+    const bool isControl = code < 0x20 || (code >= DELETE && code < 0xa0);
     const bool turnsDirection = code == 0x061c || code == 0x200e || code == 0x200f ||
                                 (code >= 0x2028 && code <= 0x202e) ||
                                 (code >= 0x2066 && code <= 0x2069);
@@ -95,6 +98,15 @@ std::string printable(std::string_view text) {
 std::string validUtf8(std::string_view text) {
     return escaped(text, [](std::string& result, std::string_view bytes, char32_t /*code*/) {
         result.append(bytes);
+    });
+}
+
+std::string printableJson(std::string_view json) {
+    return escaped(json, [](std::string& result, std::string_view bytes, char32_t code) {
+        if (drivesTerminals(code) && code >= DELETE)
+            result += fmt::format("\\u{:04x}", static_cast<unsigned>(code));
+        else
+            result.append(bytes);
     });
 }
 

@@ -15,6 +15,10 @@ std::string printable(std::string_view text);
 /// "\xHH". All else stays.
 std::string validUtf8(std::string_view text);
 
+/// A JSON text for a terminal: what its writer has left of the characters that printable() escapes
+/// stands as "\uHHHH", which changes no value.
+std::string printableJson(std::string_view json);
+
 /// "1,204".
 std::string withSeparators(unsigned long long number);
 

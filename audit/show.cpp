@@ -1,0 +1,227 @@
+#include "audit/show.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <cstddef>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "audit/progress.h"
+#include "audit/status.h"
+#include "audit/text.h"
+#include "audit/walk_gaps.h"
+#include "restore/walker.h"
+
+namespace corvo::audit {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Name = const std::string&;
+using Slots = mail::restore::MailsrvEntitiesCallbacks;
+
+// By their numbers in the slots.
+constexpr std::array CATCHALL_MODES = {"none", "bounce", "catch"};
+constexpr std::array RELAY_MODES = {"open", "closed", "auth"};
+
+constexpr long long NO_QUOTA = -1;
+
+// The names under which a domain's certificate is used: its own and this before it.
+constexpr std::string_view MAIL_HOST = "mail.";
+
+constexpr const char* onOrOff(bool isOn) {
+    return isOn ? "on" : "off";
+}
+
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text;
+}
+
+Json listOf(const std::vector<std::string>& names) {
+    Json list = Json::array();
+    for (const std::string& name : names)
+        list.push_back(jsonText(name));
+    return list;
+}
+
+// What the panel says, printed as it is told.
+class Show {
+public:
+    Show(const Options& options, Output& output)
+        : scope_(options.scope), output_(output), progress_(options) {}
+
+    int run() {
+        Slots slots;
+        bindDomainSlots(slots);
+        bindMailnameSlots(slots);
+        if (scope_.isAll()) {
+            bindListSlots(slots);
+            bindSettingSlots(slots);
+        }
+        mail::restore::walkMailServerEntities(slots);
+        progress_.clear();
+        tellOfGaps();
+        return finish() && output_.isWhole() ? NOTHING_TO_REPAIR : NOT_WHOLE;
+    }
+
+private:
+    void bindDomainSlots(Slots& slots) {
+        slots.registerDomain = [this](Name domain, bool off) {
+            progress_.step();
+            domains_ += scope_.includes(domain) ? 1 : 0;
+            printOf(domain, "domain", {{"enabled", !off}}, onOrOff(!off));
+        };
+        slots.registerDomainAlias = [this](Name domain, Name alias, bool aliasOff, bool domainOff) {
+            printOf(domain, "domain-alias",
+                    {{"alias", jsonText(alias)},
+                     {"enabled", !aliasOff},
+                     {"domain_enabled", !domainOff}},
+                    alias + ", " + onOrOff(!aliasOff));
+        };
+        slots.setDomainCatchall = [this](Name domain, int mode, Name value) {
+            const char* const name = CATCHALL_MODES.at(static_cast<std::size_t>(mode));
+            printOf(domain, "catchall",
+                    {{"mode", name}, {"value", value.empty() ? Json() : jsonText(value)}},
+                    value.empty() ? name : fmt::format("{} \"{}\"", name, value));
+        };
+        slots.registerDomainCertificate = [this](Name name, Name file) {
+            if (isCertificateMeant(name))
+                print("certificate", {{"name", jsonText(name)}, {"file", jsonText(file)}},
+                      name + ": " + file);
+        };
+    }
+
+    // No mail name is ever reported to registerMailForwarding.
+    void bindMailnameSlots(Slots& slots) {
+        slots.registerMailname = [this](Name domain, Name mailname) {
+            mailnames_ += scope_.includes(domain, mailname) ? 1 : 0;
+            printOf(domain, mailname, "mailname", Json::object(), "");
+        };
+        slots.registerMailbox = [this](Name domain, Name mailname, bool delivers) {
+            printOf(domain, mailname, "mailbox", {{"delivers", delivers}},
+                    delivers ? "delivers" : "does not deliver");
+        };
+        slots.setMailboxQuota = [this](Name domain, Name mailname, long long quota) {
+            const bool isGiven = quota != NO_QUOTA;
+            printOf(domain, mailname, "quota", {{"bytes", isGiven ? Json(quota) : Json()}},
+                    isGiven ? fmt::format("{} bytes", quota) : "none");
+        };
+        slots.registerMailAlias = [this](Name domain, Name mailname, Name alias, bool domainOff) {
+            printOf(domain, mailname, "mail-alias",
+                    {{"alias", jsonText(alias)}, {"domain_enabled", !domainOff}}, alias);
+        };
+        slots.registerMailRedirect = [this](Name domain, Name mailname, Name address) {
+            printOf(domain, mailname, "forward", {{"address", jsonText(address)}}, address);
+        };
+    }
+
+    void bindListSlots(Slots& slots) {
+        slots.addWhiteListNetwork = [this](Name address, int mask) {
+            print("white-list", {{"address", jsonText(address)}, {"mask", mask}},
+                  fmt::format("{}/{}", address, mask));
+        };
+        slots.addBlackListedDomain = [this](Name sender) {
+            print("black-list", {{"sender_domain", jsonText(sender)}}, sender);
+        };
+        slots.setRBLServers = [this](const std::vector<std::string>& servers) {
+            print("rbl-servers", {{"servers", listOf(servers)}},
+                  servers.empty() ? "none" : joined(servers));
+        };
+    }
+
+    void bindSettingSlots(Slots& slots) {
+        slots.setSubmissionEnabled = [this](bool enabled) {
+            print("submission", {{"enabled", enabled}}, onOrOff(enabled));
+        };
+        slots.setMaxMessageSize = [this](long long size) {
+            print("message-size", {{"bytes", size}}, fmt::format("{} bytes", size));
+        };
+        slots.setSmtpRelayAndAuth = [this](int mode, bool smtpAuth, bool popBeforeSmtp,
+                                           short lockTime) {
+            const char* const name = RELAY_MODES.at(static_cast<std::size_t>(mode));
+            print("relaying",
+                  {{"mode", name},
+                   {"smtp_auth", smtpAuth},
+                   {"pop_before_smtp", popBeforeSmtp},
+                   {"lock_minutes", lockTime}},
+                  fmt::format("{}, SMTP authentication {}, POP before SMTP {}, locked {} minutes",
+                              name, onOrOff(smtpAuth), onOrOff(popBeforeSmtp), lockTime));
+        };
+        slots.setShortNamesAuth = [this](bool pop3Names, bool mailNames) {
+            print("short-names", {{"pop3", pop3Names}, {"mail", mailNames}},
+                  fmt::format("POP3 {}, mail {}", onOrOff(pop3Names), onOrOff(mailNames)));
+        };
+        slots.enableRejectOverquota = [this](bool reject, bool permanently) {
+            print("over-quota", {{"reject", reject}, {"permanently", permanently}},
+                  fmt::format("rejection {}, permanent {}", onOrOff(reject), onOrOff(permanently)));
+        };
+        slots.restoreRecipientCanonical = [this] {
+            print("recipient-canonical", Json::object(), "in use");
+        };
+    }
+
+    // By its own name, or by that of the domain whose mail host it is for.
+    bool isCertificateMeant(Name name) const {
+        return scope_.includes(name) ||
+               (name.starts_with(MAIL_HOST) && scope_.includes(name.substr(MAIL_HOST.size())));
+    }
+
+    void printOf(Name domain, const char* kind, const Json& fields, const std::string& text) {
+        if (!scope_.includes(domain))
+            return;
+        Json all = {{"domain", jsonText(domain)}};
+        all.update(fields);
+        print(kind, all, domain + ": " + text);
+    }
+
+    void printOf(Name domain, Name mailname, const char* kind, const Json& fields,
+                 const std::string& text) {
+        if (!scope_.includes(domain, mailname))
+            return;
+        Json all = {{"domain", jsonText(domain)}, {"mailbox", jsonText(mailname)}};
+        all.update(fields);
+        print(kind, all, mailname + "@" + domain + (text.empty() ? "" : ": " + text));
+    }
+
+    void print(const char* kind, const Json& fields, const std::string& text) {
+        Json object = {{"kind", kind}};
+        object.update(fields);
+        progress_.clear();
+        output_.print(object, fmt::format("{:<19} {}", kind, printable(text)), Tone::plain);
+        ++items_;
+    }
+
+    void tellOfGaps() {
+        omitGapsOfWalk(output_);
+        if (!scope_.isAll() && items_ == 0)
+            output_.omit("nothing that the panel knows is meant by --domain and --mailbox");
+    }
+
+    bool finish() {
+        const Json summary = {{"domains", domains_}, {"mailnames", mailnames_}, {"items", items_}};
+        return output_.finish(summary, counted(domains_, "domain", "domains") + ", " +
+                                           counted(mailnames_, "mail name", "mail names") + ".");
+    }
+
+    const Scope& scope_;
+    Output& output_;
+    Progress progress_;
+    std::size_t domains_ = 0;
+    std::size_t mailnames_ = 0;
+    std::size_t items_ = 0;
+};
+
+}  // namespace
+
+int show(const Options& options, Output& output) {
+    return Show(options, output).run();
+}
+
+}  // namespace corvo::audit
