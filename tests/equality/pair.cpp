@@ -1,26 +1,18 @@
 #include "tests/equality/pair.h"
 
-#include "tests/equality/damage.h"
+#include "tests/equality/state.h"
 
 namespace corvo::equality {
 
 Trial attempt(std::uint64_t seed, const Programs& programs, Panel& panel, Scene& scene) {
-    std::mt19937_64 random(seed);
-    Trial trial;
-    trial.description = randomDescription(random);
-    panel.load(trial.description);
-    scene.clear();
-    const std::string line = chooseLine(random);
-    if (!chance(10, random))
-        (void)Scene::run(programs.former, "--all", false);
-    damageHomes(trial.description, random);
-    damageDelivery(trial.description, line, random);
-    trial.means = takeMeans(line, random);
-    damageDatabases(trial.description, trial.means, random);
-    panel.setForwardTable(trial.means.hasForwardTable);
+    State state = newState(seed, panel, scene);
+    (void)restoreMost(state, programs.former);
+    damage(state, panel);
     Scene::remember();
 
-    const Means& means = trial.means;
+    Trial trial;
+    trial.description = state.description;
+    const Means& means = trial.means = state.means;
     Scene::putBack();
     trial.former = Scene::run(programs.former, means.mode, means.isReadOnly);
     Scene::putBack();

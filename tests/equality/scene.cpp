@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "tests/faults/disturb/preloaded.h"
@@ -124,18 +125,22 @@ Ending Scene::run(const std::string& program, const std::string& mode, bool isRe
         WATCHDOG);
     if (isReadOnly)
         setReadOnly(false);
-    return {tree(),
-            {{"status", std::to_string(result.status) + (result.timedOut ? ", hung" : "")},
-             {"standard output", result.out},
-             {"standard error", result.err},
-             {"quota rows",
-              rowsOf(test::USERDB, "quote(domain_name), quote(mailbox_name), quote(quota)",
-                     "mailbox_quota")},
-             {"handler rows",
-              rowsOf(test::HANDLERS,
-                     "quote(name), quote(queue), quote(type), quote(enabled), quote(priority),"
-                     " quote(address), quote(executable), quote(context), quote(protected)",
-                     "handlers")}}};
+    Facts facts = rows();
+    facts.insert({{"status", std::to_string(result.status) + (result.timedOut ? ", hung" : "")},
+                  {"standard output", result.out},
+                  {"standard error", result.err}});
+    return {tree(), std::move(facts)};
+}
+
+Facts Scene::rows() {
+    return {
+        {"quota rows", rowsOf(test::USERDB, "quote(domain_name), quote(mailbox_name), quote(quota)",
+                              "mailbox_quota")},
+        {"handler rows",
+         rowsOf(test::HANDLERS,
+                "quote(name), quote(queue), quote(type), quote(enabled), quote(priority),"
+                " quote(address), quote(executable), quote(context), quote(protected)",
+                "handlers")}};
 }
 
 faults::Tree Scene::tree() {

@@ -44,6 +44,9 @@ public:
     /// The tree as it is.
     static faults::Tree tree();
 
+    /// "quota rows" and "handler rows", a line each, as they are.
+    static Facts rows();
+
 private:
     std::string accounts_;
 };
