@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
@@ -25,7 +26,8 @@ public:
     bool finish();
 
 private:
-    int error_ = 0;  // the errno of the first failure
+    std::FILE* stream_ = stdout;  // of the time when this was made
+    int error_ = 0;               // the errno of the first failure
 };
 
 class Output {

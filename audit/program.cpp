@@ -1,5 +1,7 @@
 #include "audit/program.h"
 
+#include <sys/types.h>
+
 #include <cstdio>
 #include <iostream>
 #include <new>
@@ -41,6 +43,18 @@ int carryOutOrOmit(const Options& options, Output& output) {
     }
 }
 
+ssize_t swallow(void* /*cookie*/, const char* /*text*/, std::size_t size) {
+    return static_cast<ssize_t>(size);
+}
+
+// Warnings and messages of what the two programs share stand on both streams, and standard output
+// is for what this one prints. The C library's stream may be set.
+void keepOthersFromStandardOutput() {
+    std::cout.rdbuf(nullptr);
+    if (std::FILE* const silent = ::fopencookie(nullptr, "w", {nullptr, swallow, nullptr, nullptr}))
+        stdout = silent;
+}
+
 int printInstead(const CommandLine& line) {
     if (line.isError) {
         std::fputs(line.text.c_str(), stderr);
@@ -57,9 +71,8 @@ int run(int argc, const char* const* argv) {
     const CommandLine line = readCommandLine(argc, argv);
     if (!line.options)
         return printInstead(line);
-    // The walk's warnings stand on both streams; the one is for what this program prints.
-    std::cout.rdbuf(nullptr);
     Output output(*line.options);
+    keepOthersFromStandardOutput();
     return carryOutOrOmit(*line.options, output);
 }
 

@@ -28,11 +28,20 @@ FoundDirectory blocked(std::string reason) {
     return found;
 }
 
-// Nothing could be opened, since nothing is there: not even a link that leads nowhere.
-FoundDirectory missingOrDangling(int base, const char* path) {
+// Whether something of this name is there, be it a link that leads nowhere.
+bool isNamed(int base, const std::string& path) {
     struct stat seen = {};
-    if (safe_path::status(base, path, seen, safe_path::LastLink::keep) == 0)
-        return blocked("is a link that leads nowhere");
+    return safe_path::status(base, path.c_str(), seen, safe_path::LastLink::keep) == 0;
+}
+
+// Nothing could be opened. A run makes what is missing, with its parents, but not what a link leads
+// to that leads nowhere: neither here nor on the way.
+FoundDirectory missingOrDangling(int base, std::string path) {
+    while (!path.empty() && !safe_path::openDirectory(base, path.c_str())) {
+        if (isNamed(base, path))
+            return blocked("is a link that leads nowhere, or lies behind one");
+        path.resize(path.find('/') == std::string::npos ? 0 : path.rfind('/'));
+    }
     FoundDirectory found;
     found.state = State::missing;
     return found;

@@ -67,5 +67,185 @@ TEST_F(AuditTest, ServerInOrderDiffersInNothing) {
     EXPECT_EQ(result.err, "");
 }
 
+struct Damage {
+    const char* name;
+    void (*befall)();
+    std::vector<std::string> found;
+};
+
+const std::string ALL = R"( ["--all"])";
+const std::string NONE = " []";
+
+const std::vector<Damage> DAMAGES = {
+    {"DomainRootWithAnotherMode",
+     [] { ::chmod(DOMAIN.c_str(), 0777); },
+     {"domain-root: has another mode" + ALL}},
+    {"MissingHome", [] { std::filesystem::remove_all(HOME); }, {"home: is missing" + ALL}},
+    {"HomeOfRoot",
+     [] { (void)!::chown(HOME.c_str(), 0, 0); },
+     {"home: has another owner" + ALL, "home: has another group" + ALL}},
+    {"MissingFolder",
+     [] { std::filesystem::remove_all(HOME + "/Maildir/.Sent"); },
+     {"directory: is missing" + ALL}},
+    {"FileInPlaceOfAFolder",
+     [] {
+         std::filesystem::remove_all(HOME + "/Maildir/.Sent");
+         writeFile(HOME + "/Maildir/.Sent", "");
+         ::chmod((HOME + "/Maildir/.Trash").c_str(), 0755);
+     },
+     {"directory: is no directory" + NONE, "directory: has another mode" + NONE}},
+    {"MissingDeliveryFile",
+     [] { std::filesystem::remove(DOTQMAIL); },
+     {"delivery-file: is missing" + ALL}},
+    {"DeliveryFileWithAnotherMode",
+     [] { ::chmod(DOTQMAIL.c_str(), 0644); },
+     {"delivery-file: has another mode" + ALL}},
+    {"DirectoryInPlaceOfTheDeliveryFile",
+     [] {
+         std::filesystem::remove(DOTQMAIL);
+         makeDirectory(DOTQMAIL);
+     },
+     {"delivery-file: is no regular file" + NONE}},
+    {"DiscardingMailbox",
+     [] { writeFile(DOTQMAIL, "| true\n"); },
+     {"delivery: discards though the panel says that it shall deliver" + ALL}},
+    {"OldDeliveryLine",
+     [] { writeFile(DOTQMAIL, "| true\n./Maildir/\n"); },
+     {"delivery: delivers by an old line" + ALL}},
+    {"SurplusLine",
+     [] { writeFile(DOTQMAIL, contentsOf(DOTQMAIL) + "&old@example.net\n"); },
+     {"surplus-line: has a line that the panel does not ask for" + ALL}},
+    {"LinesInAnotherOrder",
+     [] { writeFile(DOTQMAIL, DELIVERY_LINE + "\n| true\n"); },
+     {"line-order: has its lines in another order, or more than once" + ALL}},
+    {"MissingMaildirsize",
+     [] { std::filesystem::remove(SIZE_FILE); },
+     {"maildirsize: is missing" + ALL}},
+    {"DamagedMaildirsize",
+     [] { writeFile(SIZE_FILE, "10485760S"); },
+     {"maildirsize: is damaged" + ALL}},
+    {"OtherLimits",
+     [] { writeFile(SIZE_FILE, "5S\n0 0\n"); },
+     {"limits: has other limits in its header" + ALL}},
+    {"OtherSum",
+     [] { writeFile(SIZE_FILE, "10485760S\n5 1\n"); },
+     {"usage: has another sum than the messages (bytes, messages)" + ALL}},
+    {"UsageLinesOfAgents", [] { writeFile(SIZE_FILE, "10485760S\n5 1\n-5 -1\n"); }, {}},
+    {"MissingRow",
+     [] { sqliteExecute(USERDB, "DELETE FROM mailbox_quota"); },
+     {"quota-row: has no row for it" + ALL}},
+    {"RowWithAnotherQuota",
+     [] { sqliteExecute(USERDB, "UPDATE mailbox_quota SET quota = '1B'"); },
+     {"quota-row: has another quota" + ALL}},
+    {"MissingRecord",
+     [] { sqliteExecute(HANDLERS, "DELETE FROM handlers WHERE queue = 4"); },
+     {R"(overquota-records: does not reject mail over quota as the panel says ["--all","--fast"])"}},
+    {"LinkThatLeadsNowhere",
+     [] {
+         std::filesystem::remove_all(HOME);
+         makeLink("/nowhere", HOME);
+     },
+     {"home: is a link that leads nowhere, or lies behind one" + NONE}},
+    {"LinkOfPopuser",
+     [] {
+         std::filesystem::rename(HOME, DOMAIN + "/moved");
+         makeLink(DOMAIN + "/moved", HOME, POPUSER_UID);
+     },
+     {"home: is a link that is refused" + NONE}},
+    {"LinkOfRoot",
+     [] {
+         std::filesystem::rename(HOME, DOMAIN + "/moved");
+         makeLink(DOMAIN + "/moved", HOME);
+     },
+     {}},
+};
+
+class AuditOfDamageTest : public AuditTest, public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(AuditOfDamageTest, NamesItAndWhatRepairsIt) {
+    GetParam().befall();
+    for (const char* path : {&DOTQMAIL[0], &SIZE_FILE[0]}) {
+        struct stat seen = {};
+        if (::lstat(path, &seen) == 0 && S_ISREG(seen.st_mode))
+            (void)!::chown(path, POPUSER_UID, POPUSER_GID);
+    }
+    const std::vector<std::string> found = differences();
+    EXPECT_EQ(found, GetParam().found);
+    std::vector<std::string> left;
+    for (const std::string& item : found)
+        if (item.ends_with(NONE))
+            left.push_back(item);
+    EXPECT_EQ(mailRebuild().status, 0);
+    EXPECT_EQ(differences(), left) << "after a run";
+}
+
+INSTANTIATE_TEST_SUITE_P(Damages, AuditOfDamageTest, ::testing::ValuesIn(DAMAGES),
+                         [](const auto& damage) { return damage.param.name; });
+
+TEST_F(AuditTest, WithoutTheAccountNothingIsCompared) {
+    writeFile("/etc/passwd", "root:x:0:0:root:/root:/bin/bash\n");
+    const ProcessResult result = audit({"diff"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "mail_audit: there is no account popuser, so that no run is possible: nothing was "
+              "compared\n");
+}
+
+TEST_F(AuditTest, RowsThatCannotBeLookedAtAreToldOnce) {
+    std::filesystem::remove(USERDB);
+    const ProcessResult result = audit({"diff"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "0 of 1 mailbox differs.\n");
+    EXPECT_EQ(result.err, "mail_audit: " + USERDB +
+                              ": No such file or directory: the quota rows were not looked at\n");
+    EXPECT_FALSE(exists(USERDB));
+}
+
+TEST_F(AuditTest, WithoutThePanelNothingIsCompared) {
+    std::filesystem::remove("/etc/vhc/.vhc.shadow");
+    const ProcessResult result = audit({"diff"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_THAT(result.err, HasSubstr("mail_audit: connection failed"));
+}
+
+TEST_F(AuditTest, WalkThatIsBrokenOffIsNotWhole) {
+    panel.execute("ALTER TABLE DomainServices MODIFY status varchar(20)");
+    panel.execute("UPDATE DomainServices SET status = 'x'");
+    const ProcessResult result = audit({"diff"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, HasSubstr(" executing the central domain restoration cycle failed ("));
+    EXPECT_THAT(result.err, HasSubstr("mail_audit: the panel database was not read whole"));
+}
+
+TEST_F(AuditTest, ExtrasAreNamedWhenAskedFor) {
+    makeDirectory(DOMAIN + "/former");
+    makeDirectory(MAILNAMES + "/gone.example/info");
+    sqliteExecute(USERDB,
+                  "INSERT INTO mailbox_quota VALUES ('example.com', 'late', '1B'), "
+                  "('gone.example', 'info', '1B')");
+    EXPECT_THAT(differences(), ElementsAre());
+    EXPECT_THAT(differences({"--extras"}),
+                ElementsAre("home: is left alone []", "quota-row: has a row too many []",
+                            "domain-root: is left alone []", "quota-row: has a row too many []"));
+}
+
+TEST_F(AuditTest, DomainsThatTheWalkPassesOverAreNoExtras) {
+    panel.execute("DELETE FROM Parameters WHERE parameter = 'nonexist_mail'");
+    EXPECT_THAT(differences({"--extras"}), ElementsAre());
+}
+
+TEST_F(AuditTest, ScopeLimitsWhatIsCompared) {
+    panel.domain("example.net").mailname("shop");
+    EXPECT_THAT(differences({"--domain", "EXAMPLE.c*"}), ElementsAre());
+    EXPECT_THAT(differences({"--mailbox", "*@example.net"}),
+                ElementsAre("home: is missing" + ALL, "quota-row: has no row for it" + ALL));
+    const ProcessResult nobody = audit({"diff", "--domain", "example.org"});
+    EXPECT_EQ(nobody.status, 2);
+    EXPECT_EQ(nobody.err,
+              "mail_audit: no mailbox of the panel is meant by --domain and --mailbox\n");
+}
+
 }  // namespace
 }  // namespace corvo::test::runs
