@@ -52,12 +52,12 @@ void tell(const std::string& what) {
 }  // namespace
 
 void StandardOutput::write(std::string_view text) {
-    if (error_ == 0 && std::fwrite(text.data(), 1, text.size(), stream_) != text.size())
+    if (error_ == 0 && std::fwrite(text.data(), 1, text.size(), file_) != text.size())
         error_ = errno;
 }
 
 bool StandardOutput::finish() {
-    if (error_ == 0 && std::fflush(stream_) != 0)
+    if (error_ == 0 && std::fflush(file_) != 0)
         error_ = errno;
     if (error_ != 0)
         tell(std::string("standard output: ") + std::strerror(error_));

@@ -16,8 +16,8 @@ namespace corvo::audit {
 
 enum class Tone { plain, good, warning, problem };
 
-/// Standard output. What it does not take is told at the end, once: in the middle of a walk that
-/// would be taken for a failure of the walk.
+/// Standard output as it is when this is made. What it does not take is told at the end, once: in
+/// the middle of a walk that would be taken for a failure of the walk.
 class StandardOutput {
 public:
     void write(std::string_view text);
@@ -26,8 +26,8 @@ public:
     bool finish();
 
 private:
-    std::FILE* stream_ = stdout;  // of the time when this was made
-    int error_ = 0;               // the errno of the first failure
+    std::FILE* file_ = stdout;
+    int error_ = 0;  // the errno of the first failure
 };
 
 class Output {

@@ -1,15 +1,13 @@
 #include "audit/program.h"
 
-#include <sys/types.h>
-
 #include <cstdio>
-#include <iostream>
 #include <new>
 #include <nlohmann/json.hpp>
 
 #include "audit/check_command.h"
 #include "audit/command_line.h"
 #include "audit/diff.h"
+#include "audit/library_output.h"
 #include "audit/output.h"
 #include "audit/show.h"
 #include "audit/status.h"
@@ -43,18 +41,6 @@ int carryOutOrOmit(const Options& options, Output& output) {
     }
 }
 
-ssize_t swallow(void* /*cookie*/, const char* /*text*/, std::size_t size) {
-    return static_cast<ssize_t>(size);
-}
-
-// Warnings and messages of what the two programs share stand on both streams, and standard output
-// is for what this one prints. The C library's stream may be set.
-void keepOthersFromStandardOutput() {
-    std::cout.rdbuf(nullptr);
-    if (std::FILE* const silent = ::fopencookie(nullptr, "w", {nullptr, swallow, nullptr, nullptr}))
-        stdout = silent;
-}
-
 int printInstead(const CommandLine& line) {
     if (line.isError) {
         std::fputs(line.text.c_str(), stderr);
@@ -72,7 +58,7 @@ int run(int argc, const char* const* argv) {
     if (!line.options)
         return printInstead(line);
     Output output(*line.options);
-    keepOthersFromStandardOutput();
+    const LibraryOutput thrownAway;
     return carryOutOrOmit(*line.options, output);
 }
 

@@ -146,13 +146,14 @@ private:
         slots.setSmtpRelayAndAuth = [this](int mode, bool smtpAuth, bool popBeforeSmtp,
                                            short lockTime) {
             const char* const name = RELAY_MODES.at(static_cast<std::size_t>(mode));
-            print("relaying",
-                  {{"mode", name},
-                   {"smtp_auth", smtpAuth},
-                   {"pop_before_smtp", popBeforeSmtp},
-                   {"lock_minutes", lockTime}},
-                  fmt::format("{}, SMTP authentication {}, POP before SMTP {}, locked {} minutes",
-                              name, onOrOff(smtpAuth), onOrOff(popBeforeSmtp), lockTime));
+            print(
+                "relaying",
+                {{"mode", name},
+                 {"smtp_auth", smtpAuth},
+                 {"pop_before_smtp", popBeforeSmtp},
+                 {"lock_minutes", lockTime}},
+                fmt::format("{}, SMTP authentication {}, POP before SMTP {}, lock time {} minutes",
+                            name, onOrOff(smtpAuth), onOrOff(popBeforeSmtp), lockTime));
         };
         slots.setShortNamesAuth = [this](bool pop3Names, bool mailNames) {
             print("short-names", {{"pop3", pop3Names}, {"mail", mailNames}},
