@@ -19,7 +19,7 @@ def values_of(path):
     try:
         return [json.loads(text)]
     except json.JSONDecodeError:
-        return [json.loads(line) for line in text.splitlines()]
+        return [json.loads(line) for line in text.split("\n") if line]
 
 
 with open(sys.argv[1], encoding="utf-8") as file:
