@@ -77,14 +77,16 @@ public:
         about_.path += "/" + FILE_PATH;
     }
 
-    QuotaStage run(long long quota, bool recount, bool isReached) {
+    QuotaStage run(long long quota, bool recount, bool canWrite) {
         const std::size_t before = items_.size();
         const std::optional<MaildirsizeLimits> limits = limitsBeside(quota);
         if (!limits)
             fail("is not written: the attachments cannot be counted");
         else if (const UniqueFd file = open())
             compare(file.get(), *limits, recount);
-        const bool goesOn = isReached && !isBlocked_;
+        // What is right is not written, and needs no place for another.
+        const bool isRight = items_.size() == before;
+        const bool goesOn = !isBlocked_ && (canWrite || isRight);
         for (std::size_t i = before; i < items_.size(); ++i)
             items_[i].repair = goesOn ? Repair::all : Repair::none;
         return goesOn ? QuotaStage::goesOn : QuotaStage::fails;
@@ -193,8 +195,8 @@ private:
 }  // namespace
 
 QuotaStage lookAtMaildirsize(Items& items, const Item& about, int home, long long quota,
-                             const Means& means, bool recount, bool isReached) {
-    return MaildirsizeLook(items, about, home, means).run(quota, recount, isReached);
+                             const Means& means, bool recount, bool canWrite) {
+    return MaildirsizeLook(items, about, home, means).run(quota, recount, canWrite);
 }
 
 }  // namespace corvo::audit
