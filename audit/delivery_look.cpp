@@ -86,15 +86,19 @@ private:
     void replaceBy(Lines lines) {
         state_.exists = true;
         state_.isTooLong = false;
+        state_.isUnended = false;
         state_.lines = std::move(lines);
         state_.differences = {};
     }
 
     void keepWithOwnerAndMode() { state_.differences = {.names = state_.differences.names}; }
 
-    // The file is emptied, not replaced, and only then gets its delivery line.
+    // The file is emptied, not replaced, and only then gets its delivery line: another file takes
+    // its place even where there turns out to be no such line.
     void startAfresh() {
-        const bool keepsNames = state_.differences.names && lineToInstall().empty();
+        const bool isReplaced =
+            wish_.delivers && (obstacle() == Obstacle::none || obstacle() == Obstacle::line);
+        const bool keepsNames = state_.differences.names && !isReplaced;
         replaceBy(mail::restoredLines(lineToInstall(), {}));
         state_.differences.names = keepsNames;
     }
@@ -122,14 +126,18 @@ private:
 // The lines of a file, compared with what the panel says.
 class LineComparison {
 public:
-    LineComparison(Items& items, const Item& about, const Lines& lines, const DeliveryWish& wish,
-                   const Means& means)
+    LineComparison(Items& items, const Item& about, const DeliveryState& state,
+                   const DeliveryWish& wish, const Means& means)
         : items_(items),
           about_(about),
-          lines_(lines),
-          present_(lines.begin(), lines.end()),
+          lines_(state.lines),
+          isUnended_(state.isUnended),
+          present_(lines_.begin(), lines_.end()),
           wish_(wish),
-          deliveryLine_(deliveryLineOf(means)) {}
+          wished_(wish.forwards.begin(), wish.forwards.end()),
+          deliveryLine_(deliveryLineOf(means)) {
+        wished_.insert(mail::RESET_LINE);
+    }
 
     void run() {
         const std::size_t before = items_.size();
@@ -138,6 +146,8 @@ public:
         compareOthers();
         if (items_.size() == before && lines_ != wanted())
             add(ItemKind::lineOrder, "has its lines in another order, or more than once");
+        if (isUnended_)
+            add(ItemKind::lineOrder, "has no line end after its last line");
     }
 
 private:
@@ -177,14 +187,16 @@ private:
     void compareOthers() {
         if (!present_.contains(mail::RESET_LINE))
             add(ItemKind::lineOrder, "has its first line missing", mail::RESET_LINE);
-        std::unordered_set<std::string_view> known(wish_.forwards.begin(), wish_.forwards.end());
-        known.insert(mail::RESET_LINE);
+        std::unordered_set<std::string_view> known = wished_;
         for (const std::string_view line : lines_)
             if (!delivers(line) && known.insert(line).second)
                 add(ItemKind::surplusLine, "has a line that the panel does not ask for", {}, line);
     }
 
+    // By a line that stands there for no other reason.
     bool delivers(std::string_view line) const {
+        if (wished_.contains(line))
+            return false;
         return mail::isKnownDeliveryLine(line) || (!line.empty() && line == deliveryLine_);
     }
 
@@ -196,8 +208,11 @@ private:
         return lines;
     }
 
+    // A forward that is the delivery line, too, stands where it is named.
     Lines wanted() const {
-        return mail::restoredLines(wish_.delivers ? deliveryLine_ : std::string_view(), forwards());
+        const bool isNamed = deliveryLine_ != mail::RESET_LINE && wished_.contains(deliveryLine_);
+        return mail::restoredLines(wish_.delivers && !isNamed ? deliveryLine_ : std::string_view(),
+                                   forwards());
     }
 
     void add(ItemKind kind, const char* reason, std::string_view expected = {},
@@ -215,8 +230,10 @@ private:
     Items& items_;
     const Item& about_;
     const Lines& lines_;
+    bool isUnended_;
     std::unordered_set<std::string_view> present_;
     const DeliveryWish& wish_;
+    std::unordered_set<std::string_view> wished_;  // and the first line
     std::string_view deliveryLine_;
 };
 
@@ -235,8 +252,10 @@ void judgeRepairs(Items& items, const Items& left) {
     for (Item& item : items)
         item.repair = contains(left, item) ? Repair::none : Repair::all;
     for (const Item& item : left)
-        if (!contains(items, item))
+        if (!contains(items, item)) {
             items.push_back(item);
+            items.back().repair = Repair::none;
+        }
 }
 
 // A file at which a run fails: nothing in it can be compared.
@@ -258,6 +277,16 @@ bool isLockable(const std::string& path) {
     if (!lock || safe_path::status(AT_FDCWD, lock.get(), seen) == 0)
         return lock && S_ISREG(seen.st_mode);
     return errno == ENOENT;
+}
+
+// What a run would leave of the items of a file.
+Items itemsAfterRun(const Item& about, const DeliveryState& found, const struct stat& seen,
+                    const DeliveryWish& wish, const Means& means, bool isRestored) {
+    Means here = means;
+    here.hasLocks = here.hasLocks && isLockable(about.path);
+    Items left;
+    addDeliveryItems(left, about, stateAfterRun(found, wish, here, isRestored), seen, wish, means);
+    return left;
 }
 
 mail::Differences ownershipDifferences(const mail::DeliveryContents& contents,
@@ -284,7 +313,7 @@ void addDeliveryItems(Items& items, const Item& about, const DeliveryState& stat
         return;
     }
     addOwnershipItems(items, file, state.differences, seen, means.delivery);
-    LineComparison(items, about, state.lines, wish, means).run();
+    LineComparison(items, about, state, wish, means).run();
 }
 
 void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, const Means& means,
@@ -297,6 +326,7 @@ void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, c
         return addUnreadable(items, about, error);
     DeliveryState found = {.exists = contents.exists,
                            .isTooLong = isTooLong,
+                           .isUnended = !contents.text.empty() && contents.text.back() != '\n',
                            .lines = {},
                            .differences = ownershipDifferences(contents, means.delivery)};
     if (!isTooLong)
@@ -305,13 +335,18 @@ void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, c
     addDeliveryItems(differing, about, found, contents.seen, wish, means);
     if (differing.empty())
         return;
-    Means here = means;
-    here.hasLocks = here.hasLocks && isLockable(about.path);
-    Items left;
-    addDeliveryItems(left, about, stateAfterRun(found, wish, here, isRestored), contents.seen, wish,
-                     means);
+    const Items left = itemsAfterRun(about, found, contents.seen, wish, means, isRestored);
     judgeRepairs(differing, left);
     items.insert(items.end(), differing.begin(), differing.end());
+}
+
+void lookAtDeliveryToCome(Items& items, const Item& about, const DeliveryWish& wish,
+                          const Means& means) {
+    Items left = itemsAfterRun(about, {}, {}, wish, means, true);
+    for (Item& item : left) {
+        item.repair = Repair::none;
+        items.push_back(std::move(item));
+    }
 }
 
 }  // namespace corvo::audit

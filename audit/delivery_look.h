@@ -21,6 +21,7 @@ struct DeliveryWish {
 struct DeliveryState {
     bool exists = false;
     bool isTooLong = false;  // to be read
+    bool isUnended = false;  // its last line has no line end
     mail::Lines lines;
     mail::Differences differences;  // of an existing one, but for its contents
 };
@@ -39,5 +40,9 @@ void addDeliveryItems(Items& items, const Item& about, const DeliveryState& stat
 /// Both: each item tells whether it is gone after a run. `about` has the path of the file.
 void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, const Means& means,
                     bool isRestored);
+
+/// The same where the home is missing, too: adds what a run that makes it would leave wrong.
+void lookAtDeliveryToCome(Items& items, const Item& about, const DeliveryWish& wish,
+                          const Means& means);
 
 }  // namespace corvo::audit

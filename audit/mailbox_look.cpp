@@ -36,6 +36,11 @@ Item itemOf(const mail::Mailname& name) {
     return item;
 }
 
+Item deliveryOf(Item about) {
+    about.path += "/.qmail";
+    return about;
+}
+
 void addUnrepaired(Items& items, Item item, ItemKind kind, std::string reason) {
     item.kind = kind;
     item.reason = std::move(reason);
@@ -68,6 +73,7 @@ void MailboxLook::lookAtHome(Items& items, const Item& about, const PanelMailnam
         case State::missing:
             items.push_back(about);
             items.back().reason = "is missing";
+            lookAtDeliveryToCome(items, deliveryOf(about), wishOf(mailname), means_);
             lookAtQuota(items, about, -1, mailname, true);
             break;
         case State::blocked:
@@ -83,9 +89,7 @@ void MailboxLook::lookAtHome(Items& items, const Item& about, const PanelMailnam
 void MailboxLook::lookInside(Items& items, const Item& about, int home,
                              const PanelMailname& mailname) {
     const HomeAfterwards afterwards = lookAtSkeleton(items, about, home, means_.home);
-    Item delivery = about;
-    delivery.path += "/.qmail";
-    lookAtDelivery(items, delivery, wishOf(mailname), means_, afterwards.isWhole);
+    lookAtDelivery(items, deliveryOf(about), wishOf(mailname), means_, afterwards.isWhole);
     lookAtQuota(items, about, home, mailname, afterwards.hasMaildir);
 }
 
