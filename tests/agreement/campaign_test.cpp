@@ -1,0 +1,30 @@
+#include "tests/agreement/campaign.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/sandbox.h"
+
+namespace corvo::agreement::test {
+
+namespace {
+
+constexpr std::size_t OBJECTS = 100;
+constexpr std::uint64_t FIRST_SEED = 1;
+
+class CampaignTest : public corvo::test::SandboxTest {
+protected:
+    Campaign campaign_;
+};
+
+TEST_F(CampaignTest, AuditForetellsRun) {
+    std::size_t objects = 0;
+    for (std::uint64_t seed = FIRST_SEED; objects < OBJECTS; ++seed) {
+        const Result result = campaign_.attempt(seed);
+        objects += result.objects;
+        EXPECT_EQ(result.violations, Violations{}) << "seed " << seed << "\n" << result.account;
+    }
+}
+
+}  // namespace
+
+}  // namespace corvo::agreement::test
