@@ -34,6 +34,11 @@ Json jsonOf(Repair repair) {
     return Json::array();
 }
 
+// Empty for an item of no mailbox.
+std::string addressOf(const Item& item) {
+    return item.mailbox.empty() ? std::string() : item.mailbox + "@" + item.domain;
+}
+
 std::string_view remarkOn(const Item& item) {
     if (item.isExtra)
         return "the panel does not know it";
@@ -90,7 +95,7 @@ const char* nameOf(ItemKind kind) noexcept {
 Json objectOf(const Item& item) {
     return {{"kind", nameOf(item.kind)},
             {"domain", jsonUnlessEmpty(item.domain)},
-            {"mailbox", jsonUnlessEmpty(item.mailbox)},
+            {"mailbox", jsonUnlessEmpty(addressOf(item))},
             {"path", jsonText(item.path)},
             {"expected", jsonOrNull(item.expected)},
             {"found", jsonOrNull(item.found)},
@@ -101,7 +106,7 @@ Json objectOf(const Item& item) {
 
 std::string lineOf(const Item& item) {
     const bool isRow = item.kind == ItemKind::quotaRow && !item.mailbox.empty();
-    const std::string subject = isRow ? item.mailbox + "@" + item.domain + " in " : std::string();
+    const std::string subject = isRow ? addressOf(item) + " in " : std::string();
     return fmt::format("{}{}: {}{}{} [{}]", printable(subject), printable(item.path),
                        printable(item.reason), part(", expected ", item.expected),
                        part(", found ", item.found), remarkOn(item));

@@ -186,9 +186,10 @@ private:
                  const std::string& text) {
         if (!scope_.includes(domain, mailname))
             return;
-        Json all = {{"domain", jsonText(domain)}, {"mailbox", jsonText(mailname)}};
+        const std::string address = mailname + "@" + domain;
+        Json all = {{"domain", jsonText(domain)}, {"mailbox", jsonText(address)}};
         all.update(fields);
-        print(kind, all, mailname + "@" + domain + (text.empty() ? "" : ": " + text));
+        print(kind, all, address + (text.empty() ? "" : ": " + text));
     }
 
     void print(const char* kind, const Json& fields, const std::string& text) {

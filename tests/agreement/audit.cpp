@@ -43,7 +43,8 @@ Finding findingOf(const std::string& line) {
     Finding finding;
     finding.kind = object.at("kind").get<std::string>();
     finding.domain = textOrNothing(object.at("domain"));
-    finding.mailbox = textOrNothing(object.at("mailbox"));
+    const std::string address = textOrNothing(object.at("mailbox"));
+    finding.mailbox = address.substr(0, address.rfind('@'));
     finding.path = object.at("path").get<std::string>();
     finding.reason = object.at("reason").get<std::string>();
     finding.expected = textOrNothing(object.at("expected"));

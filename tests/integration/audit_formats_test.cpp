@@ -233,7 +233,7 @@ TEST_F(AuditFormatsTest, HostileNamesDriveNoTerminalAndAreValidJson) {
         " VALUES (99, 1, CONCAT(UNHEX('1B'), '[2j', UNHEX('0AE280AEFF')), 'true');"
         "INSERT INTO mail_aliases (mn_id, alias) VALUES (99, UNHEX('C29B8007'));");
     const std::string printed = "\\x1b[2j\\x0a\\xe2\\x80\\xae\\xff";
-    const std::string json = R"("mailbox":"\u001b[2j\n\u202e\\xff")";
+    const std::string json = R"("mailbox":"\u001b[2j\n\u202e\\xff@example.com")";
     const std::string diff = audit({"diff"}).out;
     EXPECT_THAT(diff, HasSubstr(MAILNAMES + "/example.com/" + printed + ": is missing [--all]\n"));
     const std::string show = audit({"show"}).out;

@@ -26,7 +26,7 @@ Item missingForward() {
 
 TEST(ItemTest, ObjectHasEveryFieldInAnOrderThatStays) {
     EXPECT_EQ(objectOf(missingForward()).dump(),
-              R"({"kind":"forward","domain":"example.com","mailbox":"info",)"
+              R"({"kind":"forward","domain":"example.com","mailbox":"info@example.com",)"
               R"("path":"/mail/example.com/info/.qmail","expected":"&a@example.net","found":null,)"
               R"("reason":"does not forward","repair":["--all"],"extra":false})");
 }
@@ -98,7 +98,7 @@ TEST(ItemTest, ForeignTextsAreEscapedEachInItsWay) {
               "a\\x1b[2J@\\xff.example in /mail/\\xe2\\x80\\xae: b\\x0d, expected \"\\xc3\", found "
               "\"c\\x0a\\\\\" [--all]");
     const Json object = objectOf(item);
-    EXPECT_EQ(object["mailbox"], "a\x1b[2J");
+    EXPECT_EQ(object["mailbox"], "a\x1b[2J@\\xff.example");
     EXPECT_EQ(object["domain"], "\\xff.example");
     EXPECT_EQ(object["path"], "/mail/\u202e");
     EXPECT_EQ(object["reason"], "b\r");
