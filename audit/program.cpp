@@ -7,6 +7,7 @@
 #include "audit/check_command.h"
 #include "audit/command_line.h"
 #include "audit/diff.h"
+#include "audit/escaped_errors.h"
 #include "audit/library_output.h"
 #include "audit/output.h"
 #include "audit/show.h"
@@ -59,6 +60,7 @@ int run(int argc, const char* const* argv) {
         return printInstead(line);
     Output output(*line.options);
     const LibraryOutput thrownAway;
+    const EscapedErrors escaped;
     return carryOutOrOmit(*line.options, output);
 }
 

@@ -130,6 +130,10 @@ struct Print {
     int status;
 };
 
+void PrintTo(const Print& print, std::ostream* stream) {
+    *stream << print.command << " as " << print.format;
+}
+
 class AuditGoldenTest : public AuditFormatsTest, public ::testing::WithParamInterface<Print> {};
 
 TEST_P(AuditGoldenTest, PrintsWhatIsWritten) {
@@ -247,6 +251,19 @@ TEST_F(AuditFormatsTest, HostileNamesDriveNoTerminalAndAreValidJson) {
     EXPECT_EQ(faultsOf(showLines, "line"), "");
     for (const std::string& text : {diff, show, diffLines, showLines})
         EXPECT_EQ(text.find_first_of("\x1b\xff\x9b\x07"), std::string::npos);
+}
+
+TEST_F(AuditFormatsTest, HostileNamesDriveNoTerminalThroughWarningsEither) {
+    panel.execute(
+        "ALTER TABLE mail MODIFY mail_name VARBINARY(245);"
+        "ALTER TABLE mail_redir MODIFY address VARBINARY(255);"
+        "UPDATE mail SET mail_name=CONCAT(UNHEX('1B'), '[2j') WHERE mail_name='partners';"
+        "UPDATE mail_redir SET address=CONCAT('a@', UNHEX('FF')) WHERE mn_id=15;");
+    const ProcessResult result = audit({"show"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, StartsWith("   executing mail group forwarding cycle for "
+                                       "\\x1b[2j@example.com failed ("));
+    EXPECT_EQ(result.err.find_first_of("\x1b\xff"), std::string::npos) << result.err;
 }
 
 TEST_F(AuditFormatsTest, StandardOutputThatTakesNothingIsOneLineAndStatusTwo) {

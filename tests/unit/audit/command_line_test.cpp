@@ -133,6 +133,10 @@ struct UsageError {
     const char* reason;
 };
 
+void PrintTo(const UsageError& error, std::ostream* stream) {
+    *stream << error.what;
+}
+
 class UsageErrorTest : public ::testing::TestWithParam<UsageError> {
 protected:
     static std::string errorOf(const Arguments& arguments) {

@@ -37,6 +37,10 @@ struct NoUtf8 {
     std::string escaped;
 };
 
+void PrintTo(const NoUtf8& text, std::ostream* stream) {
+    *stream << text.what;
+}
+
 class NoUtf8Test : public ::testing::TestWithParam<NoUtf8> {};
 
 TEST_P(NoUtf8Test, IsEscapedByteByByte) {
