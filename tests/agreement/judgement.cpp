@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "mail/delivery/delivery_file.h"
+#include "mail/quota/maildirpp_quota.h"
 #include "mail/quota/maildirsize.h"
 #include "tests/faults/judge/tree_comparison.h"
 
@@ -60,13 +61,22 @@ Texts linesOf(const std::string& text) {
     return lines;
 }
 
+// Where a mail name has its quota: domains that are written in letters and in ASCII share it.
+std::string placeOf(const equality::Mailname& name) {
+    const std::string place =
+        mail::quotaHomeOf(inLowerCase(name.domain).c_str(), inLowerCase(name.name).c_str());
+    return place.empty() ? name.home() : place;
+}
+
 // Homes that more than one name of the panel comes to.
 class SharedHomes {
 public:
     explicit SharedHomes(const Description& description) {
         std::map<std::string, std::size_t> names;
         for (const equality::Mailname& name : description.mailnames)
-            if (++names[name.home()] > 1) {
+            ++names[placeOf(name)];
+        for (const equality::Mailname& name : description.mailnames)
+            if (names[placeOf(name)] > 1) {
                 homes_.insert(name.home());
                 rows_.insert(rowKey(name.domain, name.name));
             }

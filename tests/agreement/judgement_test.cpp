@@ -210,6 +210,20 @@ TEST_F(JudgementTest, HomeOfTwoNamesIsLeftOut) {
     EXPECT_EQ(countObjects(trial_), 0U);
 }
 
+TEST_F(JudgementTest, DomainInLettersSharesTheHomeOfItsAsciiName) {
+    for (const std::string domain : {"b\xC3\xBC"
+                                     "cher.example",
+                                     "xn--bcher-kva.example"}) {
+        addName("bruno");
+        trial_.description.mailnames.back().domain = domain;
+    }
+    trial_.after.tree["mailnames/xn--bcher-kva.example/bruno/.qmail"] = file("", 9);
+    trial_.after.tree
+        ["mailnames/b\xC3\xBC"
+         "cher.example/bruno/.qmail"] = file("", 10);
+    EXPECT_EQ(verdict(), Verdict{});
+}
+
 TEST_F(JudgementTest, AuditThatTouchesAnythingIsFound) {
     trial_.first.touched = {"/run/lock/files/a"};
     EXPECT_EQ(verdict(), Verdict{"touched by an audit: /run/lock/files/a"});
