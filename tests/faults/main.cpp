@@ -39,6 +39,7 @@ const Mechanism MECHANISMS[] = {
     {"races", "a process that exchanges entries with links", corvo::faults::races},
     {"rows", "hostile rows in the panel database", corvo::faults::hostileRows},
     {"deliveries", "a sound tree at each call and under each error", corvo::faults::deliveries},
+    {"audit", "the auditing program, which only reads", corvo::faults::audits},
 };
 
 int usage() {

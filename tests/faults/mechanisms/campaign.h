@@ -70,5 +70,6 @@ void races(World& world, Report& report, const Selection& selection);
 void hostileRows(World& world, Report& report, const Selection& selection);
 void powerCuts(World& world, Report& report, const Selection& selection);
 void deliveries(World& world, Report& report, const Selection& selection);
+void audits(World& world, Report& report, const Selection& selection);
 
 }  // namespace corvo::faults

@@ -44,19 +44,24 @@ struct Place {
     Spoils spoils;
 };
 
-/// Every level from the domain to the files of a mailbox, and the one file beside the domains.
+/// What a trap at a path below the mail names root may spoil.
+Spoils spoilsOf(const std::string& key) {
+    if (key == TRAPPED_DOMAIN)
+        return [](const std::string& other) { return isIn(TRAPPED_DOMAIN, other); };
+    if (key == ".default_delivery")
+        return [](const std::string& other) {
+            return other.ends_with("/.qmail") || isIn(".default_delivery", other);
+        };
+    return [](const std::string& other) { return isIn(TRAPPED_HOME, other); };
+}
+
 std::vector<Place> placesInStorage(const Restored& golden) {
-    const Spoils home = [](const std::string& key) { return isIn(TRAPPED_HOME, key); };
-    const Spoils domain = [](const std::string& key) { return isIn(TRAPPED_DOMAIN, key); };
-    const Spoils delivery = [](const std::string& key) {
-        return key.ends_with("/.qmail") || isIn(".default_delivery", key);
-    };
-    std::vector<Place> places = {{TRAPPED_DOMAIN, domain},
-                                 {".default_delivery", delivery},
-                                 {TRAPPED_HOME + "/.qmail.tmp", home}};
-    for (const auto& [key, entry] : golden.storage)
-        if (isIn(TRAPPED_HOME, key))
-            places.push_back({key, home});
+    std::vector<Place> places;
+    for (const std::string& path : trapPlaces(golden))
+        if (path.starts_with(test::MAILNAMES + "/")) {
+            const std::string key = path.substr(test::MAILNAMES.size() + 1);
+            places.push_back({key, spoilsOf(key)});
+        }
     return places;
 }
 

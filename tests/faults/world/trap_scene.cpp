@@ -80,6 +80,18 @@ Restored Restored::look() {
     return {readTree(test::MAILNAMES), joined(test::quotaRows()), joined(test::handlerRows())};
 }
 
+std::vector<std::string> trapPlaces(const Restored& golden) {
+    std::vector<std::string> places = {test::MAILNAMES + "/" + TRAPPED_DOMAIN,
+                                       test::MAILNAMES + "/.default_delivery",
+                                       test::MAILNAMES + "/" + TRAPPED_HOME + "/.qmail.tmp"};
+    for (const auto& [key, entry] : golden.storage)
+        if (key == TRAPPED_HOME || key.starts_with(TRAPPED_HOME + "/"))
+            places.push_back(test::MAILNAMES + "/" + key);
+    for (const std::string suffix : {"", "-journal", "-wal", "-shm"})
+        places.push_back(test::USERDB + suffix);
+    return places;
+}
+
 TrapScene::TrapScene() {
     describe();
     prepareStorage();

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "tests/faults/world/snapshot.h"
 #include "tests/support/panel.h"
@@ -28,6 +29,10 @@ struct Restored {
 
     static Restored look();
 };
+
+/// Where traps may lie: every level from the trapped domain to the files of its mailbox, the file
+/// beside the domains, the quota database and what SQLite makes beside it.
+std::vector<std::string> trapPlaces(const Restored& golden);
 
 class TrapScene {
 public:
