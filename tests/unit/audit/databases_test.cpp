@@ -1,0 +1,152 @@
+#include "audit/databases.h"
+
+#include "tests/support/capture.h"
+#include "tests/support/sqlite.h"
+#include "tests/unit/audit/look_fixture.h"
+
+namespace corvo::audit::test {
+
+namespace {
+
+using corvo::test::HANDLERS;
+using corvo::test::sqliteExecute;
+using corvo::test::sqliteRows;
+using corvo::test::USERDB;
+using Texts = std::vector<std::string>;
+
+constexpr long long QUOTA = 5000;
+const std::string NOT_LOOKED_AT = ": the quota rows were not looked at\n";
+const std::string NO_RECORDS = ": the records of the over-quota handler were not looked at\n";
+
+// Rows of both databases as a run stores them.
+class AuditDatabasesTest : public LookTest {
+protected:
+    AuditDatabasesTest() {
+        sqliteExecute(USERDB, "INSERT INTO mailbox_quota VALUES ('a.example', 'anna', '5000B')");
+        output.emplace(Options{});
+    }
+
+    Texts look(long long quota = QUOTA, bool isReached = true) {
+        items.clear();
+        QuotaRows(*output).lookAt(items, about, quota, isReached);
+        return texts(items);
+    }
+
+    Texts lookAtRecords(bool reject, bool permanent) {
+        items.clear();
+        lookAtOverquotaRecords(items, *output, reject, permanent);
+        return texts(items);
+    }
+
+    corvo::test::StreamCapture streams;
+    std::optional<Output> output;
+};
+
+// --- quota rows
+
+TEST_F(AuditDatabasesTest, RightRowHasNoItem) {
+    EXPECT_THAT(look(), IsEmpty());
+    EXPECT_TRUE(output->isWhole());
+}
+
+TEST_F(AuditDatabasesTest, MissingRowIsNamed) {
+    sqliteExecute(USERDB, "DELETE FROM mailbox_quota");
+    EXPECT_THAT(look(), ElementsAre("quota-row: has no row for it, 5000B, - [--all]"));
+    EXPECT_EQ(items.front().path, USERDB);
+    EXPECT_THAT(look(QUOTA, false), ElementsAre("quota-row: has no row for it, 5000B, - [none]"));
+}
+
+TEST_F(AuditDatabasesTest, RowWithAnotherQuotaIsNamed) {
+    EXPECT_THAT(look(7), ElementsAre("quota-row: has another quota, 7B, 5000B [--all]"));
+    EXPECT_THAT(look(-1), ElementsAre("quota-row: has another quota, 0B, 5000B [--all]"));
+}
+
+TEST_F(AuditDatabasesTest, RowThatIsNoTextIsNamed) {
+    sqliteExecute(USERDB, "UPDATE mailbox_quota SET quota = CAST(quota AS BLOB)");
+    EXPECT_THAT(look(), ElementsAre("quota-row: has another quota, 5000B, 5000B [--all]"));
+}
+
+TEST_F(AuditDatabasesTest, LettersOfTheNameDoNotCount) {
+    about.mailbox = "Anna";
+    about.domain = "A.Example";
+    EXPECT_THAT(look(), IsEmpty());
+}
+
+TEST_F(AuditDatabasesTest, DatabaseThatCannotBeReadIsToldOnce) {
+    std::filesystem::remove(USERDB);
+    QuotaRows rows(*output);
+    for (int i = 0; i < 2; ++i)
+        rows.lookAt(items, about, QUOTA, true);
+    EXPECT_THAT(items, IsEmpty());
+    EXPECT_FALSE(output->isWhole());
+    EXPECT_EQ(streams.err(),
+              "mail_audit: " + USERDB + ": No such file or directory" + NOT_LOOKED_AT);
+    EXPECT_FALSE(corvo::test::exists(USERDB));
+}
+
+TEST_F(AuditDatabasesTest, WriteAheadLogIsNotOpened) {
+    sqliteExecute(USERDB, "PRAGMA journal_mode = WAL");
+    EXPECT_THAT(look(), IsEmpty());
+    EXPECT_EQ(streams.err(), "mail_audit: " + USERDB +
+                                 ": it has a write-ahead log, which cannot be read without a "
+                                 "change" +
+                                 NOT_LOOKED_AT);
+    EXPECT_FALSE(corvo::test::exists(USERDB + "-wal"));
+    EXPECT_FALSE(corvo::test::exists(USERDB + "-shm"));
+}
+
+TEST_F(AuditDatabasesTest, FileThatIsNoDatabaseIsNotLookedAt) {
+    corvo::test::writeFile(USERDB, "no database, and of some length, so that it shows\n");
+    EXPECT_THAT(look(), IsEmpty());
+    EXPECT_EQ(streams.err(), "mail_audit: " + USERDB +
+                                 ": the rows cannot be read (locked, damaged, or a transaction to "
+                                 "be rolled back)" +
+                                 NOT_LOOKED_AT);
+}
+
+TEST_F(AuditDatabasesTest, DomainsAndMailboxesWithRowsAreListed) {
+    sqliteExecute(USERDB,
+                  "INSERT INTO mailbox_quota VALUES ('b.example', 'bruno', '1B'), "
+                  "('a.example', 'alma', '1B')");
+    QuotaRows rows(*output);
+    EXPECT_THAT(rows.domains(), ElementsAre("a.example", "b.example"));
+    EXPECT_THAT(rows.mailboxesOf("a.example"), ElementsAre("alma", "anna"));
+    EXPECT_THAT(rows.mailboxesOf("c.example"), IsEmpty());
+}
+
+// --- records of the over-quota handler
+
+TEST_F(AuditDatabasesTest, NoRecordsAreRightWhereMailOverQuotaIsTaken) {
+    sqliteExecute(HANDLERS, "DELETE FROM handlers");
+    EXPECT_THAT(lookAtRecords(false, false), IsEmpty());
+    EXPECT_THAT(lookAtRecords(true, false),
+                ElementsAre("overquota-records: does not reject mail over quota as the panel says, "
+                            "-, - [either]"));
+}
+
+TEST_F(AuditDatabasesTest, RecordsAreNamedWhereMailOverQuotaIsTaken) {
+    sqliteExecute(HANDLERS,
+                  "DELETE FROM handlers; INSERT INTO handlers (queue, type, name, address, "
+                  "priority, enabled, executable, context, protected) VALUES (1, 4, "
+                  "'check-quota', 'all-recipients', 10, 1, '/x', 'none', 0)");
+    EXPECT_THAT(lookAtRecords(false, false),
+                ElementsAre("overquota-records: rejects mail over quota though the panel says not, "
+                            "-, - [either]"));
+}
+
+TEST_F(AuditDatabasesTest, RecordsThatAreMissingInPartAreNamed) {
+    sqliteExecute(HANDLERS, "DELETE FROM handlers WHERE queue = 4");
+    EXPECT_EQ(lookAtRecords(true, true).size(), 1U);
+    EXPECT_EQ(items.front().path, HANDLERS);
+}
+
+TEST_F(AuditDatabasesTest, HandlersDatabaseThatCannotBeReadIsTold) {
+    std::filesystem::remove(HANDLERS);
+    EXPECT_THAT(lookAtRecords(true, true), IsEmpty());
+    EXPECT_EQ(streams.err(),
+              "mail_audit: " + HANDLERS + ": No such file or directory" + NO_RECORDS);
+}
+
+}  // namespace
+
+}  // namespace corvo::audit::test

@@ -1,0 +1,115 @@
+#include "audit/mailbox_look.h"
+
+#include "mail/home/skeleton.h"
+#include "tests/support/capture.h"
+#include "tests/support/sqlite.h"
+#include "tests/unit/audit/look_fixture.h"
+
+namespace corvo::audit::test {
+
+namespace {
+
+using corvo::test::DELIVERY_LINE;
+using corvo::test::POPUSER_GID;
+using corvo::test::POPUSER_UID;
+using corvo::test::writeFile;
+using Texts = std::vector<std::string>;
+
+constexpr long long QUOTA = 5000;
+const std::string NO_ROW = "quota-row: has no row for it, 5000B, - ";
+const std::string DISCARDS =
+    "delivery: discards though the panel says that it shall deliver, " + DELIVERY_LINE + ", -";
+
+class MailboxLookTest : public LookTest {
+protected:
+    MailboxLookTest() { output.emplace(Options{}); }
+
+    static PanelMailname named(const std::string& name, const std::string& domain = "a.example") {
+        return {mail::Mailname(domain, name), true, {}, QUOTA};
+    }
+
+    Texts look(const PanelMailname& mailname) {
+        return texts(MailboxLook(means, *output, true).at(mailname));
+    }
+
+    // A home as a run leaves it, with its row.
+    static void makeRight() {
+        for (const mail::SkeletonEntry& entry : mail::SKELETON)
+            makeFolder(std::string("/") + entry.path);
+        writeFile(HOME + "/.qmail", "| true\n" + DELIVERY_LINE + "\n", POPUSER_UID, POPUSER_GID,
+                  0600);
+        writeFile(HOME + "/Maildir/maildirsize", "5000S,0C\n0 0\n", POPUSER_UID, POPUSER_GID, 0644);
+        corvo::test::sqliteExecute(
+            corvo::test::USERDB, "INSERT INTO mailbox_quota VALUES ('a.example', 'anna', '5000B')");
+    }
+
+    corvo::test::StreamCapture streams;
+    std::optional<Output> output;
+};
+
+TEST_F(MailboxLookTest, MailboxInOrderHasNoItem) {
+    makeRight();
+    EXPECT_THAT(look(named("anna")), IsEmpty());
+}
+
+TEST_F(MailboxLookTest, MissingHomeStandsForAllThatARunPutsIntoIt) {
+    EXPECT_THAT(look(named("bruno")),
+                ElementsAre("home: is missing, -, - [--all]", NO_ROW + "[--all]"));
+}
+
+TEST_F(MailboxLookTest, WhatANewHomeWillLackIsNamedWithIt) {
+    means.hasAgent = false;
+    EXPECT_THAT(look(named("bruno")), ElementsAre("home: is missing, -, - [--all]",
+                                                  DISCARDS + " [none]", NO_ROW + "[--all]"));
+}
+
+TEST_F(MailboxLookTest, BehindWhatIsInPlaceOfAHomeNothingIsRepaired) {
+    writeFile(corvo::test::MAILNAMES + "/a.example/bruno", "");
+    EXPECT_THAT(look(named("bruno")),
+                ElementsAre("home: is no directory, -, - [none]", NO_ROW + "[none]"));
+}
+
+TEST_F(MailboxLookTest, NameThatIsNoPathComponentIsNotRepaired) {
+    EXPECT_THAT(look(named("a/b")),
+                ElementsAre("home: can be the name of no directory, -, - [none]"));
+}
+
+TEST_F(MailboxLookTest, MailNameWithoutQuotaHasNoneToBeLookedAt) {
+    makeRight();
+    PanelMailname anna = named("anna");
+    anna.quota.reset();
+    std::filesystem::remove(HOME + "/Maildir/maildirsize");
+    EXPECT_THAT(look(anna), IsEmpty());
+}
+
+TEST_F(MailboxLookTest, ForwardsBehindOneThatIsNoAddressAreNotAskedFor) {
+    makeRight();
+    PanelMailname anna = named("anna");
+    anna.forwards = {"b@c.example", "nowhere", "d@e.example"};
+    EXPECT_THAT(look(anna), ElementsAre("forward: has a forward missing, &b@c.example, - [--all]"));
+}
+
+TEST_F(MailboxLookTest, DomainInLettersGetsNoQuota) {
+    const std::string domain =
+        "b\xC3\xBC"
+        "cher.example";
+    corvo::test::makeDirectory(corvo::test::MAILNAMES + "/" + domain + "/anna");
+    const Texts found = look(named("anna", domain));
+    EXPECT_THAT(found, ::testing::Contains(
+                           "maildirsize: gets no quota: its home is looked for in " +
+                           corvo::test::MAILNAMES + "/xn--bcher-kva.example/anna, -, - [none]"));
+    EXPECT_THAT(found, ::testing::Contains(NO_ROW + "[none]"));
+}
+
+TEST_F(MailboxLookTest, RowIsStoredBesideARightFileWithoutPlaceForANewOne) {
+    makeRight();
+    corvo::test::sqliteExecute(corvo::test::USERDB, "DELETE FROM mailbox_quota");
+    std::filesystem::remove_all(HOME + "/Maildir/tmp");
+    writeFile(HOME + "/Maildir/tmp", "");
+    EXPECT_THAT(look(named("anna")),
+                ElementsAre("directory: is no directory, -, - [none]", NO_ROW + "[--all]"));
+}
+
+}  // namespace
+
+}  // namespace corvo::audit::test
