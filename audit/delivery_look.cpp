@@ -24,6 +24,8 @@ using mail::ForwardLines;
 using mail::Lines;
 using mail::Obstacle;
 
+constexpr std::size_t LARGEST = mail::LARGEST_DELIVERY_FILE;
+
 // A run as far as it concerns one delivery file.
 class RunOnFile {
 public:
@@ -85,7 +87,7 @@ private:
 
     void replaceBy(Lines lines) {
         state_.exists = true;
-        state_.isTooLong = false;
+        state_.isTooLong = mail::textOf(lines).size() > LARGEST;
         state_.isUnended = false;
         state_.lines = std::move(lines);
         state_.differences = {};

@@ -249,6 +249,14 @@ TEST_F(DeliveryLookTest, InAHomeThatIsNotWholeOnlyForwardsAreAdded) {
                     "[none]"));
 }
 
+TEST_F(DeliveryLookTest, FileThatAForwardMakesTooLongIsNamed) {
+    wish.forwards = {"&b@c.example"};
+    const std::size_t rest =
+        static_cast<std::size_t>(mail::LARGEST_DELIVERY_FILE) - DELIVERS.size() - 1;
+    lookAt(DELIVERS + std::string(rest, '#') + "\n", false);
+    EXPECT_THAT(texts(items).back(), "delivery-file: is longer than 1 MiB, -, - [none]");
+}
+
 // --- a home that is to come
 
 TEST_F(DeliveryLookTest, NewHomeWithAllMeansIsRight) {
