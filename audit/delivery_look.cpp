@@ -64,11 +64,9 @@ private:
                                    .didForward = !forwards.empty(),
                                    .obstacle = obstacle(),
                                    .isLocked = means_.hasLocks};
-        if (state_.isTooLong)
-            startAfresh();
-        else if (mail::mayPutInPlace(file))
+        if (!state_.isTooLong && mail::mayPutInPlace(file))
             putInPlace(forwards);
-        else if (mail::isWorthKeeping(file))
+        else if (!state_.isTooLong && mail::isWorthKeeping(file))
             keepWithOwnerAndMode();
         else
             startAfresh();
@@ -344,7 +342,7 @@ void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, c
 
 void lookAtDeliveryToCome(Items& items, const Item& about, const DeliveryWish& wish,
                           const Means& means) {
-    Items left = itemsAfterRun(about, {}, {}, wish, means, true);
+    Items left = itemsAfterRun(about, {}, {}, wish, means, /*isRestored=*/true);
     for (Item& item : left) {
         item.repair = Repair::none;
         items.push_back(std::move(item));

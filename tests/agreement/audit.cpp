@@ -58,7 +58,7 @@ faults::Tree allThereIs() {
     faults::Tree all;
     for (const std::string& top : {equality::STORAGE, std::string(DATABASES), std::string(LOCKS)})
         for (auto& [path, entry] : faults::readTree(top, true))
-            all[top + "/" + path] = std::move(entry);
+            all[std::string(top).append("/").append(path)] = std::move(entry);
     return all;
 }
 
