@@ -32,6 +32,8 @@ std::optional<std::string> objectionToReading(const std::string& path) {
         return std::strerror(errno);
     if (state.wal)
         return "it has a write-ahead log, which cannot be read without a change";
+    if (state.hasOddJournal)
+        return "it has an empty journal of another mode, which SQLite would change";
     return std::nullopt;
 }
 

@@ -33,6 +33,10 @@ public:
 
     bool exists() const noexcept {
         struct stat seen = {};
+        return look(seen);
+    }
+
+    bool look(struct stat& seen) const noexcept {
         return fits_ &&
                safe_path::status(at_.parent.get(), name_, seen, safe_path::LastLink::keep) == 0;
     }
@@ -58,6 +62,13 @@ bool holdsTransaction(const Beside& journal) noexcept {
     char first = 0;
     return seen.st_size > 0 &&
            (retryOnEintr([&] { return ::pread(file.get(), &first, 1, 0); }) != 1 || first != 0);
+}
+
+// SQLite gives the mode of the database to an empty journal as soon as it opens it, even to read.
+bool isOdd(const Beside& journal, const struct stat& database) noexcept {
+    struct stat seen = {};
+    return journal.look(seen) && seen.st_size == 0 &&
+           (seen.st_mode & ACCESSPERMS) != (database.st_mode & ACCESSPERMS);
 }
 
 bool isInWalMode(int database, bool& isWal) noexcept {
@@ -93,6 +104,7 @@ bool lookAtSqlite(const char* path, SqliteState& state) noexcept {
         return false;
     state.wal = state.wal || Beside(place, "-wal").exists();
     state.sharedMemory = Beside(place, "-shm").exists();
+    state.hasOddJournal = isOdd(Beside(place, "-journal"), state.database);
     state.journal = holdsTransaction(Beside(place, "-journal"));
     return true;
 }

@@ -95,6 +95,23 @@ TEST_F(AuditDatabasesTest, WriteAheadLogIsNotOpened) {
     EXPECT_FALSE(corvo::test::exists(USERDB + "-shm"));
 }
 
+TEST_F(AuditDatabasesTest, EmptyJournalKeepsItsMode) {
+    ASSERT_EQ(::chmod(USERDB.c_str(), 0640), 0);
+    corvo::test::writeFile(USERDB + "-journal", "", 0, 0, 0600);
+    EXPECT_THAT(look(7), IsEmpty());
+    EXPECT_EQ(streams.err(), "mail_audit: " + USERDB +
+                                 ": it has an empty journal of another mode, which SQLite would "
+                                 "change" +
+                                 NOT_LOOKED_AT);
+    EXPECT_EQ(corvo::test::modeOf(USERDB + "-journal"), "0600");
+}
+
+TEST_F(AuditDatabasesTest, EmptyJournalOfTheSameModeIsNoObstacle) {
+    ASSERT_EQ(::chmod(USERDB.c_str(), 0640), 0);
+    corvo::test::writeFile(USERDB + "-journal", "", 0, 0, 0640);
+    EXPECT_EQ(look(7).size(), 1U);
+}
+
 TEST_F(AuditDatabasesTest, FileThatIsNoDatabaseIsNotLookedAt) {
     corvo::test::writeFile(USERDB, "no database, and of some length, so that it shows\n");
     EXPECT_THAT(look(), IsEmpty());
