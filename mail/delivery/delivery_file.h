@@ -66,11 +66,13 @@ enum class Replaced { whole, notOpened, notWritten };
 [[nodiscard]] Replaced replaceDelivery(const line_rewrite::Target& file, std::string_view text,
                                        const Ownership& ownership) noexcept;
 
-/// Runs `edit` on the lines of the file under its lock and puts what it made of them in place,
-/// unless all is as it should be. A missing file has no lines, and stays missing where it gets
-/// none.
+/// How often a change is attempted: what takes its place where it fails takes two steps, between
+/// which a line is missing, and a failure of the moment is no reason for that.
+inline constexpr int CHANGE_ATTEMPTS = 3;
+
+/// changeDelivery, once.
 template <typename Edit>
-[[nodiscard]] bool changeDelivery(const char* path, Edit edit) {
+[[nodiscard]] bool attemptChange(const char* path, Edit& edit) {
     const LineLock lock(path);
     const line_rewrite::Target file(path);
     DeliveryContents old;
@@ -84,6 +86,17 @@ template <typename Edit>
     const std::string text = textOf(lines);
     return !deliveryDifferences(old, text, ownership).any() ||
            replaceDelivery(file, text, ownership) == Replaced::whole;
+}
+
+/// Runs `edit` on the lines of the file under its lock and puts what it made of them in place,
+/// unless all is as it should be. A missing file has no lines, and stays missing where it gets
+/// none.
+template <typename Edit>
+[[nodiscard]] bool changeDelivery(const char* path, Edit edit) {
+    for (int attempt = 0; attempt < CHANGE_ATTEMPTS; ++attempt)
+        if (attemptChange(path, edit))
+            return true;
+    return false;
 }
 
 }  // namespace corvo::mail

@@ -58,12 +58,7 @@ bool DotQMailManager::placeRedirect(const std::string& address, ForwardLines& un
     if (line.empty() && errno == ENOMEM)
         unnamed.clear();
     unnamed.erase(line);
-    // A failure of the moment is no reason to add the forward in two steps, between which it is
-    // missing.
-    for (int attempt = 0; mayPlace && isSound_ && !line.empty() && attempt < 3; ++attempt)
-        if (placeForward(path_.c_str(), line, unnamed))
-            return true;
-    return false;
+    return mayPlace && isSound_ && !line.empty() && placeForward(path_.c_str(), line, unnamed);
 }
 
 bool DotQMailManager::dropRedirects(const ForwardLines& unnamed) {

@@ -238,6 +238,14 @@ TEST_F(DotQMailManagerTest, PlacesAForwardDespiteFailuresOfTheMoment) {
     }
 }
 
+TEST_F(DotQMailManagerTest, AddsAForwardThatIsThereInOneStepDespiteFailuresOfTheMoment) {
+    writeFile(DOTQMAIL, "| true\n&a@b.c\n&d@e.f\n");
+    failingFlushes = 2;
+    manager.addRedirect("a@b.c", Position::anywhere);
+    EXPECT_EQ(failingFlushes, 0);
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n&d@e.f\n&a@b.c\n");
+}
+
 TEST_F(DotQMailManagerTest, NamesAForwardThatItMayNotPlace) {
     writeFile(DOTQMAIL, "| true\n&a@b.c\n");
     ForwardLines unnamed = {"&a@b.c", "&d@e.f"};
