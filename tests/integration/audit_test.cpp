@@ -12,6 +12,7 @@
 
 #include "tests/integration/whole_run_fixture.h"
 #include "tests/support/files.h"
+#include "tests/support/general_log.h"
 #include "tests/support/installation.h"
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
@@ -217,6 +218,17 @@ TEST_F(AuditTest, WalkThatIsBrokenOffIsNotWhole) {
     EXPECT_EQ(result.status, 2);
     EXPECT_THAT(result.err, HasSubstr(" executing the central domain restoration cycle failed ("));
     EXPECT_THAT(result.err, HasSubstr("mail_audit: the panel database was not read whole"));
+}
+
+TEST_F(AuditTest, AsksThePanelWhatARunAsks) {
+    GeneralLog logOfRun(panel);
+    EXPECT_EQ(mailRebuild().status, 0);
+    const std::vector<std::string> asked = logOfRun.statements();
+    EXPECT_FALSE(asked.empty());
+    GeneralLog log(panel);
+    EXPECT_EQ(audit({"diff"}).status, 0);
+    EXPECT_EQ(log.statements(), asked);
+    EXPECT_EQ(log.connections(), logOfRun.connections());
 }
 
 TEST_F(AuditTest, ExtrasAreNamedWhenAskedFor) {
