@@ -15,7 +15,6 @@ namespace {
 
 using mail::RowDifferences;
 using mail::SqliteAccess;
-using mail::SqliteSession;
 using mail::SqliteStatement;
 using mail::SqliteStep;
 using mail::SqliteUse;

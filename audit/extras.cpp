@@ -87,7 +87,7 @@ void Extras::leaveDomain(const Sink& sink) {
         const std::string root = mail::mailnamesPrefix() + domain_;
         for (const std::string& name : unknownDirectories(root, mailnames_))
             if (scope_.includes(domain_, name))
-                sink(extra(ItemKind::home, domain_, name, root + "/" + name));
+                sink(extra(ItemKind::home, domain_, name, mail::homeOf(domain_, name)));
         for (const std::string& name : rows_.mailboxesOf(domain_))
             if (!mailnames_.contains(name) && scope_.includes(domain_, name))
                 sink(extra(ItemKind::quotaRow, domain_, name, mail::MAIL_USER_DB));

@@ -74,11 +74,11 @@ void MailboxLook::lookAtHome(Items& items, const Item& about, const PanelMailnam
             items.push_back(about);
             items.back().reason = "is missing";
             lookAtDeliveryToCome(items, deliveryOf(about), wishOf(mailname), means_);
-            lookAtQuota(items, about, -1, mailname, true);
+            lookAtQuota(items, about, -1, mailname, /*isReached=*/true);
             break;
         case State::blocked:
             addUnrepaired(items, about, ItemKind::home, home.reason);
-            lookAtQuota(items, about, -1, mailname, false);
+            lookAtQuota(items, about, -1, mailname, /*isReached=*/false);
             break;
         case State::unseen:
             output_.omit(about.path + ": " + home.reason + ": the mailbox was not looked at");
