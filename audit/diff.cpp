@@ -37,7 +37,7 @@ Tone toneOf(const Item& item) {
 // What was found so far.
 class Findings {
 public:
-    Findings(Output& output, Progress& progress) : output_(output), progress_(progress) {}
+    explicit Findings(Output& output) : output_(output) {}
 
     void print(const Items& items) {
         for (const Item& item : items)
@@ -45,7 +45,6 @@ public:
     }
 
     void print(const Item& item) {
-        progress_.clear();
         output_.print(objectOf(item), lineOf(item), toneOf(item));
         ++items_;
         repairable_ += item.repair == Repair::none ? 0 : 1;
@@ -89,7 +88,6 @@ private:
     }
 
     Output& output_;
-    Progress& progress_;
     std::size_t mailboxes_ = 0;
     std::size_t differing_ = 0;
     std::size_t items_ = 0;
@@ -106,7 +104,7 @@ public:
           means_(findMeans()),
           look_(means_, output, options.recount),
           progress_(options),
-          findings_(output, progress_) {}
+          findings_(output) {}
 
     int run() {
         mysql::Connection connection(/*open_now=*/true);
@@ -117,7 +115,6 @@ public:
         leaveDomain();
         if (extras_)
             extras_->finish([this](const Item& item) { findings_.print(item); });
-        progress_.clear();
         tellOfGaps();
         return status(findings_.finish());
     }

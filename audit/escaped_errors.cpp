@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "audit/progress.h"
 #include "audit/text.h"
 
 namespace corvo::audit {
@@ -26,6 +27,7 @@ EscapedErrors::int_type EscapedErrors::overflow(int_type c) {
 
 void EscapedErrors::putLine(const char* end) {
     const std::string text = printable(line_) + end;
+    clearProgress();
     errors_->sputn(text.data(), static_cast<std::streamsize>(text.size()));
     line_.clear();
 }

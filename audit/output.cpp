@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "audit/progress.h"
 #include "audit/text.h"
 
 namespace corvo::audit {
@@ -46,6 +47,7 @@ std::string textOf(const Json& value) {
 }
 
 void tell(const std::string& what) {
+    clearProgress();
     std::fputs(("mail_audit: " + what + "\n").c_str(), stderr);
 }
 
@@ -70,6 +72,7 @@ Output::Output(const Options& options)
 void Output::print(const Json& object, const std::string& line, Tone tone) {
     if (isQuiet_ && tone == Tone::good && format_ != Format::json)
         return;
+    clearProgress();
     switch (format_) {
         case Format::table:
             printLine(line, tone);
@@ -95,6 +98,7 @@ void Output::omit(const std::string& what) {
 }
 
 bool Output::finish(const Json& summary, const std::string& line) {
+    clearProgress();
     if (format_ == Format::table && !isQuiet_ && !line.empty())
         printLine(line, Tone::plain);
     if (format_ == Format::json) {

@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::chrono::milliseconds PAUSE{200};
 
+bool isLineShown = false;  // the process has one standard error
+
 }  // namespace
 
 Progress::Progress(const Options& options)
@@ -40,15 +42,15 @@ void Progress::show(Clock::time_point now) {
                             static_cast<double>(all - done);
         text += fmt::format(", about {:.0f} s left", left);
     }
-    fmt::print(stderr, "\r{}\x1b[K", text);
-    isShown_ = true;
+    std::fputs(("\r" + text + "\x1b[K").c_str(), stderr);
+    isLineShown = true;
     shown_ = now;
 }
 
-void Progress::clear() {
-    if (isShown_)
-        fmt::print(stderr, "\r\x1b[K");
-    isShown_ = false;
+void clearProgress() noexcept {
+    if (isLineShown)
+        std::fputs("\r\x1b[K", stderr);
+    isLineShown = false;
 }
 
 }  // namespace corvo::audit

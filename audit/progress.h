@@ -10,7 +10,8 @@
 namespace corvo::audit {
 
 /// One line on standard error, written anew: domains done of all, and an estimate of what is left.
-/// Nothing where standard error is no terminal, or nobody wants it.
+/// Nothing where standard error is no terminal, or nobody wants it. Whatever else the program
+/// writes takes the line away first.
 class Progress {
 public:
     explicit Progress(const Options& options);
@@ -18,19 +19,18 @@ public:
     /// One more domain is begun.
     void step();
 
-    /// Takes the line away, for others to write.
-    void clear();
-
 private:
     using Clock = std::chrono::steady_clock;
 
     void show(Clock::time_point now);
 
     bool isWanted_;
-    bool isShown_ = false;
     std::size_t begun_ = 0;
     Clock::time_point start_;
     Clock::time_point shown_;
 };
+
+/// Takes the line away, for others to write. Nothing where none is shown.
+void clearProgress() noexcept;
 
 }  // namespace corvo::audit

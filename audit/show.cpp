@@ -66,7 +66,6 @@ public:
             bindSettingSlots(slots);
         }
         mail::restore::walkMailServerEntities(slots);
-        progress_.clear();
         tellOfGaps();
         return finish() && output_.isWhole() ? NOTHING_TO_REPAIR : NOT_WHOLE;
     }
@@ -195,7 +194,6 @@ private:
     void print(const char* kind, const Json& fields, const std::string& text) {
         Json object = {{"kind", kind}};
         object.update(fields);
-        progress_.clear();
         output_.print(object, fmt::format("{:<19} {}", kind, printable(text)), Tone::plain);
         ++items_;
     }

@@ -1,0 +1,121 @@
+#include "audit/progress.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+
+#include "audit/escaped_errors.h"
+#include "audit/output.h"
+#include "tests/support/capture.h"
+#include "utils/guards.h"
+
+namespace corvo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* CLEARED = "\r\x1b[K";
+constexpr const char* LINE = "\r0 of 0 domains\x1b[K";
+
+// A terminal that stands where standard error was.
+class ErrorTerminal {
+public:
+    ErrorTerminal() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)), saved_(::dup(2)) {
+        EXPECT_EQ(::grantpt(master_.get()), 0);
+        EXPECT_EQ(::unlockpt(master_.get()), 0);
+        const UniqueFd slave(::open(::ptsname(master_.get()), O_RDWR | O_NOCTTY));
+        EXPECT_EQ(::dup2(slave.get(), 2), 2);
+    }
+    ~ErrorTerminal() { ::dup2(saved_.get(), 2); }
+    ErrorTerminal(const ErrorTerminal&) = delete;
+    ErrorTerminal& operator=(const ErrorTerminal&) = delete;
+
+    // What has come since the last look.
+    std::string text() {
+        std::array<char, 4096> buffer{};
+        const ssize_t got = ::read(master_.get(), buffer.data(), buffer.size());
+        return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
+    }
+
+private:
+    UniqueFd master_;
+    UniqueFd saved_;
+};
+
+class ProgressTest : public testing::Test {
+protected:
+    // Late enough for the line to be shown.
+    void step() {
+        audit::Progress progress(options_);
+        std::this_thread::sleep_for(250ms);
+        progress.step();
+    }
+
+    StreamCapture streams_;
+    ErrorTerminal terminal_;
+    audit::Options options_;
+};
+
+TEST_F(ProgressTest, IsOneLineOnATerminal) {
+    step();
+    EXPECT_EQ(terminal_.text(), LINE);
+    audit::clearProgress();
+    EXPECT_EQ(terminal_.text(), CLEARED);
+    audit::clearProgress();
+    EXPECT_EQ(terminal_.text(), "");
+}
+
+TEST_F(ProgressTest, IsNotShownWhereNobodyWantsIt) {
+    options_.progress = false;
+    step();
+    EXPECT_EQ(terminal_.text(), "");
+}
+
+TEST_F(ProgressTest, IsNotShownByAQuietProgram) {
+    options_.quiet = true;
+    step();
+    EXPECT_EQ(terminal_.text(), "");
+}
+
+TEST_F(ProgressTest, MakesWayForAFailureOfTheWalk) {
+    const audit::EscapedErrors escaped;
+    step();
+    std::cerr << "a failure\n";
+    EXPECT_EQ(terminal_.text(), std::string(LINE) + CLEARED + "a failure\r\n");
+}
+
+TEST_F(ProgressTest, MakesWayForWhatWasNotLookedAt) {
+    audit::Output output(options_);
+    step();
+    output.omit("a home");
+    EXPECT_EQ(terminal_.text(), std::string(LINE) + CLEARED + "mail_audit: a home\r\n");
+}
+
+TEST_F(ProgressTest, MakesWayForAnItem) {
+    audit::Output output(options_);
+    step();
+    output.print(nullptr, "an item", audit::Tone::plain);
+    EXPECT_EQ(terminal_.text(), std::string(LINE) + CLEARED);
+    EXPECT_TRUE(output.finish(nullptr, ""));
+    EXPECT_EQ(streams_.out(), "an item\n");
+}
+
+TEST_F(ProgressTest, MakesWayForTheSummary) {
+    audit::Output output(options_);
+    step();
+    EXPECT_TRUE(output.finish(nullptr, "the end"));
+    EXPECT_EQ(terminal_.text(), std::string(LINE) + CLEARED);
+    EXPECT_EQ(streams_.out(), "the end\n");
+}
+
+}  // namespace
+}  // namespace corvo::test
