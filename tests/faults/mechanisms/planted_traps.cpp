@@ -1,16 +1,13 @@
 // Traps of popuser's that lie in wait for a run, and links of administrators' that it must follow.
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <ctime>
 #include <exception>
 #include <filesystem>
 
-#include "tests/faults/disturb/background.h"
-#include "tests/faults/disturb/become_popuser.h"
+#include "tests/faults/disturb/lease.h"
 #include "tests/faults/disturb/runner.h"
 #include "tests/faults/judge/trap_judge.h"
 #include "tests/faults/mechanisms/campaign.h"
@@ -64,9 +61,6 @@ std::vector<Place> placesInStorage(const Restored& golden) {
         }
     return places;
 }
-
-/// Of a lease.
-enum class Holder { givesWay, isStubborn };
 
 class PlantedTraps {
 public:
@@ -213,38 +207,11 @@ void PlantedTraps::trapsInTheWayOfTheNewSize() {
 
 // --- files that popuser holds a lease on, so that a run has to wait
 
-constexpr useconds_t MOMENT = 50'000;  // microseconds
-
-/// Holds a lease as popuser, who is asked for it by a signal.
-int holdLease(const std::string& path, Holder holder, const Background::Ready& ready) {
-    becomePopuser();
-    sigset_t asked;
-    sigemptyset(&asked);
-    sigaddset(&asked, SIGIO);
-    (void)::sigprocmask(SIG_BLOCK, &asked, nullptr);
-    const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (::fcntl(file, F_SETLEASE, F_WRLCK) != 0)
-        return 1;
-    ready();
-    (void)::sigwaitinfo(&asked, nullptr);
-    ::usleep(MOMENT);
-    if (holder == Holder::givesWay)
-        (void)::fcntl(file, F_SETLEASE, F_UNLCK);
-    for (;;)
-        ::pause();
-}
-
-/// Seconds after which the kernel takes a lease away.
-int leaseBreakTime() {
-    return std::stoi(test::contentsOf("/proc/sys/fs/lease-break-time"));
-}
-
 /// The run waits, and restores all.
 Violations PlantedTraps::judgeLease(const std::string& key, Holder holder) const {
     const int patience = WATCHDOG + (holder == Holder::isStubborn ? leaseBreakTime() : 0);
     const Trial trial = tryRun([&] {
-        const Background lease(
-            [&](const Background::Ready& ready) { return holdLease(atPath(key), holder, ready); });
+        const Lease lease(atPath(key), holder);
         return watched([] { executeRun(); }, patience);
     });
     Violations violations = judgeTrial(trial, scene_.golden(), spoilsNothing);
