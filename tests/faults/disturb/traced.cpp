@@ -28,11 +28,11 @@ std::vector<TracedCall> callsIn(const std::string& trace) {
     return calls;
 }
 
-TracedRun tracedAudit(const std::vector<std::string>& arguments) {
+TracedRun tracedAudit(const std::vector<std::string>& arguments, int patience) {
     std::vector<std::string> command = {"strace", "--decode-fds=path",    "--output", TRACE,
                                         "--",     test::mailAuditBinary()};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    const test::ProcessResult result = test::run(command, {}, WATCHDOG);
+    const test::ProcessResult result = test::run(command, {}, patience);
     return {{result.status, result.out, result.err, result.timedOut},
             callsIn(test::contentsOf(TRACE))};
 }

@@ -24,7 +24,7 @@ struct TracedRun {
     std::vector<TracedCall> calls;
 };
 
-/// Runs the program to its end, or to that of the watchdog's patience.
-TracedRun tracedAudit(const std::vector<std::string>& arguments);
+/// Runs the program to its end, or to that of the watchdog's patience (in seconds).
+TracedRun tracedAudit(const std::vector<std::string>& arguments, int patience = WATCHDOG);
 
 }  // namespace corvo::faults

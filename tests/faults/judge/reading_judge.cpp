@@ -1,8 +1,10 @@
 #include "tests/faults/judge/reading_judge.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "tests/faults/judge/trap_judge.h"
@@ -89,6 +91,24 @@ bool isWrong(const TracedCall& call) {
            entersTrap(call);
 }
 
+// U+0080 to U+009F, as UTF-8 has them.
+bool hasControlBeyondAscii(const std::string& text) {
+    for (std::size_t at = text.find('\xc2'); at != std::string::npos;
+         at = text.find('\xc2', at + 1))
+        if (at + 1 < text.size() && (text[at + 1] & 0x60) == 0)
+            return true;
+    return false;
+}
+
+bool isUtf8(const std::string& text) {
+    try {
+        (void)nlohmann::json(text).dump();
+        return true;
+    } catch (const nlohmann::json::type_error&) {
+        return false;
+    }
+}
+
 bool isTouched(const Entry* before, const Entry* after) {
     return before == nullptr || after == nullptr || *before != *after;
 }
@@ -117,12 +137,25 @@ Violations judgeUntouched(const Untouched& before, const Untouched& after) {
     return violations;
 }
 
-Violations judgeAudit(const std::vector<std::string>& arguments) {
+Violations judgeText(const std::string& printed) {
+    const bool isControlled = std::any_of(printed.begin(), printed.end(), [](char c) {
+        return c != '\n' && std::iscntrl(static_cast<unsigned char>(c)) != 0;
+    });
+    if (isControlled || hasControlBeyondAscii(printed))
+        return {"I13 what is printed drives a terminal: " + shown(printed)};
+    if (!isUtf8(printed))
+        return {"I13 what is printed is no UTF-8: " + shown(printed)};
+    return {};
+}
+
+Violations judgeAudit(const std::function<TracedRun()>& audit) {
     const Untouched before = Untouched::look();
-    const TracedRun run = tracedAudit(arguments);
+    const TracedRun run = audit();
     Violations violations = judgeEnd(run.outcome);
     append(violations, judgeCalls(run.calls));
     append(violations, judgeUntouched(before, Untouched::look()));
+    append(violations, judgeText(run.outcome.out));
+    append(violations, judgeText(run.outcome.err));
     if (run.calls.empty())
         violations.push_back("I13 there is no trace: " + shown(run.outcome.err));
     if (has(run.outcome.out + run.outcome.err, BAIT_MARK))

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <functional>
+
 #include "tests/faults/disturb/traced.h"
 #include "tests/faults/judge/vocabulary.h"
 #include "tests/faults/world/outside.h"
@@ -26,7 +28,10 @@ Violations judgeCalls(const std::vector<TracedCall>& calls);
 /// I13: what is not as it was.
 Violations judgeUntouched(const Untouched& before, const Untouched& after);
 
-/// Looks, audits, looks again: both of these, the end (I7), and what is told of root's files (I5).
-Violations judgeAudit(const std::vector<std::string>& arguments);
+/// I13: what would drive a terminal, or is no UTF-8, in what is printed.
+Violations judgeText(const std::string& printed);
+
+/// Looks, audits, looks again: all of these, the end (I7), and what is told of root's files (I5).
+Violations judgeAudit(const std::function<TracedRun()>& audit);
 
 }  // namespace corvo::faults

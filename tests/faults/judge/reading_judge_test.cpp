@@ -74,6 +74,20 @@ TEST(ReadingJudgeTest, EntriesThatAreNotAsTheyWereAreFound) {
     EXPECT_EQ(judgeUntouched(before, after).size(), 2U);
 }
 
+TEST(ReadingJudgeTest, TextThatDrivesATerminalIsFound) {
+    EXPECT_EQ(judgeText("one line\n\xc3\xbc, \xc2\xa0 and \\x1b\n"), Violations{});
+    for (const char* wrong : {"\x1b[2J", "a\rb", "tab\t", "\x7f",
+                              "\xc2\x9b"
+                              "2J",
+                              "\xc2\x80"})
+        EXPECT_EQ(judgeText(wrong).size(), 1U) << wrong;
+}
+
+TEST(ReadingJudgeTest, TextThatIsNoUtf8IsFound) {
+    for (const char* wrong : {"\x9b", "\xc3", "\xed\xa0\x80", "\xff"})
+        EXPECT_EQ(judgeText(wrong).size(), 1U) << wrong;
+}
+
 }  // namespace
 
 }  // namespace corvo::faults::test
