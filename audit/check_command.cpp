@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <cstddef>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "audit/check/check.h"
@@ -13,8 +12,6 @@
 namespace corvo::audit {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct Manner {
     const char* name;
@@ -33,12 +30,12 @@ Manner mannerOf(Verdict verdict) {
     return {"problem", Tone::problem};
 }
 
-Json objectOf(const CheckResult& result) {
+Record recordOf(const CheckResult& result) {
     return {{"kind", "check"},
             {"verdict", mannerOf(result.verdict).name},
-            {"subject", jsonText(result.subject)},
-            {"finding", jsonText(result.finding)},
-            {"advice", result.advice.empty() ? Json() : jsonText(result.advice)}};
+            {"subject", result.subject},
+            {"finding", result.finding},
+            {"advice", valueUnlessEmpty(result.advice)}};
 }
 
 std::string lineOf(const CheckResult& result) {
@@ -60,7 +57,7 @@ struct Counts {
 };
 
 bool finish(Output& output, const Counts& counts) {
-    const Json summary = {
+    const Record summary = {
         {"ok", counts.ok}, {"warnings", counts.warnings}, {"problems", counts.problems}};
     return output.finish(summary, counted(counts.problems, "problem", "problems") + ", " +
                                       counted(counts.warnings, "warning", "warnings") + ".");
@@ -71,7 +68,7 @@ bool finish(Output& output, const Counts& counts) {
 int check(Output& output) {
     Counts counts;
     checkMachine([&](const CheckResult& result) {
-        output.print(objectOf(result), lineOf(result), mannerOf(result.verdict).tone);
+        output.print(recordOf(result), lineOf(result), mannerOf(result.verdict).tone);
         counts.count(result.verdict);
     });
     if (!finish(output, counts))

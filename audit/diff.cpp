@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -45,7 +44,7 @@ public:
     }
 
     void print(const Item& item) {
-        output_.print(objectOf(item), lineOf(item), toneOf(item));
+        output_.print(recordOf(item), lineOf(item), toneOf(item));
         ++items_;
         repairable_ += item.repair == Repair::none ? 0 : 1;
         extras_ += item.isExtra ? 1 : 0;
@@ -60,11 +59,11 @@ public:
     std::size_t mailboxes() const { return mailboxes_; }
 
     bool finish() {
-        const nlohmann::ordered_json summary = {{"mailboxes", mailboxes_},
-                                                {"differing", differing_},
-                                                {"items", items_},
-                                                {"repairable", repairable_},
-                                                {"extras", extras_}};
+        const Record summary = {{"mailboxes", mailboxes_},
+                                {"differing", differing_},
+                                {"items", items_},
+                                {"repairable", repairable_},
+                                {"extras", extras_}};
         return output_.finish(summary, summaryLine());
     }
 

@@ -2,36 +2,28 @@
 
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "audit/output.h"
 #include "audit/text.h"
 
 namespace corvo::audit {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-Json jsonOrNull(const std::optional<std::string>& text) {
-    return text ? jsonText(*text) : Json();
+Value valueOf(const std::optional<std::string>& text) {
+    return text ? Value(*text) : Value();
 }
 
-Json jsonUnlessEmpty(const std::string& text) {
-    return text.empty() ? Json() : jsonText(text);
-}
-
-Json jsonOf(Repair repair) {
+std::vector<std::string> runsThat(Repair repair) {
     switch (repair) {
         case Repair::all:
-            return Json::array({"--all"});
+            return {"--all"};
         case Repair::either:
-            return Json::array({"--all", "--fast"});
+            return {"--all", "--fast"};
         case Repair::none:
             break;
     }
-    return Json::array();
+    return {};
 }
 
 // Empty for an item of no mailbox.
@@ -92,15 +84,15 @@ const char* nameOf(ItemKind kind) noexcept {
     return "";
 }
 
-Json objectOf(const Item& item) {
+Record recordOf(const Item& item) {
     return {{"kind", nameOf(item.kind)},
-            {"domain", jsonUnlessEmpty(item.domain)},
-            {"mailbox", jsonUnlessEmpty(addressOf(item))},
-            {"path", jsonText(item.path)},
-            {"expected", jsonOrNull(item.expected)},
-            {"found", jsonOrNull(item.found)},
-            {"reason", jsonText(item.reason)},
-            {"repair", jsonOf(item.repair)},
+            {"domain", valueUnlessEmpty(item.domain)},
+            {"mailbox", valueUnlessEmpty(addressOf(item))},
+            {"path", item.path},
+            {"expected", valueOf(item.expected)},
+            {"found", valueOf(item.found)},
+            {"reason", item.reason},
+            {"repair", runsThat(item.repair)},
             {"extra", item.isExtra}};
 }
 

@@ -2,10 +2,11 @@
 
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "audit/record.h"
 
 namespace corvo::audit {
 
@@ -52,7 +53,7 @@ struct Item {
 using Items = std::vector<Item>;
 
 /// An item as it is printed: the object of docs/mail_audit.schema.json, and a line for a terminal.
-nlohmann::ordered_json objectOf(const Item& item);
+Record recordOf(const Item& item);
 std::string lineOf(const Item& item);
 
 }  // namespace corvo::audit

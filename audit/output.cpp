@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "audit/progress.h"
@@ -16,8 +15,6 @@
 namespace corvo::audit {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 bool isWanted(Colour colour) {
     if (colour != Colour::automatic)
@@ -39,11 +36,6 @@ std::string_view sequenceOf(Tone tone) {
             break;
     }
     return {};
-}
-
-// A terminal is not driven by JSON either.
-std::string textOf(const Json& value) {
-    return printableJson(value.dump());
 }
 
 void tell(const std::string& what) {
@@ -69,7 +61,7 @@ bool StandardOutput::finish() {
 Output::Output(const Options& options)
     : format_(options.format), isColoured_(isWanted(options.colour)), isQuiet_(options.quiet) {}
 
-void Output::print(const Json& object, const std::string& line, Tone tone) {
+void Output::print(const Record& record, const std::string& line, Tone tone) {
     if (isQuiet_ && tone == Tone::good && format_ != Format::json)
         return;
     clearProgress();
@@ -78,10 +70,10 @@ void Output::print(const Json& object, const std::string& line, Tone tone) {
             printLine(line, tone);
             break;
         case Format::jsonl:
-            out_.write(textOf(object) + "\n");
+            out_.write(jsonOf(record) + "\n");
             break;
         case Format::json:
-            out_.write((printed_ == 0 ? "{\"items\": [\n  " : ",\n  ") + textOf(object));
+            out_.write((printed_ == 0 ? "{\"items\": [\n  " : ",\n  ") + jsonOf(record));
             break;
     }
     ++printed_;
@@ -97,23 +89,15 @@ void Output::omit(const std::string& what) {
     omitted_.push_back(what);
 }
 
-bool Output::finish(const Json& summary, const std::string& line) {
+bool Output::finish(const std::optional<Record>& summary, const std::string& line) {
     clearProgress();
     if (format_ == Format::table && !isQuiet_ && !line.empty())
         printLine(line, Tone::plain);
-    if (format_ == Format::json) {
-        Json omitted = Json::array();
-        for (const std::string& what : omitted_)
-            omitted.push_back(jsonText(what));
+    if (format_ == Format::json)
         out_.write(fmt::format("{}], \"summary\": {},\n \"not_looked_at\": {}}}\n",
-                               printed_ == 0 ? "{\"items\": [" : "\n ", textOf(summary),
-                               textOf(omitted)));
-    }
+                               printed_ == 0 ? "{\"items\": [" : "\n ",
+                               summary ? jsonOf(*summary) : "null", jsonOf(omitted_)));
     return out_.finish();
-}
-
-Json jsonText(const std::string& text) {
-    return validUtf8(text);
 }
 
 }  // namespace corvo::audit

@@ -5,12 +5,13 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "audit/options.h"
+#include "audit/record.h"
 
 namespace corvo::audit {
 
@@ -36,19 +37,19 @@ public:
     /// and where the environment has no NO_COLOR.
     explicit Output(const Options& options);
 
-    /// One record: in JSON the object, in a table the line, which is printable and has no line end.
+    /// One record: in JSON an object, in a table the line, which is printable and has no line end.
     /// A quiet output leaves out what is good, but for the JSON document, which is always whole.
-    void print(const nlohmann::ordered_json& object, const std::string& line, Tone tone);
+    void print(const Record& record, const std::string& line, Tone tone);
 
     /// Says, on standard error, at once, what was not looked at and why. Bytes are escaped here.
     void omit(const std::string& what);
     /// Was anything?
     bool isWhole() const noexcept { return omitted_.empty(); }
 
-    /// Ends what is printed: once, at the end. The summary goes where there is a place for it; it
-    /// is null, and the line empty, of what was broken off. False, after a word on standard error,
+    /// Ends what is printed: once, at the end. The summary goes where there is a place for it;
+    /// what was broken off has none, and an empty line. False, after a word on standard error,
     /// when standard output did not take everything.
-    bool finish(const nlohmann::ordered_json& summary, const std::string& line);
+    bool finish(const std::optional<Record>& summary, const std::string& line);
 
 private:
     void printLine(const std::string& line, Tone tone);
@@ -60,8 +61,5 @@ private:
     std::size_t printed_ = 0;
     std::vector<std::string> omitted_;
 };
-
-/// A text as a JSON value, whatever its bytes.
-nlohmann::ordered_json jsonText(const std::string& text);
 
 }  // namespace corvo::audit

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 #include <new>
-#include <nlohmann/json.hpp>
+#include <optional>
 
 #include "audit/check_command.h"
 #include "audit/command_line.h"
@@ -37,7 +37,7 @@ int carryOutOrOmit(const Options& options, Output& output) {
         throw;
     } catch (const std::exception& failure) {
         output.omit(failure.what());
-        output.finish(nullptr, "");
+        output.finish(std::nullopt, "");
         return NOT_WHOLE;
     }
 }

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstddef>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,7 +19,6 @@ namespace corvo::audit {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
 using Name = const std::string&;
 using Slots = mail::restore::MailsrvEntitiesCallbacks;
 
@@ -44,11 +42,10 @@ std::string joined(const std::vector<std::string>& names) {
     return text;
 }
 
-Json listOf(const std::vector<std::string>& names) {
-    Json list = Json::array();
-    for (const std::string& name : names)
-        list.push_back(jsonText(name));
-    return list;
+// The fields of both, one behind the other.
+Record together(Record first, const Record& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
 }
 
 // What the panel says, printed as it is told.
@@ -79,21 +76,17 @@ private:
         };
         slots.registerDomainAlias = [this](Name domain, Name alias, bool aliasOff, bool domainOff) {
             printOf(domain, "domain-alias",
-                    {{"alias", jsonText(alias)},
-                     {"enabled", !aliasOff},
-                     {"domain_enabled", !domainOff}},
+                    {{"alias", alias}, {"enabled", !aliasOff}, {"domain_enabled", !domainOff}},
                     alias + ", " + onOrOff(!aliasOff));
         };
         slots.setDomainCatchall = [this](Name domain, int mode, Name value) {
             const char* const name = CATCHALL_MODES.at(static_cast<std::size_t>(mode));
-            printOf(domain, "catchall",
-                    {{"mode", name}, {"value", value.empty() ? Json() : jsonText(value)}},
+            printOf(domain, "catchall", {{"mode", name}, {"value", valueUnlessEmpty(value)}},
                     value.empty() ? name : fmt::format("{} \"{}\"", name, value));
         };
         slots.registerDomainCertificate = [this](Name name, Name file) {
             if (isCertificateMeant(name))
-                print("certificate", {{"name", jsonText(name)}, {"file", jsonText(file)}},
-                      name + ": " + file);
+                print("certificate", {{"name", name}, {"file", file}}, name + ": " + file);
         };
     }
 
@@ -101,7 +94,7 @@ private:
     void bindMailnameSlots(Slots& slots) {
         slots.registerMailname = [this](Name domain, Name mailname) {
             mailnames_ += scope_.includes(domain, mailname) ? 1 : 0;
-            printOf(domain, mailname, "mailname", Json::object(), "");
+            printOf(domain, mailname, "mailname", {}, "");
         };
         slots.registerMailbox = [this](Name domain, Name mailname, bool delivers) {
             printOf(domain, mailname, "mailbox", {{"delivers", delivers}},
@@ -109,28 +102,28 @@ private:
         };
         slots.setMailboxQuota = [this](Name domain, Name mailname, long long quota) {
             const bool isGiven = quota != NO_QUOTA;
-            printOf(domain, mailname, "quota", {{"bytes", isGiven ? Json(quota) : Json()}},
+            printOf(domain, mailname, "quota", {{"bytes", isGiven ? Value(quota) : Value()}},
                     isGiven ? fmt::format("{} bytes", quota) : "none");
         };
         slots.registerMailAlias = [this](Name domain, Name mailname, Name alias, bool domainOff) {
             printOf(domain, mailname, "mail-alias",
-                    {{"alias", jsonText(alias)}, {"domain_enabled", !domainOff}}, alias);
+                    {{"alias", alias}, {"domain_enabled", !domainOff}}, alias);
         };
         slots.registerMailRedirect = [this](Name domain, Name mailname, Name address) {
-            printOf(domain, mailname, "forward", {{"address", jsonText(address)}}, address);
+            printOf(domain, mailname, "forward", {{"address", address}}, address);
         };
     }
 
     void bindListSlots(Slots& slots) {
         slots.addWhiteListNetwork = [this](Name address, int mask) {
-            print("white-list", {{"address", jsonText(address)}, {"mask", mask}},
+            print("white-list", {{"address", address}, {"mask", mask}},
                   fmt::format("{}/{}", address, mask));
         };
         slots.addBlackListedDomain = [this](Name sender) {
-            print("black-list", {{"sender_domain", jsonText(sender)}}, sender);
+            print("black-list", {{"sender_domain", sender}}, sender);
         };
         slots.setRBLServers = [this](const std::vector<std::string>& servers) {
-            print("rbl-servers", {{"servers", listOf(servers)}},
+            print("rbl-servers", {{"servers", servers}},
                   servers.empty() ? "none" : joined(servers));
         };
     }
@@ -162,9 +155,7 @@ private:
             print("over-quota", {{"reject", reject}, {"permanently", permanently}},
                   fmt::format("rejection {}, permanent {}", onOrOff(reject), onOrOff(permanently)));
         };
-        slots.restoreRecipientCanonical = [this] {
-            print("recipient-canonical", Json::object(), "in use");
-        };
+        slots.restoreRecipientCanonical = [this] { print("recipient-canonical", {}, "in use"); };
     }
 
     // By its own name, or by that of the domain whose mail host it is for.
@@ -173,28 +164,24 @@ private:
                (name.starts_with(MAIL_HOST) && scope_.includes(name.substr(MAIL_HOST.size())));
     }
 
-    void printOf(Name domain, const char* kind, const Json& fields, const std::string& text) {
+    void printOf(Name domain, const char* kind, const Record& fields, const std::string& text) {
         if (!scope_.includes(domain))
             return;
-        Json all = {{"domain", jsonText(domain)}};
-        all.update(fields);
-        print(kind, all, domain + ": " + text);
+        print(kind, together({{"domain", domain}}, fields), domain + ": " + text);
     }
 
-    void printOf(Name domain, Name mailname, const char* kind, const Json& fields,
+    void printOf(Name domain, Name mailname, const char* kind, const Record& fields,
                  const std::string& text) {
         if (!scope_.includes(domain, mailname))
             return;
         const std::string address = mailname + "@" + domain;
-        Json all = {{"domain", jsonText(domain)}, {"mailbox", jsonText(address)}};
-        all.update(fields);
-        print(kind, all, address + (text.empty() ? "" : ": " + text));
+        print(kind, together({{"domain", domain}, {"mailbox", address}}, fields),
+              address + (text.empty() ? "" : ": " + text));
     }
 
-    void print(const char* kind, const Json& fields, const std::string& text) {
-        Json object = {{"kind", kind}};
-        object.update(fields);
-        output_.print(object, fmt::format("{:<19} {}", kind, printable(text)), Tone::plain);
+    void print(const char* kind, const Record& fields, const std::string& text) {
+        output_.print(together({{"kind", kind}}, fields),
+                      fmt::format("{:<19} {}", kind, printable(text)), Tone::plain);
         ++items_;
     }
 
@@ -205,7 +192,8 @@ private:
     }
 
     bool finish() {
-        const Json summary = {{"domains", domains_}, {"mailnames", mailnames_}, {"items", items_}};
+        const Record summary = {
+            {"domains", domains_}, {"mailnames", mailnames_}, {"items", items_}};
         return output_.finish(summary, counted(domains_, "domain", "domains") + ", " +
                                            counted(mailnames_, "mail name", "mail names") + ".");
     }

@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 #include <functional>
-#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "tests/support/capture.h"
@@ -20,7 +20,6 @@ using audit::Format;
 using audit::Options;
 using audit::Output;
 using audit::Tone;
-using Json = nlohmann::ordered_json;
 
 // What one record for each tone and a summary look like.
 class OutputTest : public ::testing::Test {
@@ -33,7 +32,7 @@ protected:
         output.print({{"n", 2}}, "doubtful", Tone::warning);
         output.print({{"n", 3}}, "good", Tone::good);
         output.print({{"n", 4}}, "plain", Tone::plain);
-        EXPECT_TRUE(output.finish({{"all", 4}}, "4 records."));
+        EXPECT_TRUE(output.finish(audit::Record{{"all", 4}}, "4 records."));
         return streams.out();
     }
 
@@ -90,12 +89,12 @@ TEST_F(OutputTest, JsonDocumentIsWholeEvenWhenQuiet) {
 
 TEST_F(OutputTest, NothingPrintedIsADocumentToo) {
     options.format = Format::json;
-    EXPECT_TRUE(Output(options).finish(nullptr, ""));
+    EXPECT_TRUE(Output(options).finish(std::nullopt, ""));
     EXPECT_EQ(streams.out(), "{\"items\": [], \"summary\": null,\n \"not_looked_at\": []}\n");
 }
 
 TEST_F(OutputTest, EmptySummaryLineIsNoLine) {
-    EXPECT_TRUE(Output(options).finish(nullptr, ""));
+    EXPECT_TRUE(Output(options).finish(std::nullopt, ""));
     EXPECT_EQ(streams.out(), "");
 }
 
@@ -106,7 +105,7 @@ TEST_F(OutputTest, WhatIsNotLookedAtIsToldAtOnceAndInTheDocument) {
     output.omit("a\x1b\xff");
     EXPECT_FALSE(output.isWhole());
     EXPECT_EQ(streams.err(), "mail_audit: a\\x1b\\xff\n");
-    EXPECT_TRUE(output.finish(nullptr, ""));
+    EXPECT_TRUE(output.finish(std::nullopt, ""));
     EXPECT_EQ(streams.out(),
               "{\"items\": [], \"summary\": null,\n \"not_looked_at\": [\"a\\u001b\\\\xff\"]}\n");
 }
@@ -114,8 +113,8 @@ TEST_F(OutputTest, WhatIsNotLookedAtIsToldAtOnceAndInTheDocument) {
 TEST_F(OutputTest, JsonDrivesNoTerminal) {
     options.format = Format::jsonl;
     Output output(options);
-    output.print({{"text", audit::jsonText("\x1b\x7f\u009b\u202eü\xff")}}, "", Tone::plain);
-    EXPECT_TRUE(output.finish(nullptr, ""));
+    output.print({{"text", "\x1b\x7f\u009b\u202eü\xff"}}, "", Tone::plain);
+    EXPECT_TRUE(output.finish(std::nullopt, ""));
     EXPECT_EQ(streams.out(), "{\"text\":\"\\u001b\\u007f\\u009b\\u202eü\\\\xff\"}\n");
 }
 
@@ -134,8 +133,8 @@ TEST(OutputWithoutRoomTest, IsToldOnceAtTheEnd) {
     EXPECT_EQ(errorsWithoutOutput([] {
                   Output output{Options()};
                   for (int i = 0; i < 10000; ++i)
-                      output.print(Json(), "a line that fills the buffer", Tone::plain);
-                  if (output.finish(Json(), "done"))
+                      output.print({}, "a line that fills the buffer", Tone::plain);
+                  if (output.finish(audit::Record(), "done"))
                       ::_exit(1);
               }),
               "mail_audit: standard output: No space left on device\n");
@@ -144,8 +143,8 @@ TEST(OutputWithoutRoomTest, IsToldOnceAtTheEnd) {
 TEST(OutputWithoutRoomTest, IsSeenWhereABufferHidesItUntilTheEnd) {
     EXPECT_EQ(errorsWithoutOutput([] {
                   Output output{Options()};
-                  output.print(Json(), "a line", Tone::plain);
-                  if (output.finish(Json(), ""))
+                  output.print({}, "a line", Tone::plain);
+                  if (output.finish(audit::Record(), ""))
                       ::_exit(1);
               }),
               "mail_audit: standard output: No space left on device\n");

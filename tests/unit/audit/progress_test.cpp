@@ -9,7 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
-#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -103,16 +103,16 @@ TEST_F(ProgressTest, MakesWayForWhatWasNotLookedAt) {
 TEST_F(ProgressTest, MakesWayForAnItem) {
     audit::Output output(options_);
     step();
-    output.print(nullptr, "an item", audit::Tone::plain);
+    output.print({}, "an item", audit::Tone::plain);
     EXPECT_EQ(terminal_.text(), std::string(LINE) + CLEARED);
-    EXPECT_TRUE(output.finish(nullptr, ""));
+    EXPECT_TRUE(output.finish(std::nullopt, ""));
     EXPECT_EQ(streams_.out(), "an item\n");
 }
 
 TEST_F(ProgressTest, MakesWayForTheSummary) {
     audit::Output output(options_);
     step();
-    EXPECT_TRUE(output.finish(nullptr, "the end"));
+    EXPECT_TRUE(output.finish(std::nullopt, "the end"));
     EXPECT_EQ(terminal_.text(), std::string(LINE) + CLEARED);
     EXPECT_EQ(streams_.out(), "the end\n");
 }
