@@ -2,6 +2,7 @@
 exact where times are noisy, and the peak of resident memory."""
 
 import re
+import shutil
 
 import report
 import restoring
@@ -15,16 +16,16 @@ _RESTORE = [f"{PROJECT}/build/bench/driver/mail_rebuild", "--all"]
 def _calls(name, command):
     """How many system calls a command makes."""
     summary = f"{FOLDER}/calls"
-    measure(name, ["strace", "-c", "-o", summary, *command])
+    measure(name, ["perf", "stat", "-x,", "-e", "raw_syscalls:sys_enter", "-o", summary, *command])
     with open(summary) as file:
-        total = re.search(r"(\d+)(?:\s+\d+)?\s+total$", file.read(), re.MULTILINE)
+        total = re.search(r"^(\d+),", file.read(), re.MULTILINE)
     if total is None:
-        raise Failure(f"strace did not count {name}")
+        raise Failure(f"perf did not count the system calls of {name}")
     return int(total[1])
 
 
 def _row(domains, names, seed):
-    """(calls of diff, calls of a second run, what a diff costs without strace)."""
+    """(calls of diff, calls of a second run, what a diff costs uncounted)."""
     restoring.generate(domains, names, seed)
     with storage.Storage("tmpfs", names):
         measure("mail_rebuild", _RESTORE)
@@ -33,6 +34,8 @@ def _row(domains, names, seed):
 
 def audit(arguments):
     """Prints a line for each size."""
+    if shutil.which("perf") is None:
+        raise Failure("the system calls are counted by perf (package linux-perf)")
     print(f"{'':46}{'calls a name':>14}{'second run':>12}{'ratio':>8}{'wall s':>9}{'peak MiB':>10}")
     for domains, names in arguments.sizes:
         diff, run, sample = _row(domains, names, arguments.seed)
