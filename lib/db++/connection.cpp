@@ -99,12 +99,23 @@ std::string Connection::escape_name(const char* text, std::size_t length) {
 }
 
 // Made at the first piece: most connections are closed without a statement, and a stream's locale
-// takes 1,500 instructions.
+// takes 1,500 instructions. Half a statement must never run: a stream without memory throws.
 std::ostringstream& Connection::statement() {
-    return query ? *query : query.emplace();
+    if (!query)
+        query.emplace().exceptions(std::ios_base::badbit);
+    return *query;
 }
 
 void Connection::append(const char* text, std::size_t length) {
+    try {
+        write(text, length);
+    } catch (const std::bad_alloc&) {
+        query.reset();
+        throw;
+    }
+}
+
+void Connection::write(const char* text, std::size_t length) {
     switch (std::exchange(mode, MODE_RAW)) {
         case MODE_VALUE:
             statement() << escape(text, length);
@@ -161,7 +172,7 @@ Result Connection::operator<<(Query::fetch_t) {
 }
 
 std::string Connection::takeStatement() {
-    std::string text = query ? query->str() : std::string();
+    std::string text = query ? std::move(*query).str() : std::string();
     query.reset();
     mode = MODE_RAW;
     return text;

@@ -77,6 +77,7 @@ public:
 private:
     std::ostringstream& statement();
     void append(const char* text, std::size_t length);
+    void write(const char* text, std::size_t length);
     std::string takeStatement();
     void run(const std::string& statement);
 

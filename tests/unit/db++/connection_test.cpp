@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <mysql.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -14,6 +15,8 @@
 #include "tests/support/capture.h"
 #include "tests/support/files.h"
 #include "tests/support/killed_connection.h"
+#include "tests/support/memory.h"
+#include "tests/support/process.h"
 #include "tests/unit/db++/database_test.h"
 
 namespace corvo::mysql::test {
@@ -57,6 +60,24 @@ TEST_F(ConnectionTest, ClosesItsHandle) {
     { const Connection another(true); }
     { const Connection given(db_connect(), true); }
     EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(ConnectionTest, StatementThatMemoryDoesNotSufficeForIsNotRunInPart) {
+    corvo::test::requireExhaustibleMemory();
+    constexpr std::size_t MUCH = std::size_t{64} << 20;  // never from the heap
+    const std::string blanks(MUCH, ' ');
+    const corvo::test::ProcessResult child = corvo::test::runForked([&] {
+        Connection own(true);
+        own << "SELECT 1 AS v ";
+        corvo::test::limitMemory(corvo::test::memoryInUse() + MUCH / 2);
+        try {
+            own << blanks;
+        } catch (const std::bad_alloc&) {
+            ::_exit(valueOf(own, "SELECT 2 AS v") == "2" ? 42 : 1);
+        }
+        ::_exit(2);
+    });
+    EXPECT_EQ(child.status, 42) << child.err;
 }
 
 TEST_F(ConnectionTest, OwnsAHandleThatWasJustOpened) {
