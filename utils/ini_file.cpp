@@ -69,10 +69,12 @@ private:
     bool inSection_ = false;
 };
 
+using LineBuffer = char[LONGEST_LINE + 1];
+
 // The lines of an open file, one after another. Those longer than LONGEST_LINE are left out.
 class Lines {
 public:
-    explicit Lines(int file) : file_(file) {}
+    Lines(int file, LineBuffer& buffer) : file_(file), buffer_(buffer) {}
 
     // The next line, with a zero byte in place of its newline; it may be changed, and lives until
     // the next call. Null at the end and on failure.
@@ -122,7 +124,7 @@ private:
     std::size_t filled_ = 0;  // likewise
     bool hasEnded_ = false;
     bool isTail_ = false;  // of a line that was too long
-    char buffer_[LONGEST_LINE + 1];
+    LineBuffer& buffer_;
 };
 
 // True when every value was found.
@@ -157,7 +159,8 @@ int get_ini_conf_vars(const char* path, const char* section,
         reportFailedOpen(path, wanted.size());
         return -1;
     }
-    Lines lines(file.get());
+    static LineBuffer buffer;  // a process without memory has no room for it on its stack
+    Lines lines(file.get(), buffer);
     return searchLines(lines, Search(section, wanted)) ? 0 : -1;
 }
 
