@@ -17,6 +17,11 @@ namespace corvo::mail {
 
 namespace {
 
+// The process's or the machine's, which may be there again in a moment: no fault of the file.
+bool isWantOfResources(int error) noexcept {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
 class Restoration {
 public:
     Restoration(const char* path, bool shallDeliver);
@@ -30,6 +35,7 @@ private:
     void stumble(Obstacle obstacle) noexcept;
     int keep() noexcept;
     int report() const noexcept;
+    int leaveUnread() noexcept;
     int startAfresh();
 
     const char* path_;
@@ -63,7 +69,7 @@ Restoration::Restoration(const char* path, bool shallDeliver)
 int Restoration::run(std::optional<ForwardLines>& carriedOver) {
     carriedOver.reset();
     if (!readDelivery(file_, old_))
-        return startAfresh();
+        return isWantOfResources(errno) ? leaveUnread() : startAfresh();
     const Lines lines = linesOf(old_.text);
     const Lines forwards = forwardsAmong(lines, deliveryLine());
     case_.didDeliver = delivers(lines, deliveryLine());
@@ -143,6 +149,13 @@ int Restoration::report() const noexcept {
             break;
     }
     return 0;
+}
+
+// What it holds may be mail's only way.
+int Restoration::leaveUnread() noexcept {
+    case_.obstacle = Obstacle::unopened;
+    error_ = errno;
+    return report();
 }
 
 int Restoration::startAfresh() {

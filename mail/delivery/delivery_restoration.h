@@ -16,8 +16,9 @@ namespace corvo::mail {
 ///
 /// Returns 0, or -1 with errno after logging. Where the delivery line cannot be had, an old file
 /// that delivers stays, and one that only forwards becomes the reset line with its forwards; where
-/// the file cannot be replaced, one that does either stays. A file that does neither, or that
-/// cannot be read, is reset, and the delivery line is added after that.
+/// the file cannot be replaced, one that does either stays; one that cannot be read for want of
+/// descriptors or memory stays, too. A file that does neither, or that cannot be read otherwise, is
+/// reset, and the delivery line is added after that.
 ///
 /// `carriedOver` receives these forwards where the file is now as this function makes it, and is
 /// none otherwise. Throws std::bad_alloc; the file is then as it was.

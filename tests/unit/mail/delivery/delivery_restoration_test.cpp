@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -305,6 +307,26 @@ TEST_F(UnreplaceableTest, FileThatDoesNeitherIsTreatedAsEver) {
     EXPECT_EQ(outcome(SYS_fdatasync, EIO, true),
               "Unable to write to '" + DOTQMAIL + "': Input/output error\n-1 5 none");
     EXPECT_FALSE(exists(DOTQMAIL));
+}
+
+TEST_F(DeliveryRestorationTest, WantOfDescriptorsTakesNoLineAway) {
+    constexpr rlim_t ENOUGH = 12;
+    for (const bool delivers : {false, true})
+        for (rlim_t free = 0; free <= ENOUGH; ++free) {
+            SCOPED_TRACE(free);
+            const std::string old = "| true\n" + (delivers ? LINE : "") + "&a@b.c\n";
+            write(old);
+            const ProcessResult result = runForked([&] {
+                const int next = ::dup(STDIN_FILENO);
+                ::close(next);
+                const rlimit few{static_cast<rlim_t>(next) + free, ENOUGH + 1024};
+                ::setrlimit(RLIMIT_NOFILE, &few);
+                ::_exit(restore(delivers) == 0 ? 0 : 1);
+            });
+            EXPECT_EQ(contentsOf(DOTQMAIL), old) << result.out;
+            EXPECT_TRUE(result.status == 1 || free > 1) << result.status;
+            EXPECT_TRUE(result.status == 0 || free < ENOUGH) << result.out;
+        }
 }
 
 TEST_F(DeliveryRestorationTest, FileThatCannotBeReadIsReset) {
