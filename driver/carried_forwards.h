@@ -19,9 +19,15 @@ public:
     /// DotQMailManager::restore throws.
     void restore(const mail::Mailname& mailname, bool delivers);
 
-    /// Puts an address that the panel names behind those named before and in front of the others.
-    /// False where that is not possible; the address is to be added then, and counts as named.
-    bool place(const std::string& address);
+    /// An address that the panel names: placed, or added where that is not possible. Throws what
+    /// DotQMailManager::addRedirect throws. Unless it is the address that is at fault, nothing is
+    /// dropped then, which is told in one line: the group ends here, and nobody says any more who
+    /// else is wanted.
+    void name(const mail::Mailname& mailname, const std::string& address);
+
+    /// Puts an address behind those named before and in front of the others. False where that is
+    /// not possible; the address is to be added then, and counts as named.
+    bool place(const std::string& address) noexcept;
 
     /// Drops what was not named, and is about no mail name any more. What cannot be dropped stays,
     /// which is told in one line.
@@ -29,6 +35,7 @@ public:
 
 private:
     bool drop();
+    void keep(int error) noexcept;
 
     std::optional<mail::DotQMailManager> file_;
     bool isInOrder_ = true;                      // none had to be added at the end

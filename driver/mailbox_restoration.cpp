@@ -5,7 +5,6 @@
 #include <stdexcept>
 
 #include "driver/check_quota_handler.h"
-#include "mail/delivery/dotqmail_manager.h"
 #include "mail/home/maildir_manager.h"
 #include "mail/home/mailname.h"
 #include "mail/quota/mail_user_db.h"
@@ -54,8 +53,7 @@ void MailboxRestorationHelper::registerMailRedirect(const std::string& domain,
                                                     const std::string& target) {
     const mail::Mailname name(domain, mailname);
     goTo(name);
-    if (!forwards_.place(target))
-        mail::DotQMailManager(name).addRedirect(target, mail::DotQMailManager::Position::anywhere);
+    forwards_.name(name, target);
 }
 
 void MailboxRestorationHelper::setMailboxQuota(const std::string& domain,

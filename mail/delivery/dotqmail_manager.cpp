@@ -1,6 +1,7 @@
 #include "mail/delivery/dotqmail_manager.h"
 
 #include <cerrno>
+#include <new>
 #include <string_view>
 
 #include "mail/delivery/dotqmail.h"
@@ -56,7 +57,7 @@ bool DotQMailManager::placeRedirect(const std::string& address, ForwardLines& un
     errno = 0;
     const std::string line = forwardLine(address);
     if (line.empty() && errno == ENOMEM)
-        unnamed.clear();
+        throw std::bad_alloc();
     unnamed.erase(line);
     return mayPlace && isSound_ && !line.empty() && placeForward(path_.c_str(), line, unnamed);
 }

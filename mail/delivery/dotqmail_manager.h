@@ -42,8 +42,8 @@ public:
     void restore(bool delivers, std::optional<ForwardLines>& carriedOver);
 
     /// placeForward of the address, which is no longer one of `unnamed` afterwards, whatever comes
-    /// of it; where memory does not suffice to tell its line, nothing stays unnamed. False,
-    /// silently, where it cannot be done or `mayPlace` is not set: addRedirect is for that.
+    /// of it. False, silently, where it cannot be done or `mayPlace` is not set: addRedirect is for
+    /// that. Throws std::bad_alloc; the address may then be one of `unnamed` still.
     bool placeRedirect(const std::string& address, ForwardLines& unnamed, bool mayPlace = true);
 
     /// dropForwards from the file.

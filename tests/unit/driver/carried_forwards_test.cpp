@@ -125,17 +125,50 @@ TEST_F(CarriedForwardsTest, NextMailNameIsInOrderAgain) {
     EXPECT_TRUE(forwards.place("a@b.c"));
 }
 
-TEST_F(CarriedForwardsTest, AddressWithoutMemoryForItsLineDropsNothing) {
+TEST_F(CarriedForwardsTest, AddressWithoutMemoryForItsLineDropsNothingAndSaysSo) {
     requireExhaustibleMemory();
     restoreGroupOf("&a@b.c\n&d@e.f\n");
     constexpr std::size_t MUCH = std::size_t{64} << 20;  // never from the heap
     const std::string address = "a@" + std::string(MUCH, 'b');
-    expectChildLogs({}, [&] {
+    expectChildLogs({NO_MEMORY}, [&] {
         limitMemory(memoryInUse() + MUCH / 2);
         EXPECT_FALSE(forwards.place(address));
         forwards.leave();
     });
     EXPECT_EQ(forwardsThere(), "&a@b.c\n&d@e.f\n");
+}
+
+TEST_F(CarriedForwardsTest, OneThatCannotBeAddedKeepsThoseThatNobodyNamesAnyMore) {
+    restoreGroupOf("&a@b.c\n&d@e.f\n");
+    std::filesystem::remove_all(LOCKS);
+    EXPECT_THROW(forwards.name(mailname, "a@b.c"), SystemError);
+    EXPECT_TRUE(message().ends_with("Unable to drop forwards from " + DOTQMAIL +
+                                    ": No such file or directory\n"));
+    makeDirectory(LOCKS);
+    forwards.leave();
+    EXPECT_EQ(forwardsThere(), "&a@b.c\n&d@e.f\n");
+}
+
+TEST_F(CarriedForwardsTest, LastOneThatCannotBeAddedKeepsNothingElse) {
+    restoreGroupOf("&a@b.c\n");
+    std::filesystem::remove_all(LOCKS);
+    EXPECT_THROW(forwards.name(mailname, "a@b.c"), SystemError);
+    EXPECT_EQ(message().find("Unable to drop"), std::string::npos);
+}
+
+TEST_F(CarriedForwardsTest, OneThatIsNoAddressEndsTheGroupAndTheOthersAreDropped) {
+    restoreGroupOf("&a@b.c\n&d@e.f\n");
+    forwards.name(mailname, "a@b.c");
+    EXPECT_THROW(forwards.name(mailname, std::string("d@e.f\0", 6)), SystemError);
+    forwards.leave();
+    EXPECT_EQ(forwardsThere(), "&a@b.c\n");
+}
+
+TEST_F(CarriedForwardsTest, OneThatCannotBePlacedIsAdded) {
+    restoreGroupOf("&a@b.c\n");
+    forwards.leave();
+    forwards.name(mailname, "d@e.f");
+    EXPECT_EQ(forwardsThere(), "&d@e.f\n");
 }
 
 TEST_F(CarriedForwardsTest, WhatIsNoAddressIsNotPlaced) {
