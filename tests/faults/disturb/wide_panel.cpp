@@ -13,6 +13,11 @@ std::string joined(const std::vector<std::string>& texts, const std::string& sep
     return text;
 }
 
+std::string insertOfHonestRows(const std::string& table, const std::string& columns) {
+    return "INSERT INTO " + table + " (" + columns + ") SELECT " + columns + " FROM honest_" +
+           table + ";";
+}
+
 }  // namespace
 
 Position positionOf(std::size_t numberOfBatch) {
@@ -24,9 +29,13 @@ WidePanel::WidePanel(test::PanelDatabase& panel) : panel_(panel) {
         tables_[column.table].push_back(column.name);
     for (const auto& [table, columns] : tables_) {
         widen(table, columns);
-        panel_.execute("CREATE TABLE honest_" + table + " AS SELECT " + joined(columns, ",") +
-                       " FROM " + table);
+        keepHonestRows(table, columns);
     }
+}
+
+void WidePanel::keepHonestRows(const std::string& table, const ColumnNames& columns) {
+    panel_.execute("CREATE TABLE honest_" + table + " AS SELECT " + joined(columns, ",") +
+                   " FROM " + table);
 }
 
 std::vector<Batch> WidePanel::batches() {
@@ -38,10 +47,8 @@ void WidePanel::load(const std::vector<HostileRow>& rows, Position position) {
     std::string hostile;
     std::string script;
     for (const auto& [table, columns] : tables_) {
-        const std::string list = joined(columns, ",");
         script += "DELETE FROM " + table + ";";
-        honest += "INSERT INTO " + table + " (" + list + ") SELECT " + list + " FROM honest_" +
-                  table + ";";
+        honest += insertOfHonestRows(table, joined(columns, ","));
     }
     for (const HostileRow& hostileRow : rows)
         for (const Row& row : hostileRow.rows())

@@ -32,6 +32,7 @@ public:
 private:
     using ColumnNames = std::vector<std::string>;
 
+    void keepHonestRows(const std::string& table, const ColumnNames& columns);
     void widen(const std::string& table, const ColumnNames& columns);
     ColumnNames keysOver(const std::string& table, const ColumnNames& columns);
 

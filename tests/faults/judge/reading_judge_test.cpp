@@ -76,10 +76,7 @@ TEST(ReadingJudgeTest, EntriesThatAreNotAsTheyWereAreFound) {
 
 TEST(ReadingJudgeTest, TextThatDrivesATerminalIsFound) {
     EXPECT_EQ(judgeText("one line\n\xc3\xbc, \xc2\xa0 and \\x1b\n"), Violations{});
-    for (const char* wrong : {"\x1b[2J", "a\rb", "tab\t", "\x7f",
-                              "\xc2\x9b"
-                              "2J",
-                              "\xc2\x80"})
+    for (const char* wrong : {"\x1b[2J", "a\rb", "tab\t", "\x7f", "\xc2\x9b[2J", "\xc2\x80"})
         EXPECT_EQ(judgeText(wrong).size(), 1U) << wrong;
 }
 

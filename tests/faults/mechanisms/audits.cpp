@@ -70,8 +70,9 @@ void beforeTraps(Report& report, const TrapScene& scene) {
 }
 
 void atLeasedFiles(Report& report, const TrapScene& scene) {
-    const auto attemptAt = [&](const std::string& path, const char* name, Holder holder,
+    const auto attemptAt = [&](const std::string& key, const char* name, Holder holder,
                                int patience) {
+        const std::string path = test::MAILNAMES + "/" + key;
         attempt(report, path + "/" + name, holder == Holder::givesWay, [&](const Command& command) {
             scene.reset();
             return judgeAudit([&] {
@@ -82,9 +83,9 @@ void atLeasedFiles(Report& report, const TrapScene& scene) {
     };
     for (const auto& [key, entry] : scene.golden().storage)
         if (isIn(TRAPPED_HOME, key) && S_ISREG(entry.mode))
-            attemptAt(test::MAILNAMES + "/" + key, "lease", Holder::givesWay, WATCHDOG);
-    attemptAt(test::MAILNAMES + "/" + TRAPPED_HOME + "/.qmail", "stubborn-lease",
-              Holder::isStubborn, WATCHDOG + leaseBreakTime());
+            attemptAt(key, "lease", Holder::givesWay, WATCHDOG);
+    attemptAt(TRAPPED_HOME + "/.qmail", "stubborn-lease", Holder::isStubborn,
+              WATCHDOG + leaseBreakTime());
 }
 
 // Last, because the panel stays wide.

@@ -234,6 +234,10 @@ void PlantedTraps::leases() {
 
 // --- links of administrators
 
+std::string belowKey(const std::string& key, const std::string& below) {
+    return key.empty() || below.empty() ? key + below : key + "/" + below;
+}
+
 /// The tree as those see it who follow the one link at `key`.
 Tree assembled(const std::string& key) {
     Tree storage = readTree(test::MAILNAMES);
@@ -241,7 +245,7 @@ Tree assembled(const std::string& key) {
     if (link == storage.end() || !S_ISLNK(link->second.mode))
         return storage;
     for (const auto& [below, entry] : readTree(ELSEWHERE))
-        storage[key.empty() || below.empty() ? key + below : key + "/" + below] = entry;
+        storage[belowKey(key, below)] = entry;
     return storage;
 }
 

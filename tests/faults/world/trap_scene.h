@@ -39,6 +39,7 @@ public:
     /// Takes the place of the world in the sandbox, whose databases it goes on using, until the
     /// world is reset. Places the bait. Throws when an undisturbed run reports a failure.
     TrapScene();
+    ~TrapScene() = default;
     TrapScene(const TrapScene&) = delete;
     TrapScene& operator=(const TrapScene&) = delete;
 

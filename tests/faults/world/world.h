@@ -35,6 +35,7 @@ class World {
 public:
     /// Fills the sandbox, which must be in its first state, and makes the undisturbed runs.
     World();
+    ~World() = default;
     World(const World&) = delete;
     World& operator=(const World&) = delete;
 
