@@ -20,8 +20,8 @@ std::string insertOfHonestRows(const std::string& table, const std::string& colu
 
 }  // namespace
 
-Position positionOf(std::size_t numberOfBatch) {
-    return numberOfBatch % 2 == 0 ? Position::before : Position::after;
+RowOrder rowOrderOf(std::size_t numberOfBatch) {
+    return numberOfBatch % 2 == 0 ? RowOrder::hostileFirst : RowOrder::honestFirst;
 }
 
 WidePanel::WidePanel(test::PanelDatabase& panel) : panel_(panel) {
@@ -42,7 +42,7 @@ std::vector<Batch> WidePanel::batches() {
     return hostileBatches(ROWS, panel_.query("SELECT name FROM honest_domains"));
 }
 
-void WidePanel::load(const std::vector<HostileRow>& rows, Position position) {
+void WidePanel::load(const std::vector<HostileRow>& rows, RowOrder order) {
     std::string honest;
     std::string hostile;
     std::string script;
@@ -53,7 +53,7 @@ void WidePanel::load(const std::vector<HostileRow>& rows, Position position) {
     for (const HostileRow& hostileRow : rows)
         for (const Row& row : hostileRow.rows())
             hostile += insertStatement(row);
-    script += position == Position::before ? hostile + honest : honest + hostile;
+    script += order == RowOrder::hostileFirst ? hostile + honest : honest + hostile;
     panel_.execute(script);
 }
 

@@ -11,11 +11,11 @@
 
 namespace corvo::faults {
 
-/// Where hostile rows stand beside the honest ones: what comes first is read first.
-enum class Position { before, after };
+/// Which rows stand first, and are read first.
+enum class RowOrder { hostileFirst, honestFirst };
 
 /// By turns.
-Position positionOf(std::size_t numberOfBatch);
+RowOrder rowOrderOf(std::size_t numberOfBatch);
 
 /// The panel database with columns that hold every value, and a copy of its honest rows. It stays
 /// like this until it is dropped.
@@ -27,7 +27,7 @@ public:
     std::vector<Batch> batches();
 
     /// Replaces the rows that were loaded before.
-    void load(const std::vector<HostileRow>& rows, Position position);
+    void load(const std::vector<HostileRow>& rows, RowOrder order);
 
 private:
     using ColumnNames = std::vector<std::string>;

@@ -93,9 +93,9 @@ void overHostileRows(World& world, Report& report) {
     WidePanel panel(world.panel());
     std::size_t number = 0;
     for (const Batch& batch : panel.batches()) {
-        const Position position = positionOf(number);
+        const RowOrder order = rowOrderOf(number);
         attempt(report, batch.name, number++ % SAMPLE_OF_BATCHES == 0, [&](const Command& command) {
-            panel.load(batch.rows, position);
+            panel.load(batch.rows, order);
             world.reset(Start::damaged);
             return judgeAudit([&] { return tracedAudit(command.arguments); });
         });

@@ -32,8 +32,8 @@ class Trial {
 public:
     Trial(World& world, WidePanel& panel) : world_(world), panel_(panel) {}
 
-    Violations judge(const std::vector<HostileRow>& rows, Position position) {
-        panel_.load(rows, position);
+    Violations judge(const std::vector<HostileRow>& rows, RowOrder order) {
+        panel_.load(rows, order);
         world_.reset(Start::damaged);
         const Snapshot before = Snapshot::take();
         const Outcome outcome = undisturbedRun();
@@ -45,14 +45,14 @@ public:
     }
 
     /// The half of the half ... that still violates: a single row, unless it takes several.
-    std::vector<HostileRow> culprits(std::vector<HostileRow> rows, Position position) {
+    std::vector<HostileRow> culprits(std::vector<HostileRow> rows, RowOrder order) {
         while (rows.size() > 1) {
             const auto middle = rows.begin() + static_cast<std::ptrdiff_t>(rows.size() / 2);
             std::vector<HostileRow> first(rows.begin(), middle);
             std::vector<HostileRow> second(middle, rows.end());
-            if (!judge(first, position).empty())
+            if (!judge(first, order).empty())
                 rows = std::move(first);
-            else if (!judge(second, position).empty())
+            else if (!judge(second, order).empty())
                 rows = std::move(second);
             else
                 break;
@@ -73,14 +73,14 @@ void hostileRows(World& world, Report& report, const Selection& /*selection*/) {
     Trial trial(world, panel);
     std::size_t number = 0;
     for (const Batch& batch : panel.batches()) {
-        const Position position = positionOf(number);
+        const RowOrder order = rowOrderOf(number);
         const bool inQuick = number % QUICK_STEP == 0;
         ++number;
         if (!report.wants(batch.name, inQuick))
             continue;
-        Violations violations = trial.judge(batch.rows, position);
+        Violations violations = trial.judge(batch.rows, order);
         if (!violations.empty())
-            for (const HostileRow& row : trial.culprits(batch.rows, position))
+            for (const HostileRow& row : trial.culprits(batch.rows, order))
                 violations.push_back("by " + row.describe());
         report.tried(batch.name, violations);
         report.add("rows", batch.rows.size());
