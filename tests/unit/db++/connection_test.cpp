@@ -343,7 +343,7 @@ protected:
 
     /// Has the server end the connection, and waits until it has.
     std::string kill(Connection& any) {
-        const std::string id = idOf(any);
+        std::string id = idOf(any);
         killConnection(panel, id);
         return id;
     }
