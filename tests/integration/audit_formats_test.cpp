@@ -38,7 +38,7 @@ ProcessResult audit(const Arguments& arguments, const Environment& environment =
 
 // Standard output goes into a device that takes nothing.
 ProcessResult auditWithoutRoom(const std::string& arguments) {
-    return run({"sh", "-c", "exec " + mailAuditBinary() + " " + arguments + " > /dev/full"});
+    return run({"sh", "-c", "exec \"$0\" " + arguments + " > /dev/full", mailAuditBinary()});
 }
 
 // Both streams are a terminal.
