@@ -52,7 +52,8 @@ def _parser():
     parser.add_argument("--fs", nargs="+", choices=FILE_SYSTEMS, default=FILE_SYSTEMS,
                         help="what to restore into; default: both")
     parser.add_argument("--again", action="store_true",
-                        help="also measure a second run over the tree that the first has made")
+                        help="also measure runs over the tree that the first has made: as it is, with one "
+                             "mailbox in 100 damaged, and after a delivery to each")
     parser.add_argument("--seed", type=_positive, default=1, help="of the panel database; default 1")
     return parser
 

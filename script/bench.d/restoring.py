@@ -6,6 +6,7 @@ import subprocess
 import memory
 import report
 import storage
+import wear
 from measuring import FOLDER, PROJECT, Failure, last_words, measure, rotated
 
 _COMMANDS = {
@@ -15,6 +16,11 @@ _COMMANDS = {
     "shell": ["bash", f"{PROJECT}/bench/peers/restore.sh"],
 }
 _PROGRESS = "DEBUG setMailboxQuota("
+
+# What is measured over one tree, in this order, and what has happened before each.
+_FRESH = {"fresh restore": wear.nothing}
+_AGAIN = {"second run": wear.nothing, "1 mailbox in 100 damaged": wear.damage,
+          "a delivery to each mailbox": wear.deliver}
 
 
 def commands(arguments):
@@ -40,19 +46,19 @@ def _complaints():
 
 
 class _Judge:
-    """Holds each program to the state that the first one has made."""
+    """Holds each program to the state that the first one has made. Deliveries are part of it."""
 
     def __init__(self):
-        self._model = None
+        self._models = {}
 
-    def examine(self, name):
+    def examine(self, name, which):
         """Raises Failure when what is restored now is not what the first program restored."""
-        path = f"{FOLDER}/state.{name}"
+        mail = "delivered" if which == "a delivery to each mailbox" else "none"
+        path = f"{FOLDER}/state.{name}.{mail}"
         storage.write_state(path)
-        if self._model is None:
-            self._model = path
-        elif not filecmp.cmp(path, self._model, shallow=False):
-            shown = subprocess.run(["diff", self._model, path], capture_output=True, text=True)
+        model = self._models.setdefault(mail, path)
+        if model != path and not filecmp.cmp(path, model, shallow=False):
+            shown = subprocess.run(["diff", model, path], capture_output=True, text=True)
             raise Failure(f"{name} restored something else:\n{shown.stdout[:2000]}")
 
 
@@ -69,16 +75,17 @@ def _measure_round(number, chosen, runs, storages, judge):
     for kind, fresh_storage in storages.items():
         for name in rotated(list(chosen), number):
             with fresh_storage:
-                for which in runs:
+                for which, wear_out in runs.items():
+                    wear_out()
                     yield (kind, which), name, run(name, chosen[name])
                     if number == 0:
-                        judge.examine(name)
+                        judge.examine(name, which)
 
 
 def _measure(arguments, kinds):
     """{size: {(file system, which run): {program: samples}}}, where a size is (domains, names)."""
     chosen = commands(arguments)
-    runs = ["fresh restore", "second run"] if arguments.again else ["fresh restore"]
+    runs = _FRESH | _AGAIN if arguments.again else _FRESH
     results = {size: {(kind, which): {name: [] for name in chosen} for kind in kinds for which in runs}
                for size in arguments.sizes}
     judges = {size: _Judge() for size in arguments.sizes}
@@ -108,7 +115,7 @@ def _growth(results):
 
 
 def restore(arguments):
-    """Measures and prints a table for each size, file system, and first or second run."""
+    """Measures and prints a table for each size, file system and run."""
     results = _measure(arguments, storage.usable(arguments.fs))
     for (domains, names), experiments in results.items():
         for (kind, which), programs in experiments.items():
