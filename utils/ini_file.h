@@ -27,7 +27,8 @@ struct ini_value {
 
 /// get_ini_conf_var for several keys, which differ from each other, in one pass over the file. One
 /// that cannot be opened is reported once for each, or once when memory ran out. Returns 0 when
-/// every key was found, else -1; a key that was not found has a null value then.
+/// every key was found, else -1; a key that was not found has a null value then. Not for two
+/// threads at once.
 int get_ini_conf_vars(const char* path, const char* section,
                       std::span<const ini_value> wanted) noexcept;
 

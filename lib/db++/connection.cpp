@@ -109,7 +109,7 @@ std::ostringstream& Connection::statement() {
 void Connection::append(const char* text, std::size_t length) {
     try {
         write(text, length);
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
         query.reset();
         throw;
     }

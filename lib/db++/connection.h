@@ -57,6 +57,7 @@ public:
 
     /// Adds a piece; a std::string with all its bytes. A null text writes nothing in any mode; a
     /// raw one sets the stream's fail state: later pieces are lost until the next run clears it.
+    /// Throws std::bad_alloc; the pieces before are forgotten then.
     Connection& operator<<(const char* text);
     Connection& operator<<(const std::string& text);
     Connection& operator<<(int number);
