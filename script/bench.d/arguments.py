@@ -38,7 +38,7 @@ def _parser():
                            "domain; by default product and floor in one round")
     mode.add_argument("--audit", action="store_true",
                       help="count the calls of mail_audit diff, at the sizes of --scale unless others "
-                           "are given")
+                           "are given (needs perf)")
     mode.add_argument("--instructions", action="store_true",
                       help="count user instructions with callgrind; by default product and floor")
     mode.add_argument("--steps", action="store_true",

@@ -19,8 +19,9 @@ _PROGRESS = "DEBUG setMailboxQuota("
 
 # What is measured over one tree, in this order, and what has happened before each.
 _FRESH = {"fresh restore": wear.nothing}
+_AFTER_DELIVERIES = "a delivery to each mailbox"
 _AGAIN = {"second run": wear.nothing, "1 mailbox in 100 damaged": wear.damage,
-          "a delivery to each mailbox": wear.deliver}
+          _AFTER_DELIVERIES: wear.deliver}
 
 
 def commands(arguments):
@@ -53,7 +54,7 @@ class _Judge:
 
     def examine(self, name, which):
         """Raises Failure when what is restored now is not what the first program restored."""
-        mail = "delivered" if which == "a delivery to each mailbox" else "none"
+        mail = "delivered" if which == _AFTER_DELIVERIES else "none"
         path = f"{FOLDER}/state.{name}.{mail}"
         storage.write_state(path)
         model = self._models.setdefault(mail, path)
