@@ -250,6 +250,36 @@ TEST_F(EqualityTest, SizeThatIsRightNeedsNoPlaceForAnother) {
     EXPECT_EQ(verdicts(), (Verdicts{"quota rows: !", "standard error: !"}));
 }
 
+TEST_F(EqualityTest, SizeWithoutPlaceMayFailInTheNextStepWithoutUserDatabase) {
+    for (faults::Tree* const tree : {&trial_.before, &trial_.former.tree, &trial_.present.tree})
+        (*tree)[SIZE] = file("0S,0C\n");
+    const std::string stage = "   restoring mailbox quota settings for anna@a.example failed ";
+    const std::string debug = trial_.former.facts["standard error"];
+    trial_.former.facts["standard error"] =
+        debug + stage + "(Unable to store mbox quota), ignored\n";
+    trial_.present.facts["standard error"] =
+        debug + "Unable to open database /var/lib/corvo/mail/userdb/userdb.db: unable to open\n" +
+        stage +
+        "(Unable to store mbox quota in userdb on mailbox quota restoration for 'anna@a.example'), "
+        "ignored\n";
+    const std::string name = ": a maildirsize that is right needs no place for another";
+    EXPECT_EQ(verdicts(), Verdicts{"standard error" + name});
+    trial_.present.facts["standard error"] += "another failure\n";
+    EXPECT_EQ(verdicts(), Verdicts{"standard error: !"});
+    trial_.present.facts["standard error"] = debug + stage + "(other), ignored\n";
+    EXPECT_EQ(verdicts(), Verdicts{"standard error: !"});
+}
+
+TEST_F(EqualityTest, NextStepOfASizeWithoutPlaceIsNotToFailWithAUserDatabase) {
+    for (faults::Tree* const tree : {&trial_.before, &trial_.former.tree, &trial_.present.tree}) {
+        (*tree)[SIZE] = file("0S,0C\n");
+        (*tree)["databases/userdb"] = folder();
+    }
+    trial_.present.facts["standard error"] +=
+        "Unable to open database /var/lib/corvo/mail/userdb/userdb.db: unable to open\n";
+    EXPECT_EQ(verdicts(), Verdicts{"standard error: !"});
+}
+
 TEST_F(EqualityTest, ReadOnlyStorageKeepsFromNothingWhatIsRight) {
     const std::string failed = "failed (cannot create: Read-only file system), ignored\n";
     trial_.former.facts["standard error"] = failed;

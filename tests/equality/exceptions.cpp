@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <iterator>
 #include <map>
-#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include "tests/equality/damage.h"
 #include "tests/equality/kept_delivery.h"
 #include "tests/faults/judge/tree_comparison.h"
+#include "tests/support/installation.h"
 #include "tests/support/sandbox.h"
 
 namespace corvo::equality {
@@ -127,20 +127,42 @@ Lines linesOf(const Ending& ending, const std::string& fact) {
     return lines;
 }
 
-// The lines of a fact that the present program leaves out of the former one's; none when it has
-// others.
-std::optional<Lines> leftOut(const Trial& trial, const std::string& fact) {
+struct Changes {
+    Lines removed;
+    Lines added;
+};
+
+// How many lines two texts have in common from those two lines on, in the same order.
+std::vector<std::vector<int>> commonLines(const Lines& former, const Lines& present) {
+    std::vector<std::vector<int>> common(former.size() + 1,
+                                         std::vector<int>(present.size() + 1, 0));
+    for (std::size_t i = former.size(); i-- > 0;)
+        for (std::size_t j = present.size(); j-- > 0;)
+            common[i][j] = former[i] == present[j] ? common[i + 1][j + 1] + 1
+                                                   : std::max(common[i + 1][j], common[i][j + 1]);
+    return common;
+}
+
+// The fewest changes that make the former program's text the present one's.
+Changes changesOf(const Trial& trial, const std::string& fact) {
+    const Lines former = linesOf(trial.former, fact);
     const Lines present = linesOf(trial.present, fact);
-    auto next = present.begin();
-    Lines missing;
-    for (const std::string& line : linesOf(trial.former, fact))
-        if (next != present.end() && *next == line)
-            ++next;
-        else
-            missing.push_back(line);
-    if (next != present.end())
-        return std::nullopt;
-    return missing;
+    const auto common = commonLines(former, present);
+    Changes changes;
+    std::size_t i = 0;
+    std::size_t j = 0;
+    while (i < former.size() || j < present.size()) {
+        const bool hasBoth = i < former.size() && j < present.size();
+        if (hasBoth && former[i] == present[j]) {
+            ++i;
+            ++j;
+        } else if (j == present.size() || (hasBoth && common[i + 1][j] >= common[i][j + 1])) {
+            changes.removed.push_back(former[i++]);
+        } else {
+            changes.added.push_back(present[j++]);
+        }
+    }
+    return changes;
 }
 
 bool isRowOf(const Mailname& name, const std::string& row) {
@@ -188,6 +210,19 @@ bool isOfSize(const std::string& line) {
                        [&](std::string_view text) { return line.starts_with(text); });
 }
 
+bool isOfUserDatabase(const std::string& line) {
+    return line.starts_with("Unable to open database " + std::string(test::USERDB) + ": ") ||
+           line.find(
+               " failed (Unable to store mbox quota in userdb on mailbox quota restoration ") !=
+               std::string::npos;
+}
+
+// Whether the step behind maildirsize fails for each mail name.
+bool isWithoutUserDatabase(const Trial& trial) {
+    const std::filesystem::path folder = std::filesystem::path(test::USERDB).parent_path();
+    return entryAt(trial.before, "databases/" + folder.filename().string()) == nullptr;
+}
+
 // Whether a run finds a maildirsize beside which no other can be written, and leaves it.
 bool hasSizeWithoutPlace(const Trial& trial) {
     return std::any_of(trial.before.begin(), trial.before.end(), [&](const auto& entry) {
@@ -206,8 +241,14 @@ bool isOfSizeWithoutPlace(const Difference& difference, const Trial& trial) {
         return false;
     if (difference.name == "quota rows")
         return areRowsOfPanel(trial);
-    const auto missing = isStream(difference) ? leftOut(trial, difference.name) : std::nullopt;
-    return missing && std::all_of(missing->begin(), missing->end(), isOfSize);
+    if (!isStream(difference))
+        return false;
+    const Changes changes = changesOf(trial, difference.name);
+    const auto isOfNextStep = [&](const std::string& line) {
+        return isWithoutUserDatabase(trial) && isOfUserDatabase(line);
+    };
+    return std::all_of(changes.removed.begin(), changes.removed.end(), isOfSize) &&
+           std::all_of(changes.added.begin(), changes.added.end(), isOfNextStep);
 }
 
 // A new file is made under this name, in place of what a killed run left there; beside a file that
