@@ -101,6 +101,7 @@ void note(Means& means, const std::string& what) {
 
 void loseAgent(Means& means, std::mt19937_64& random) {
     fs::remove(AGENT);
+    fs::remove(OTHER_AGENT);  // of an earlier loss
     means.hasAgent = false;
     switch (below(4, random)) {
         case 0:
