@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -29,7 +27,7 @@ constexpr const char* LINE = "\r0 of 0 domains\x1b[K";
 // A terminal that stands where standard error was.
 class ErrorTerminal {
 public:
-    ErrorTerminal() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)), saved_(::dup(2)) {
+    ErrorTerminal() : master_(::posix_openpt(O_RDWR | O_NOCTTY)), saved_(::dup(2)) {
         EXPECT_EQ(::grantpt(master_.get()), 0);
         EXPECT_EQ(::unlockpt(master_.get()), 0);
         const UniqueFd slave(::open(::ptsname(master_.get()), O_RDWR | O_NOCTTY));
@@ -39,14 +37,18 @@ public:
     ErrorTerminal(const ErrorTerminal&) = delete;
     ErrorTerminal& operator=(const ErrorTerminal&) = delete;
 
-    // What has come since the last look.
+    // What has come since the last look: up to a mark, because the kernel passes it on later.
     std::string text() {
-        std::array<char, 4096> buffer{};
-        const ssize_t got = ::read(master_.get(), buffer.data(), buffer.size());
-        return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
+        EXPECT_EQ(::write(2, &MARK, 1), 1);
+        std::string all;
+        for (char next = 0; ::read(master_.get(), &next, 1) == 1 && next != MARK;)
+            all += next;
+        return all;
     }
 
 private:
+    static constexpr char MARK = '\a';
+
     UniqueFd master_;
     UniqueFd saved_;
 };
