@@ -3,8 +3,7 @@
 #pragma once
 
 /// Reads the restore mode from argv[1] (none: everything; later arguments are not read), walks the
-/// panel database once and restores what it reports. A run that restores everything waits without
-/// limit for another one to end. Returns 0 after a completed walk, failed steps
+/// panel database once and restores what it reports. Returns 0 after a completed walk, failed steps
 /// included, and 1 after writing the usage line to standard error for an unknown argument. What
 /// cannot be survived is thrown.
 int do_main(int argc, char** argv);
