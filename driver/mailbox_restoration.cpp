@@ -24,8 +24,8 @@ void MailboxRestorationHelper::goTo(const mail::Mailname& mailname) {
 
 void MailboxRestorationHelper::leaveMailname() {
     forwards_.leave();
-    if (at_)
-        flush_.noteHome(at_->home());
+    if (at_ && at_->isSound())
+        flush_.note(at_->home());
     at_.reset();
 }
 
@@ -37,6 +37,7 @@ void MailboxRestorationHelper::finish() {
 void MailboxRestorationHelper::registerDomain(const std::string& domain, bool /*off*/) {
     leaveMailname();
     maildirManager_->createDomainRoot(domain);
+    flush_.note(maildirManager_->getDomainRoot(domain));
 }
 
 void MailboxRestorationHelper::registerMailbox(const std::string& domain,

@@ -24,7 +24,7 @@ void conclude(int result, const char* path) noexcept {
         Log().line(LOG_ERR, "Unable to flush %s: %s", path, std::strerror(errno));
 }
 
-// Whether there is no way to a home, so that nothing can have been done in it.
+// Whether there is no way to a directory, so that nothing can have been done in it.
 bool isOutOfReach(int error) noexcept {
     return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EACCES ||
            error == ENAMETOOLONG;
@@ -42,20 +42,20 @@ void flushFolderOf(const std::filesystem::path& database) {
 
 }  // namespace
 
-void StorageFlush::noteHome(const std::filesystem::path& home) noexcept {
+void StorageFlush::note(const std::filesystem::path& directory) noexcept {
     struct stat seen = {};
-    if (safe_path::status(AT_FDCWD, home.c_str(), seen) != 0)
-        conclude(isOutOfReach(errno) ? 0 : -1, home.c_str());
+    if (safe_path::status(AT_FDCWD, directory.c_str(), seen) != 0)
+        conclude(isOutOfReach(errno) ? 0 : -1, directory.c_str());
     else if (S_ISDIR(seen.st_mode) && !fileSystems_.contains(seen.st_dev))
-        conclude(add(seen.st_dev, home), home.c_str());
+        conclude(add(seen.st_dev, directory), directory.c_str());
 }
 
-int StorageFlush::add(dev_t device, const std::filesystem::path& home) noexcept {
-    UniqueFd directory = safe_path::openDirectory(AT_FDCWD, home.c_str());
+int StorageFlush::add(dev_t device, const std::filesystem::path& path) noexcept {
+    UniqueFd directory = safe_path::openDirectory(AT_FDCWD, path.c_str());
     if (!directory)
         return -1;
     try {
-        fileSystems_.emplace(device, FileSystem{std::move(directory), home});
+        fileSystems_.emplace(device, FileSystem{std::move(directory), path});
         return 0;
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
@@ -65,7 +65,7 @@ int StorageFlush::add(dev_t device, const std::filesystem::path& home) noexcept 
 
 void StorageFlush::flush() {
     for (const auto& [device, fileSystem] : fileSystems_)
-        conclude(::syncfs(fileSystem.directory.get()), fileSystem.home.c_str());
+        conclude(::syncfs(fileSystem.directory.get()), fileSystem.path.c_str());
     flushFolderOf(mail::MAIL_USER_DB);
     flushFolderOf(mh_db_path);
 }

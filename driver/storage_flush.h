@@ -11,15 +11,15 @@
 
 namespace corvo {
 
-/// Remembers which file systems hold mail names that a run has seen to, and brings them and the
+/// Remembers which file systems hold what a run has seen to, and brings them and the
 /// folders of the two mail databases to the disk at its end. What was written is not asked for: a
 /// run that was killed may have left it behind.
 class StorageFlush {
 public:
-    /// The file system of a home is one of them. Opened when it is first met, so that later it is
-    /// still the same. A home that is not there is on none.
+    /// The file system of this directory, a domain's root or a home, is one of them. Opened when it
+    /// is first met, so that later it is still the same. A directory that is not there is on none.
     /// What keeps it from being flushed later is told in a line.
-    void noteHome(const std::filesystem::path& home) noexcept;
+    void note(const std::filesystem::path& directory) noexcept;
 
     /// Flushes; what cannot be flushed is told in a line each, but for a file system that takes no
     /// changes.
@@ -27,10 +27,10 @@ public:
 
 private:
     struct FileSystem {
-        UniqueFd directory;
-        std::filesystem::path home;  // the first one met there
+        UniqueFd directory;          // the first one met there
+        std::filesystem::path path;  // its path
     };
-    int add(dev_t device, const std::filesystem::path& home) noexcept;
+    int add(dev_t device, const std::filesystem::path& path) noexcept;
 
     std::map<dev_t, FileSystem> fileSystems_;
 };

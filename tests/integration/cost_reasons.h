@@ -134,9 +134,9 @@ inline const std::vector<Reason> REASONS = {
     {{"rt_sigaction"}, Tree::either, {.runs = 2}, "Two signals are ignored."},
     {{"open", "close"},
      Tree::either,
-     {.runs = 1, .names = 1},
-     "The file system of a home is noted when all is done, and the home walked to for that: its "
-     "path could lead elsewhere by then."},
+     {.runs = 1, .domains = 1, .names = 1},
+     "The file system of a domain's root or a home is noted when all is done there, and the "
+     "directory walked to for that: its path could lead elsewhere by then."},
     {{"fcntl"}, Tree::either, {.runs = -1}, "The floor notes the home that it has open."},
 };
 

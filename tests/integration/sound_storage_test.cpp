@@ -101,7 +101,21 @@ TEST_F(FlushesOfASoundStorageTest, AreOneForEachFileSystemAndDatabaseFolder) {
     EXPECT_EQ(calls.count("fdatasync"), 0);
 }
 
-TEST_F(FlushesOfASoundStorageTest, AreThoseOfTheDatabaseFoldersAloneWithoutMailNames) {
+TEST_F(FlushesOfASoundStorageTest, IncludeThatOfADomainWithoutMailNames) {
+    const SmallDisk disk(MAILNAMES + "/empty.example", 512);
+    panel.domain("empty.example");
+    const SystemCalls calls({mailRebuildBinary(), "--all"});
+    EXPECT_EQ(calls.count("syncfs"), 3);
+}
+
+TEST_F(FlushesOfASoundStorageTest, AreNoneOfPlacesOutsideTheStorage) {
+    panel.domain("third.example").mailname("../../../../proc");
+    const SystemCalls calls({mailRebuildBinary(), "--all"});
+    EXPECT_EQ(calls.given("open", "\"proc\""), 0);
+    EXPECT_EQ(calls.count("syncfs"), 2);
+}
+
+TEST_F(FlushesOfASoundStorageTest, AreThoseOfTheDatabaseFoldersAloneWithHandlersOnly) {
     const SystemCalls calls({mailRebuildBinary(), "--fast"});
     EXPECT_EQ(calls.result().status, 0);
     EXPECT_EQ(calls.count("syncfs"), 0);

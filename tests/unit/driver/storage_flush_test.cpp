@@ -48,21 +48,21 @@ protected:
 };
 
 TEST_F(StorageFlushTest, EndsWithoutAWordWhereAllCanBeFlushed) {
-    storage.noteHome(ONE + "/a");
-    storage.noteHome(TWO + "/a");
+    storage.note(ONE + "/a");
+    storage.note(TWO + "/a");
     storage.flush();
 }
 
 TEST_F(StorageFlushTest, FlushesEachFileSystemOnceByTheHomeMetFirst) {
     for (const std::string& home : {TWO + "/b", TWO + "/a", TWO + "/b"})
-        storage.noteHome(home);
+        storage.note(home);
     expectChildLogs({unflushed(TWO + "/b")}, [&] {
         failSystemCall(SYS_syncfs, EIO);
         storage.flush();
     });
 
-    storage.noteHome(ONE + "/a");
-    storage.noteHome(ONE + "/b");
+    storage.note(ONE + "/a");
+    storage.note(ONE + "/b");
     const ProcessResult both = runForked([&] {
         failSystemCall(SYS_syncfs, EIO);
         storage.flush();
@@ -75,7 +75,7 @@ TEST_F(StorageFlushTest, FlushesEachFileSystemOnceByTheHomeMetFirst) {
 }
 
 TEST_F(StorageFlushTest, FlushesTheFileSystemThatWasMet) {
-    storage.noteHome(TWO + "/a");
+    storage.note(TWO + "/a");
     std::filesystem::remove_all(TWO + "/a");
     expectChildLogs({unflushed(TWO + "/a")}, [&] {
         failSystemCall(SYS_syncfs, EIO);
@@ -115,7 +115,7 @@ TEST_F(StorageFlushTest, HomeThatIsNoDirectoryIsOnNoFileSystem) {
     writeFile(ONE + "/file", "");
     makeLink(TWO + "/a", ONE + "/link", POPUSER_UID);
     for (const std::string& home : {ONE + "/missing", ONE + "/file", ONE + "/link"})
-        storage.noteHome(home);
+        storage.note(home);
     expectChildLogs({unflushed(USERDB_FOLDER), unflushed(HANDLERS_FOLDER)}, [&] {
         failAll(EIO);
         storage.flush();
@@ -123,7 +123,7 @@ TEST_F(StorageFlushTest, HomeThatIsNoDirectoryIsOnNoFileSystem) {
 }
 
 TEST_F(StorageFlushTest, OnlyFileSystemsThatTakeNoChangesAreSilent) {
-    storage.noteHome(ONE + "/a");
+    storage.note(ONE + "/a");
     const auto flushFailing = [&](int error) {
         return [this, error] {
             failAll(error);
