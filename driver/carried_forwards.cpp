@@ -22,6 +22,15 @@ bool isForwardable(const std::string& address) noexcept {
     }
 }
 
+// Adding would list it once more with each run.
+bool hold(const mail::Mailname& mailname, const std::string& address) noexcept {
+    try {
+        return mail::DotQMailManager(mailname).holdRedirect(address);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 void tellOfDropping(const mail::DotQMailManager& file, int error) noexcept {
     Log().line(LOG_ERR, "Unable to drop forwards from %s: %s", file.path().c_str(),
                std::strerror(error));
@@ -37,7 +46,7 @@ void CarriedForwards::restore(const mail::Mailname& mailname, bool delivers) {
 }
 
 void CarriedForwards::name(const mail::Mailname& mailname, const std::string& address) {
-    if (place(address))
+    if (place(address) || hold(mailname, address))
         return;
     try {
         mail::DotQMailManager(mailname).addRedirect(address,

@@ -6,6 +6,12 @@ namespace corvo::mail {
 
 namespace {
 
+// To a program, or into a mailbox that is named by its path.
+bool mayDeliver(std::string_view line) noexcept {
+    return line != RESET_LINE &&
+           (line.starts_with('|') || line.starts_with('/') || line.starts_with('.'));
+}
+
 // Of forwards that stand more than once, where one was added that could not be removed before.
 void keepLastOfEach(Lines& lines) {
     std::unordered_set<std::string_view> seen;
@@ -28,7 +34,8 @@ Lines forwardsAmong(const Lines& lines, std::string_view deliveryLine) {
 
 bool delivers(const Lines& lines, std::string_view deliveryLine) noexcept {
     return std::any_of(lines.begin(), lines.end(), [&](std::string_view line) {
-        return isKnownDeliveryLine(line) || (!line.empty() && line == deliveryLine);
+        return isKnownDeliveryLine(line) ||
+               (deliveryLine.empty() ? mayDeliver(line) : line == deliveryLine);
     });
 }
 

@@ -21,7 +21,9 @@ using ForwardLines = std::unordered_set<std::string>;
 /// be empty.
 Lines forwardsAmong(const Lines& lines, std::string_view deliveryLine);
 
-/// Whether the lines deliver: by the line of now, unless that is empty, or by a known one.
+/// Whether the lines deliver: by the line of now or by a known one. Where nobody can tell which the
+/// line of now is (it is empty), each that hands mail to a program or puts it into a mailbox may be
+/// it.
 bool delivers(const Lines& lines, std::string_view deliveryLine) noexcept;
 
 /// The lines of a restored file: the reset line, the delivery line unless that is empty, the

@@ -1,11 +1,26 @@
 #include "mail/delivery/delivery_reports.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstring>
 
+#include "utils/guards.h"
 #include "utils/log.h"
+#include "utils/messlog.h"
 
 namespace corvo::mail {
+
+namespace {
+
+struct NewFile {
+    explicit NewFile(const char* old) noexcept {
+        (void)std::snprintf(path, sizeof path, "%s.tmp", old);
+    }
+    char path[PATH_MAX + sizeof ".tmp"];
+};
+
+}  // namespace
 
 int reportUnopened(const char* path) noexcept {
     Log().line(LOG_ERR, "Unable to open '%s': %s", path, std::strerror(errno));
@@ -14,6 +29,17 @@ int reportUnopened(const char* path) noexcept {
 
 int reportUnwritten(const char* path) noexcept {
     Log().line(LOG_ERR, "Unable to write to '%s': %s", path, std::strerror(errno));
+    return -1;
+}
+
+int reportNewUnopened(const char* path) noexcept {
+    const ErrnoGuard keepErrno;
+    (void)std::fprintf(stderr, MESSLOG_UNABLE_TO_OPEN, NewFile(path).path, std::strerror(errno));
+    return -1;
+}
+
+int reportNewUnwritten(const char* path) noexcept {
+    messlog2(0, 0, "Unable to close file %s: %s\n", NewFile(path).path, std::strerror(errno));
     return -1;
 }
 

@@ -9,6 +9,10 @@ namespace corvo::mail {
 int reportUnopened(const char* path) noexcept;
 int reportUnwritten(const char* path) noexcept;
 
+/// The same of the new file that is to take the place of the one at `path`.
+int reportNewUnopened(const char* path) noexcept;
+int reportNewUnwritten(const char* path) noexcept;
+
 /// The known delivery lines could not be removed. Has priority 4.
 int reportNotCleared(const char* path) noexcept;
 

@@ -1,5 +1,6 @@
 #include "mail/delivery/delivery_restoration.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string_view>
@@ -35,7 +36,8 @@ private:
     void stumble(Obstacle obstacle) noexcept;
     int keep() noexcept;
     int report() const noexcept;
-    int leaveUnread() noexcept;
+    int reportNotReplaced() const noexcept;
+    int leaveUnread() const noexcept;
     int startAfresh();
 
     const char* path_;
@@ -62,7 +64,7 @@ Restoration::Restoration(const char* path, bool shallDeliver)
         stumble(Obstacle::agent);
     if (!case_.isLocked)
         stumble(Obstacle::lock);
-    if (case_.shallDeliver && !line_.line)
+    if (case_.shallDeliver && deliveryLine().empty())
         stumble(Obstacle::line);
 }
 
@@ -139,23 +141,32 @@ int Restoration::report() const noexcept {
             reportNotCleared(path_);
             return reportNotDelivering(path_);
         case Obstacle::line:
+            if (line_.line)
+                return 0;  // an empty one is added like any other
             reportMissingLine(line_);
             return reportNotDelivering(path_);
         case Obstacle::unopened:
-            return reportUnopened(path_);
         case Obstacle::unwritten:
-            return reportUnwritten(path_);
+            return reportNotReplaced();
         case Obstacle::none:
             break;
     }
     return 0;
 }
 
+// A reset alone would have written to the file itself.
+int Restoration::reportNotReplaced() const noexcept {
+    const bool isOpened = case_.obstacle == Obstacle::unwritten;
+    if (!case_.shallDeliver)
+        return isOpened ? reportUnwritten(path_) : reportUnopened(path_);
+    (void)(isOpened ? reportNewUnwritten(path_) : reportNewUnopened(path_));
+    (void)reportNotCleared(path_);
+    return reportNotDelivering(path_);
+}
+
 // What it holds may be mail's only way.
-int Restoration::leaveUnread() noexcept {
-    case_.obstacle = Obstacle::unopened;
-    error_ = errno;
-    return report();
+int Restoration::leaveUnread() const noexcept {
+    return reportUnopened(path_);
 }
 
 int Restoration::startAfresh() {
@@ -173,6 +184,17 @@ int restoreDelivery(const char* path, bool shallDeliver, std::optional<ForwardLi
 
 bool placeForward(const char* path, const std::string& line, const ForwardLines& unnamed) {
     return changeDelivery(path, [&](Lines& lines) { placeForwardAmong(lines, line, unnamed); });
+}
+
+bool holdForward(const char* path, const std::string& line) {
+    if (changeDelivery(path, [&](Lines& lines) { putLast(lines, line); }))
+        return true;
+    const LineLock lock(path);
+    DeliveryContents contents;
+    if (!lock.isHeld() || !readDelivery(line_rewrite::Target(path), contents))
+        return false;
+    const Lines lines = linesOf(contents.text);
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 bool dropForwards(const char* path, const ForwardLines& unnamed) {

@@ -18,7 +18,8 @@ namespace corvo::mail {
 /// that delivers stays, and one that only forwards becomes the reset line with its forwards; where
 /// the file cannot be replaced, one that does either stays; one that cannot be read for want of
 /// descriptors or memory stays, too. A file that does neither, or that cannot be read otherwise, is
-/// reset, and the delivery line is added after that.
+/// reset, and the delivery line is added after that. An empty delivery line is one that cannot be
+/// had, but no failure.
 ///
 /// `carriedOver` receives these forwards where the file is now as this function makes it, and is
 /// none otherwise. Throws std::bad_alloc; the file is then as it was.
@@ -29,6 +30,10 @@ namespace corvo::mail {
 /// it stands there is left alone. False, silently, when that cannot be done.
 [[nodiscard]] bool placeForward(const char* path, const std::string& line,
                                 const ForwardLines& unnamed);
+
+/// Makes a forward the last line, and the only one of its kind; or, in a file that cannot be
+/// replaced, finds it where it stands. False, silently, when neither can be done.
+[[nodiscard]] bool holdForward(const char* path, const std::string& line);
 
 /// Removes the lines. False with errno, silently, when that cannot be done.
 [[nodiscard]] bool dropForwards(const char* path, const ForwardLines& unnamed);

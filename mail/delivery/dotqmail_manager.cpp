@@ -62,6 +62,11 @@ bool DotQMailManager::placeRedirect(const std::string& address, ForwardLines& un
     return mayPlace && isSound_ && !line.empty() && placeForward(path_.c_str(), line, unnamed);
 }
 
+bool DotQMailManager::holdRedirect(const std::string& address) const {
+    const std::string line = forwardLine(address);
+    return isSound_ && !line.empty() && holdForward(path_.c_str(), line);
+}
+
 bool DotQMailManager::dropRedirects(const ForwardLines& unnamed) {
     return dropForwards(path_.c_str(), unnamed);
 }

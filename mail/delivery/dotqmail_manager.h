@@ -46,6 +46,9 @@ public:
     /// that. Throws std::bad_alloc; the address may then be one of `unnamed` still.
     bool placeRedirect(const std::string& address, ForwardLines& unnamed, bool mayPlace = true);
 
+    /// holdForward of the address. Throws std::bad_alloc.
+    bool holdRedirect(const std::string& address) const;
+
     /// dropForwards from the file.
     bool dropRedirects(const ForwardLines& unnamed);
 

@@ -125,6 +125,35 @@ TEST_F(CarriedForwardsTest, NextMailNameIsInOrderAgain) {
     EXPECT_TRUE(forwards.place("a@b.c"));
 }
 
+TEST_F(CarriedForwardsTest, RunsOverAFileThatCannotBeReplacedListNoForwardTwice) {
+    const std::string old = "| true\n&a@b.c\n&d@e.f\n";
+    write(old);
+    makeDirectory(DOTQMAIL + ".tmp");
+    for (int run = 0; run < 3; ++run) {
+        ::chmod(DOTQMAIL.c_str(), 0644);
+        EXPECT_THROW(forwards.restore(mailname, false), SystemError);
+        EXPECT_EQ(streams.both(), "Unable to open '" + DOTQMAIL + "': Is a directory\n");
+        forwards.name(mailname, "a@b.c");
+        forwards.name(mailname, "d@e.f");
+        forwards.leave();
+        EXPECT_EQ(contentsOf(DOTQMAIL), old);
+    }
+}
+
+TEST_F(CarriedForwardsTest, OneThatCanOnlyBeAddedMultipliesNoOther) {
+    const std::string old = "| true\n&a@b.c\n&d@e.f\n";
+    write(old);
+    makeDirectory(DOTQMAIL + ".tmp");
+    for (int run = 0; run < 3; ++run) {
+        forwards.restore(mailname, false);
+        for (const char* address : {"a@b.c", "new@b.c", "d@e.f"})
+            forwards.name(mailname, address);
+        forwards.leave();
+        EXPECT_EQ(contentsOf(DOTQMAIL), old + "&new@b.c\n");
+    }
+    EXPECT_EQ(streams.err(), "Unable to open file " + DOTQMAIL + ".tmp: Is a directory\n");
+}
+
 TEST_F(CarriedForwardsTest, AddressWithoutMemoryForItsLineDropsNothingAndSaysSo) {
     requireExhaustibleMemory();
     restoreGroupOf("&a@b.c\n&d@e.f\n");

@@ -26,6 +26,7 @@ namespace {
 
 using corvo::mail::dropForwards;
 using corvo::mail::ForwardLines;
+using corvo::mail::holdForward;
 using corvo::mail::placeForward;
 using corvo::mail::restoreDelivery;
 
@@ -244,6 +245,53 @@ TEST_F(DeliveryRestorationTest, FileThatDeliversByALineOfItsOwnIsKnownWithoutAge
     }
 }
 
+TEST_F(DeliveryRestorationTest, LineThatMayBeTheDefaultOneDeliversWhereNobodyCanTell) {
+    const auto lose = {
+        +[] { removeLine(); },
+        +[] { writeFile(MAILNAMES + "/.default_delivery", ""); },
+        +[] { writeFile(MAILNAMES + "/.default_delivery", std::string(65537, 'x')); },
+    };
+    for (const auto& loseLine : lose)
+        for (const std::string line : {"| own ./Maildir", "/var/own/", "./own"}) {
+            const std::string old = "| true\n" + line + "\n&a@b.c\n";
+            write(old);
+            loseLine();
+            EXPECT_EQ(restore(true), -1);
+            EXPECT_EQ(contentsOf(DOTQMAIL), old);
+            EXPECT_NE(message().find(NOT_DELIVERING), std::string::npos);
+        }
+}
+
+TEST_F(DeliveryRestorationTest, NothingElseMayBeTheDefaultLine) {
+    removeLine();
+    for (const std::string line : {"| true", "# mine", "", "you@b.c"}) {
+        write(line + "\n");
+        EXPECT_EQ(restore(true), -1);
+        EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n");
+    }
+    (void)message();
+    writeFile(MAILNAMES + "/.default_delivery", LINE);
+    write("| own ./Maildir\n");
+    EXPECT_EQ(restore(true), 0);
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n" + LINE);
+}
+
+TEST_F(DeliveryRestorationTest, EmptyDefaultLineTakesNobodysPlace) {
+    writeFile(MAILNAMES + "/.default_delivery", "\n" + LINE);
+    for (const std::string& old : {"| true\n" + LINE, std::string("| own ./Maildir\n&a@b.c\n")}) {
+        write(old);
+        EXPECT_EQ(restore(true), 0);
+        EXPECT_EQ(contentsOf(DOTQMAIL), old);
+    }
+    write("# mine\n&a@b.c\n");
+    EXPECT_EQ(restore(true), 0);
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n&a@b.c\n");
+    write("# mine\n");
+    EXPECT_EQ(restore(true), 0);
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n\n");
+    EXPECT_EQ(message(), "");
+}
+
 TEST_F(DeliveryRestorationTest, FailuresAreToldAlsoWhereTheFileIsRight) {
     write("| true\n" + LINE);
     const auto before = identity();
@@ -267,6 +315,12 @@ TEST_F(DeliveryRestorationTest, ForwardsStayWithoutAWordWhereAResetTakesNoLock) 
 
 // --- where the file cannot be replaced
 
+// In the words of the steps that a mailbox's file would have failed at, behind its reset.
+const std::string NOT_REPLACED =
+    "Unable to close file " + DOTQMAIL + ".tmp: Input/output error\n\nSystem error 5: " +
+    "Input/output error\nUnable to remove old delivery strings from '" + DOTQMAIL + "'\n" +
+    NOT_DELIVERING;
+
 class UnreplaceableTest : public DeliveryRestorationTest {
 protected:
     // What a restoration prints and how it ends while a system call fails.
@@ -288,7 +342,7 @@ TEST_F(UnreplaceableTest, FileThatDeliversOrForwardsStays) {
             const std::string end = outcome(call, EIO, true);
             if (end.starts_with("0 "))
                 continue;  // a call that is not made here
-            EXPECT_EQ(end, "Unable to write to '" + DOTQMAIL + "': Input/output error\n-1 5 none");
+            EXPECT_EQ(end, NOT_REPLACED + "-1 5 none");
             EXPECT_EQ(contentsOf(DOTQMAIL), old);
             EXPECT_EQ(namesIn(HOME), std::vector<std::string>{".qmail"});
         }
@@ -297,9 +351,40 @@ TEST_F(UnreplaceableTest, FileThatDeliversOrForwardsStays) {
 
 TEST_F(UnreplaceableTest, FlushThatFailsIsAWriteThatFails) {
     write("./Maildir/\n");
-    EXPECT_EQ(outcome(SYS_fdatasync, EIO, true),
-              "Unable to write to '" + DOTQMAIL + "': Input/output error\n-1 5 none");
+    EXPECT_EQ(outcome(SYS_fdatasync, EIO, true), NOT_REPLACED + "-1 5 none");
     EXPECT_EQ(outcome(SYS_fdatasync, EINVAL, true), "0 0 ");
+}
+
+TEST_F(UnreplaceableTest, NewFileThatCannotBeOpenedIsNamed) {
+    write("./Maildir/\n");
+    makeDirectory(DOTQMAIL + ".tmp");
+    EXPECT_EQ(restore(true), -1);
+    EXPECT_EQ(errno, EISDIR);
+    const std::string both =
+        "Unable to remove old delivery strings from '" + DOTQMAIL + "'\n" + NOT_DELIVERING;
+    EXPECT_EQ(streams.err(), "Unable to open file " + DOTQMAIL + ".tmp: Is a directory\n" + both);
+    EXPECT_EQ(streams.out(), both);
+    EXPECT_EQ(contentsOf(DOTQMAIL), "./Maildir/\n");
+}
+
+TEST_F(UnreplaceableTest, FileThatOnlyForwardsIsToldAsOneThatIsReset) {
+    write("# mine\n&a@b.c\n");
+    EXPECT_EQ(outcome(SYS_fdatasync, EIO, false),
+              "Unable to write to '" + DOTQMAIL + "': Input/output error\n-1 5 none");
+    EXPECT_EQ(contentsOf(DOTQMAIL), "# mine\n&a@b.c\n");
+}
+
+TEST_F(UnreplaceableTest, ForwardThatStandsIsHeldWhereItStands) {
+    write("&a@b.c\n&d@e.f\n");
+    makeDirectory(DOTQMAIL + ".tmp");
+    EXPECT_TRUE(holdForward(DOTQMAIL.c_str(), "&a@b.c"));
+    EXPECT_FALSE(holdForward(DOTQMAIL.c_str(), "&new@b.c"));
+    EXPECT_EQ(contentsOf(DOTQMAIL), "&a@b.c\n&d@e.f\n");
+    std::filesystem::remove(DOTQMAIL + ".tmp");
+    EXPECT_TRUE(holdForward(DOTQMAIL.c_str(), "&a@b.c"));
+    EXPECT_EQ(contentsOf(DOTQMAIL), "&d@e.f\n&a@b.c\n");
+    removeLocks();
+    EXPECT_FALSE(holdForward(DOTQMAIL.c_str(), "&a@b.c"));
 }
 
 TEST_F(UnreplaceableTest, FileThatDoesNeitherIsTreatedAsEver) {
