@@ -251,6 +251,10 @@ bool isOfSizeWithoutPlace(const Difference& difference, const Trial& trial) {
            std::all_of(changes.added.begin(), changes.added.end(), isOfNextStep);
 }
 
+ino_t inodeOf(const Entry* entry) {
+    return entry != nullptr ? entry->inode : 0;
+}
+
 // A new file is made under this name, in place of what a killed run left there; beside a file that
 // is left alone nothing is made.
 bool isLeftover(const Difference& difference, const Trial& trial) {
@@ -258,11 +262,11 @@ bool isLeftover(const Difference& difference, const Trial& trial) {
     if (!difference.name.ends_with(DELIVERY_FILE + std::string(SUFFIX)))
         return false;
     const std::string file = difference.name.substr(0, difference.name.size() - SUFFIX.size());
-    const bool isFileAsBefore =
-        faults::isUntouched(entryAt(trial.before, file), entryAt(trial.present.tree, file));
+    const bool isSameFile =
+        inodeOf(entryAt(trial.before, file)) == inodeOf(entryAt(trial.present.tree, file));
     const Entry* const present = entryAt(trial.present.tree, difference.name);
-    return isFileAsBefore ? !isDifferent(entryAt(trial.before, difference.name), present)
-                          : present == nullptr;
+    return isSameFile ? !isDifferent(entryAt(trial.before, difference.name), present)
+                      : present == nullptr;
 }
 
 // Whether a delivery file misses lines that it had, and that had to stay. Where the home cannot be

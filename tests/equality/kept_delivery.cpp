@@ -59,8 +59,13 @@ private:
     bool delivers() const {
         const Texts all = lines();
         return std::any_of(all.begin(), all.end(), [this](const std::string& line) {
-            return mail::isKnownDeliveryLine(line) || (line == means_.line && !line.empty());
+            return mail::isKnownDeliveryLine(line) ||
+                   (means_.line ? line == *means_.line : mayBeTheDefault(line));
         });
+    }
+
+    static bool mayBeTheDefault(const std::string& line) {
+        return line != DISCARDING && line.find_first_of("|/.") == 0;
     }
 
     void restoreFile(bool shallDeliver) {
