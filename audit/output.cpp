@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,16 +44,30 @@ void tell(const std::string& what) {
     std::fputs(("mail_audit: " + what + "\n").c_str(), stderr);
 }
 
+// Whoever reads has seen enough: the end that other programs then have. The database client
+// ignores the signal for the whole process.
+void endWithoutReader() {
+    clearProgress();
+    (void)std::signal(SIGPIPE, SIG_DFL);
+    (void)std::raise(SIGPIPE);
+}
+
 }  // namespace
 
 void StandardOutput::write(std::string_view text) {
     if (error_ == 0 && std::fwrite(text.data(), 1, text.size(), file_) != text.size())
-        error_ = errno;
+        fail(errno);
+}
+
+void StandardOutput::fail(int error) {
+    if (error == EPIPE)
+        endWithoutReader();
+    error_ = error;
 }
 
 bool StandardOutput::finish() {
     if (error_ == 0 && std::fflush(file_) != 0)
-        error_ = errno;
+        fail(errno);
     if (error_ != 0)
         tell(std::string("standard output: ") + std::strerror(error_));
     return error_ == 0;

@@ -18,7 +18,8 @@ namespace corvo::audit {
 enum class Tone { plain, good, warning, problem };
 
 /// Standard output as it is when this is made. What it does not take is told at the end, once: in
-/// the middle of a walk that would be taken for a failure of the walk.
+/// the middle of a walk that would be taken for a failure of the walk. When nobody reads it any
+/// more, the process ends by SIGPIPE.
 class StandardOutput {
 public:
     void write(std::string_view text);
@@ -27,6 +28,8 @@ public:
     bool finish();
 
 private:
+    void fail(int error);
+
     std::FILE* file_ = stdout;
     int error_ = 0;  // the errno of the first failure
 };

@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <array>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -39,6 +42,17 @@ ProcessResult audit(const Arguments& arguments, const Environment& environment =
 // Standard output goes into a device that takes nothing.
 ProcessResult auditWithoutRoom(const std::string& arguments) {
     return run({"sh", "-c", "exec \"$0\" " + arguments + " > /dev/full", mailAuditBinary()});
+}
+
+// Standard output goes into a pipe that nobody reads any more.
+ProcessResult auditWithoutReader(const char* command) {
+    return runForked([&] {
+        std::array<int, 2> ends{};
+        ::_exit(::pipe(ends.data()) == 0 && ::dup2(ends[1], STDOUT_FILENO) == STDOUT_FILENO &&
+                        ::close(ends[0]) == 0 && ::close(ends[1]) == 0
+                    ? ::execl(mailAuditBinary().c_str(), "mail_audit", command, nullptr)
+                    : -1);
+    });
 }
 
 // Both streams are a terminal.
@@ -284,6 +298,15 @@ TEST_F(AuditFormatsTest, StandardOutputThatTakesNothingIsOneLineAndStatusTwo) {
     const ProcessResult result = auditWithoutRoom("--help");
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err, "mail_audit: standard output: No space left on device\n");
+}
+
+TEST_F(AuditFormatsTest, ReaderThatHasSeenEnoughIsNoNews) {
+    damageMuch();
+    for (const char* command : {"check", "diff", "show"}) {
+        const ProcessResult result = auditWithoutReader(command);
+        EXPECT_EQ(result.status, 128 + SIGPIPE) << command;
+        EXPECT_EQ(result.err, "");
+    }
 }
 
 TEST_F(AuditFormatsTest, UsageErrorIsOneLineOnStandardErrorAndStatusTwo) {
