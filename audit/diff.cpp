@@ -56,7 +56,6 @@ public:
     }
 
     bool isNothing() const { return items_ == 0; }
-    std::size_t mailboxes() const { return mailboxes_; }
 
     bool finish() {
         const Record summary = {{"mailboxes", mailboxes_},
@@ -154,27 +153,45 @@ private:
 
     // Where a run cannot make a domain's root, it comes to none of its mailboxes.
     void lookAtRoot(Name domain) {
-        const bool isMeant = options_.scope.includes(domain);
+        const std::string path = mail::MaildirManager::getInstance().getDomainRoot(domain);
+        const FoundDirectory root = findRoot(domain, path);
+        isDomainReachable_ = root.state == State::there || root.state == State::missing;
+        obstacle_ = isDomainReachable_ ? ""
+                                       : path + ": " + root.reason + ": the mailboxes of " +
+                                             domain + " were not looked at";
+        if (!options_.scope.includes(domain))
+            return;
+        isAnythingMeant_ = true;
+        printRoot(domain, path, root);
+        if (root.state == State::unseen)
+            tellOfObstacle();
+    }
+
+    FoundDirectory findRoot(Name domain, const std::string& path) const {
+        if (mail::isPathComponent(domain))
+            return findDirectory(AT_FDCWD, path.c_str(), means_.domainRoot);
+        FoundDirectory root;
+        root.state = State::blocked;
+        root.reason = "can be the name of no directory";
+        return root;
+    }
+
+    void printRoot(Name domain, const std::string& path, const FoundDirectory& root) {
         Item item;
         item.kind = ItemKind::domainRoot;
         item.domain = domain;
-        item.path = mail::MaildirManager::getInstance().getDomainRoot(domain);
+        item.path = path;
         item.repair = Repair::all;
-        FoundDirectory root;
-        if (mail::isPathComponent(domain)) {
-            root = findDirectory(AT_FDCWD, item.path.c_str(), means_.domainRoot);
-        } else {
-            root.state = State::blocked;
-            root.reason = "can be the name of no directory";
-        }
-        isDomainReachable_ = root.state == State::there || root.state == State::missing;
         Items items;
         addRootItems(items, item, root);
-        if (isMeant)
-            findings_.print(items);
-        if (!isDomainReachable_)
-            output_.omit(item.path + ": " + root.reason + ": the mailboxes of " + domain +
-                         " were not looked at");
+        findings_.print(items);
+    }
+
+    // Once for a domain, and only where there is something behind it that is meant.
+    void tellOfObstacle() {
+        if (!obstacle_.empty())
+            output_.omit(obstacle_);
+        obstacle_.clear();
     }
 
     void addRootItems(Items& items, Item item, const FoundDirectory& root) const {
@@ -192,8 +209,13 @@ private:
         leaveMailname();
         if (extras_)
             extras_->know(mailname);
-        if (isDomainReachable_ && options_.scope.includes(domain, mailname))
+        if (!options_.scope.includes(domain, mailname))
+            return;
+        isAnythingMeant_ = true;
+        if (isDomainReachable_)
             mailname_.emplace(PanelMailname{mail::Mailname(domain, mailname), delivers, {}, {}});
+        else
+            tellOfObstacle();
     }
 
     void leaveMailname() {
@@ -213,8 +235,8 @@ private:
 
     void tellOfGaps() {
         omitGapsOfWalk(output_);
-        if (!options_.scope.isAll() && findings_.mailboxes() == 0)
-            output_.omit("no mailbox of the panel is meant by --domain and --mailbox");
+        if (!isAnythingMeant_ && findings_.isNothing())
+            omitUnmetScope(output_, options_.scope);
     }
 
     int status(bool isPrinted) const {
@@ -230,7 +252,9 @@ private:
     Progress progress_;
     Findings findings_;
     std::optional<Extras> extras_;
+    bool isAnythingMeant_ = false;
     bool isDomainReachable_ = true;
+    std::string obstacle_;  // on the way to the domain; empty: none, or told
     std::optional<PanelMailname> mailname_;
 };
 

@@ -83,7 +83,7 @@ Names Extras::unknownDirectories(const std::string& path, const NameSet& known) 
 
 void Extras::leaveDomain(const Sink& sink) {
     const bool isKnownWhole = reportsBefore_ == mail::restore::reportsOfLastWalk();
-    if (!domain_.empty() && isKnownWhole && mail::isPathComponent(domain_)) {
+    if (scope_.reaches(domain_) && isKnownWhole && mail::isPathComponent(domain_)) {
         const std::string root = mail::mailnamesPrefix() + domain_;
         for (const std::string& name : unknownDirectories(root, mailnames_))
             if (scope_.includes(domain_, name))

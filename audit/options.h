@@ -15,11 +15,13 @@ enum class Colour { automatic, always, never };
 /// shells, without regard to case.
 struct Scope {
     std::vector<std::string> domains;
-    std::vector<std::string> mailboxes;  // NAME@DOMAIN
+    std::vector<std::string> mailboxes;  // NAME@DOMAIN, each half a pattern of its own
 
     bool isAll() const noexcept { return domains.empty() && mailboxes.empty(); }
     /// Is all of a domain meant?
     bool includes(const std::string& domain) const;
+    /// May anything of a domain be meant: all of it, or some mailbox that it might have?
+    bool reaches(const std::string& domain) const;
     /// Is a mailbox meant, by itself or with its domain?
     bool includes(const std::string& domain, const std::string& mailname) const;
 };

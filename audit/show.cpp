@@ -187,8 +187,8 @@ private:
 
     void tellOfGaps() {
         omitGapsOfWalk(output_);
-        if (!scope_.isAll() && items_ == 0)
-            output_.omit("nothing that the panel knows is meant by --domain and --mailbox");
+        if (items_ == 0)
+            omitUnmetScope(output_, scope_);
     }
 
     bool finish() {

@@ -13,4 +13,9 @@ void omitGapsOfWalk(Output& output) {
                     counted(reports, "line", "lines") + " above");
 }
 
+void omitUnmetScope(Output& output, const Scope& scope) {
+    if (!scope.isAll())
+        output.omit("nothing that the panel knows is meant by --domain and --mailbox");
+}
+
 }  // namespace corvo::audit

@@ -22,7 +22,9 @@ namespace corvo::test::runs {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using Json = nlohmann::ordered_json;
 
 const std::string DOMAIN = MAILNAMES + "/example.com";
@@ -256,7 +258,57 @@ TEST_F(AuditTest, ScopeLimitsWhatIsCompared) {
     const ProcessResult nobody = audit({"diff", "--domain", "example.org"});
     EXPECT_EQ(nobody.status, 2);
     EXPECT_EQ(nobody.err,
-              "mail_audit: no mailbox of the panel is meant by --domain and --mailbox\n");
+              "mail_audit: nothing that the panel knows is meant by --domain and --mailbox\n");
+}
+
+TEST_F(AuditTest, DomainWithoutMailnamesIsMeant) {
+    panel.domain("empty.example");
+    EXPECT_EQ(mailRebuild().status, 0);
+    EXPECT_THAT(differences({"--domain", "empty.example"}), ElementsAre());
+    ::chmod((MAILNAMES + "/empty.example").c_str(), 0777);
+    EXPECT_THAT(differences({"--domain", "empty.example"}),
+                ElementsAre("domain-root: has another mode" + ALL));
+}
+
+// A file in place of a domain's root, or nobody's link.
+const std::vector<void (*)(const std::string& root)> OBSTACLES = {
+    [](const std::string& root) { writeFile(root, "x\n"); },
+    [](const std::string& root) { makeLink("/tmp", root, POPUSER_UID); }};
+
+TEST_F(AuditTest, DomainThatCannotBeEnteredIsToldOnlyWhereItsMailboxesAreMeant) {
+    panel.domain("bad.example").mailname("shop");
+    const std::string root = MAILNAMES + "/bad.example";
+    for (const auto obstruct : OBSTACLES) {
+        std::filesystem::remove(root);
+        obstruct(root);
+        EXPECT_THAT(differences({"--domain", "example.com", "--extras"}), ElementsAre());
+        EXPECT_THAT(differences({"--mailbox", "*@example.com", "--extras"}), ElementsAre());
+        for (const auto& scope : std::vector<std::vector<std::string>>{
+                 {"--domain", "bad.example"}, {"--mailbox", "shop@bad.example"}, {}}) {
+            std::vector<std::string> arguments = {"diff"};
+            arguments.insert(arguments.end(), scope.begin(), scope.end());
+            const ProcessResult result = audit(arguments);
+            EXPECT_EQ(result.status, 2);
+            EXPECT_THAT(result.err, StartsWith("mail_audit: " + root + ": is "));
+            EXPECT_THAT(result.err,
+                        EndsWith(": the mailboxes of bad.example were not looked at\n"));
+        }
+    }
+}
+
+TEST_F(AuditTest, DomainThatCannotBeEnteredHidesNothingWithoutMailnames) {
+    panel.domain("bad.example");
+    writeFile(MAILNAMES + "/bad.example", "x\n");
+    EXPECT_THAT(differences(), ElementsAre("domain-root: is no directory" + NONE));
+}
+
+TEST_F(AuditTest, ExtrasAloneAreMeantToo) {
+    makeDirectory(DOMAIN + "/former");
+    makeDirectory(MAILNAMES + "/gone.example/info");
+    EXPECT_THAT(differences({"--extras", "--domain", "gone.example"}),
+                ElementsAre("domain-root: is left alone []"));
+    EXPECT_THAT(differences({"--extras", "--mailbox", "former@example.com"}),
+                ElementsAre("home: is left alone []"));
 }
 
 }  // namespace

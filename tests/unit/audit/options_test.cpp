@@ -30,6 +30,21 @@ TEST(ScopeTest, PatternOfMailboxesMeansNoWholeDomain) {
     EXPECT_FALSE(scope.includes("example.com", "office"));
 }
 
+TEST(ScopeTest, DomainsOfMailboxesAreReached) {
+    const Scope scope{{"a.example"}, {"info@*.test"}};
+    EXPECT_TRUE(scope.reaches("a.example"));
+    EXPECT_TRUE(scope.reaches("b.TEST"));
+    EXPECT_FALSE(scope.reaches("b.example"));
+    EXPECT_TRUE(Scope().reaches("b.example"));
+}
+
+TEST(ScopeTest, LastAtOfAMailboxIsBeforeItsDomain) {
+    const Scope scope{{}, {"a@b@c.example"}};
+    EXPECT_TRUE(scope.reaches("c.example"));
+    EXPECT_TRUE(scope.includes("c.example", "a@b"));
+    EXPECT_FALSE(scope.includes("c.example", "a"));
+}
+
 TEST(ScopeTest, OneOfSeveralPatternsIsEnough) {
     const Scope scope{{"a.example", "b.example"}, {"info@c.example", "info@d.example"}};
     EXPECT_TRUE(scope.includes("b.example"));
