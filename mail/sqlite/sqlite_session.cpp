@@ -218,6 +218,13 @@ const char* SqliteStatement::text(int column) const noexcept {
     return reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
 }
 
+std::string_view SqliteStatement::bytes(int column) const noexcept {
+    const char* const found = text(column);  // converts first, which may change the length
+    if (found == nullptr)
+        return {};
+    return {found, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
+}
+
 int SqliteStatement::integer(int column) const noexcept {
     return sqlite3_column_int(statement_, column);
 }

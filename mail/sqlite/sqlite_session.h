@@ -108,6 +108,8 @@ public:
 
     /// Columns of the current row, counted from 0. A text lives until the next step; null for NULL.
     const char* text(int column) const noexcept;
+    /// The same with its zero bytes.
+    std::string_view bytes(int column) const noexcept;
     int integer(int column) const noexcept;
 
     /// Makes ready for the first parameter and the first step again.
