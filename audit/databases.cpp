@@ -1,8 +1,10 @@
 #include "audit/databases.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <span>
+#include <string_view>
 
 #include "mail/handlers/check_quota_records.h"
 #include "mail/handlers/mail_handlers_db.h"
@@ -18,6 +20,7 @@ using mail::SqliteAccess;
 using mail::SqliteStatement;
 using mail::SqliteStep;
 using mail::SqliteUse;
+using Names = std::vector<std::string>;
 
 const char* describe(const RowDifferences& differences) {
     return differences.missing ? "has no row for it" : "has another quota";
@@ -77,8 +80,8 @@ void QuotaRows::lookAt(Items& items, Item about, long long quota, bool isReached
     items.push_back(std::move(about));
 }
 
-std::vector<std::string> QuotaRows::texts(const char* sql, const std::string* parameter) {
-    std::vector<std::string> found;
+Names QuotaRows::texts(const char* sql, const std::string* parameter) {
+    Names found;
     open();
     if (isGivenUp_)
         return found;
@@ -87,20 +90,37 @@ std::vector<std::string> QuotaRows::texts(const char* sql, const std::string* pa
                           ? select.step()
                           : SqliteStep::failed;
     for (; step == SqliteStep::row; step = select.step())
-        if (const char* const text = select.text(0))
+        if (const std::string_view text = select.bytes(0); text.data() != nullptr)
             found.emplace_back(text);
     if (step == SqliteStep::failed)
         giveUp("the rows cannot be listed");
     return found;
 }
 
-std::vector<std::string> QuotaRows::domains() {
-    return texts("SELECT DISTINCT domain_name FROM mailbox_quota ORDER BY 1", nullptr);
+std::optional<std::string> QuotaRows::firstDomain() {
+    const Names found = texts("SELECT min(domain_name) FROM mailbox_quota", nullptr);
+    return found.empty() ? std::nullopt : std::optional(found.front());
 }
 
-std::vector<std::string> QuotaRows::mailboxesOf(const std::string& domain) {
-    return texts("SELECT mailbox_name FROM mailbox_quota WHERE domain_name = ? ORDER BY 1",
-                 &domain);
+std::optional<std::string> QuotaRows::domainBehind(const std::string& domain) {
+    const Names found =
+        texts("SELECT min(domain_name) FROM mailbox_quota WHERE domain_name > ?", &domain);
+    if (found.empty())
+        return std::nullopt;
+    // Something that is no text, or not ordered by its bytes, could come again and again.
+    if (found.front() <= domain) {
+        giveUp("the rows cannot be listed");
+        return std::nullopt;
+    }
+    return found.front();
+}
+
+// Sorted here, for SQLite might need a temporary file.
+Names QuotaRows::mailboxesOf(const std::string& domain) {
+    Names found = texts("SELECT mailbox_name FROM mailbox_quota WHERE domain_name = ?", &domain);
+    std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
 }
 
 void lookAtOverquotaRecords(Items& items, Output& output, bool reject, bool permanent) {

@@ -28,8 +28,13 @@ public:
     /// tells whether a run gets as far as that.
     void lookAt(Items& items, Item about, long long quota, bool isReached);
 
-    /// The domains, and the mailboxes of one, that have rows.
-    std::vector<std::string> domains();
+    /// The domains that have rows, one after the other in the order of their bytes: the first one,
+    /// and the one behind another. Nothing at the end. What is handed out is read by then: no lock
+    /// stays.
+    std::optional<std::string> firstDomain();
+    std::optional<std::string> domainBehind(const std::string& domain);
+
+    /// The mailboxes of a domain that have rows, in the order of their bytes.
     std::vector<std::string> mailboxesOf(const std::string& domain);
 
 private:

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "lib/db++/connection.h"
@@ -21,12 +22,17 @@ namespace {
 
 using Names = std::vector<std::string>;
 
+// Behind a link, too, that a run follows.
 bool isDirectory(const DirEntries& parent, const dirent64& entry) {
     struct stat seen = {};
     return entry.d_type == DT_DIR ||
-           (entry.d_type == DT_UNKNOWN &&
-            ::fstatat(parent.descriptor(), entry.d_name, &seen, AT_SYMLINK_NOFOLLOW) == 0 &&
+           ((entry.d_type == DT_LNK || entry.d_type == DT_UNKNOWN) &&
+            safe_path::status(parent.descriptor(), entry.d_name, seen) == 0 &&
             S_ISDIR(seen.st_mode));
+}
+
+std::string rootOf(const std::string& domain) {
+    return mail::mailnamesPrefix() + domain;
 }
 
 Item extra(ItemKind kind, const std::string& domain, const std::string& mailbox, std::string path) {
@@ -53,21 +59,36 @@ Extras::Extras(Output& output, const Scope& scope, mysql::Connection& connection
                                       << mysql::Query::fetch;
     mysql::Result::row_t row;
     while (result.fetch(&row))
-        domains_.insert(row["name"].value);
+        ++domains_[row["name"].value];
 }
 
 void Extras::enterDomain(const std::string& domain) {
-    domain_ = domain;
-    mailnames_.clear();
+    walked_ = &*told_.try_emplace(domain).first;
     reportsBefore_ = mail::restore::reportsOfLastWalk();
 }
 
 void Extras::know(const std::string& mailname) {
-    mailnames_.insert(to_lower(mailname));
+    walked_->second.mailnames.insert(to_lower(mailname));
+}
+
+void Extras::leaveDomain(const Sink& sink) {
+    if (walked_ == nullptr)
+        return;
+    const std::string domain = walked_->first;
+    Told& told = std::exchange(walked_, nullptr)->second;
+    told.isWhole = told.isWhole && reportsBefore_ == mail::restore::reportsOfLastWalk();
+    if (++told.domains < domains_[domain])
+        return;
+    if (told.isWhole && mail::isPathComponent(domain) && scope_.reaches(domain)) {
+        nameHomes(domain, told.mailnames, sink);
+        nameRows(domain, told.mailnames, sink);
+    }
+    told_.erase(domain);
 }
 
 // What is in a directory without being known, sorted; a missing directory has nothing.
-Names Extras::unknownDirectories(const std::string& path, const NameSet& known) {
+template <typename Known>
+Names Extras::unknownDirectories(const std::string& path, const Known& known) {
     Names unknown;
     DirEntries entries = safe_path::openEntries(AT_FDCWD, path.c_str());
     if (!entries) {
@@ -81,28 +102,46 @@ Names Extras::unknownDirectories(const std::string& path, const NameSet& known) 
     return sorted(std::move(unknown));
 }
 
-void Extras::leaveDomain(const Sink& sink) {
-    const bool isKnownWhole = reportsBefore_ == mail::restore::reportsOfLastWalk();
-    if (scope_.reaches(domain_) && isKnownWhole && mail::isPathComponent(domain_)) {
-        const std::string root = mail::mailnamesPrefix() + domain_;
-        for (const std::string& name : unknownDirectories(root, mailnames_))
-            if (scope_.includes(domain_, name))
-                sink(extra(ItemKind::home, domain_, name, mail::homeOf(domain_, name)));
-        for (const std::string& name : rows_.mailboxesOf(domain_))
-            if (!mailnames_.contains(name) && scope_.includes(domain_, name))
-                sink(extra(ItemKind::quotaRow, domain_, name, mail::MAIL_USER_DB));
-    }
-    domain_.clear();
-    mailnames_.clear();
+void Extras::nameHomes(const std::string& domain, const NameSet& known, const Sink& sink) {
+    const std::string root = rootOf(domain);
+    for (const std::string& name : unknownDirectories(root, known))
+        if (scope_.includes(domain, name))
+            sink(extra(ItemKind::home, domain, name, root + "/" + name));
+}
+
+void Extras::nameRows(const std::string& domain, const NameSet& known, const Sink& sink) {
+    for (const std::string& name : rows_.mailboxesOf(domain))
+        if (!known.contains(name) && scope_.includes(domain, name))
+            sink(extra(ItemKind::quotaRow, domain, name, mail::MAIL_USER_DB));
 }
 
 void Extras::finish(const Sink& sink) {
+    tellOfDomainsNotTold();
+    nameUnknownRoots(sink);
+    nameUnknownRows(sink);
+}
+
+// The walk passes over a domain, or was broken off before it: it may have any mail name.
+void Extras::tellOfDomainsNotTold() {
+    for (const auto& [domain, told] : told_)
+        if (scope_.reaches(domain))
+            output_.omit(rootOf(domain) + ": the walk did not report all domains that share it: " +
+                         "extras were not looked for");
+}
+
+// A root stands for all that is in it, unless only some of that is meant.
+void Extras::nameUnknownRoots(const Sink& sink) {
     for (const std::string& name : unknownDirectories(mail::mailnamesPrefix(), domains_))
         if (scope_.includes(name))
-            sink(extra(ItemKind::domainRoot, name, "", mail::mailnamesPrefix() + name));
-    for (const std::string& domain : rows_.domains())
-        if (!domains_.contains(domain) && scope_.includes(domain))
-            sink(extra(ItemKind::quotaRow, domain, "", mail::MAIL_USER_DB));
+            sink(extra(ItemKind::domainRoot, name, "", rootOf(name)));
+        else if (scope_.reaches(name))
+            nameHomes(name, {}, sink);
+}
+
+void Extras::nameUnknownRows(const Sink& sink) {
+    for (auto domain = rows_.firstDomain(); domain; domain = rows_.domainBehind(*domain))
+        if (!domains_.contains(*domain) && scope_.reaches(*domain))
+            nameRows(*domain, {}, sink);
 }
 
 }  // namespace corvo::audit

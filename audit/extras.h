@@ -3,7 +3,9 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -30,7 +32,8 @@ public:
     void know(const std::string& mailname);
 
     /// Hands out the homes and rows of the domain that was walked last which are not its mail
-    /// names', unless the walk could not read them all.
+    /// names', unless the walk could not read them all. A domain that the panel has in several
+    /// spellings, which share their folder, is dealt with when the last one is left.
     void leaveDomain(const Sink& sink);
 
     /// Hands out domain roots and rows of domains that the panel does not have.
@@ -39,15 +42,28 @@ public:
 private:
     using NameSet = std::unordered_set<std::string>;
 
-    std::vector<std::string> unknownDirectories(const std::string& path, const NameSet& known);
+    // What the walk has told so far of the domains of one name.
+    struct Told {
+        std::size_t domains = 0;
+        bool isWhole = true;
+        NameSet mailnames;
+    };
+
+    template <typename Known>
+    std::vector<std::string> unknownDirectories(const std::string& path, const Known& known);
+    void nameHomes(const std::string& domain, const NameSet& known, const Sink& sink);
+    void nameRows(const std::string& domain, const NameSet& known, const Sink& sink);
+    void nameUnknownRoots(const Sink& sink);
+    void nameUnknownRows(const Sink& sink);
+    void tellOfDomainsNotTold();
 
     Output& output_;
     const Scope& scope_;
     QuotaRows rows_;
-    NameSet domains_;
-    std::string domain_;  // that is walked; empty: none
+    std::unordered_map<std::string, std::size_t> domains_;       // how many the panel has of a name
+    std::map<std::string, Told> told_;                           // what is not yet dealt with
+    std::map<std::string, Told>::value_type* walked_ = nullptr;  // in there; null: none
     std::size_t reportsBefore_ = 0;
-    NameSet mailnames_;
 };
 
 }  // namespace corvo::audit

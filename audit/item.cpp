@@ -26,9 +26,10 @@ std::vector<std::string> runsThat(Repair repair) {
     return {};
 }
 
-// Empty for an item of no mailbox.
+// Empty for an item of no mailbox. A row is always one's, be its name empty.
 std::string addressOf(const Item& item) {
-    return item.mailbox.empty() ? std::string() : item.mailbox + "@" + item.domain;
+    const bool isOfMailbox = !item.mailbox.empty() || item.kind == ItemKind::quotaRow;
+    return isOfMailbox ? item.mailbox + "@" + item.domain : std::string();
 }
 
 std::string_view remarkOn(const Item& item) {
@@ -97,7 +98,7 @@ Record recordOf(const Item& item) {
 }
 
 std::string lineOf(const Item& item) {
-    const bool isRow = item.kind == ItemKind::quotaRow && !item.mailbox.empty();
+    const bool isRow = item.kind == ItemKind::quotaRow;
     const std::string subject = isRow ? addressOf(item) + " in " : std::string();
     return fmt::format("{}{}: {}{}{} [{}]", printable(subject), printable(item.path),
                        printable(item.reason), part(", expected ", item.expected),

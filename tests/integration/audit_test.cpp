@@ -245,6 +245,88 @@ TEST_F(AuditTest, ExtrasAreNamedWhenAskedFor) {
                             "domain-root: is left alone []", "quota-row: has a row too many []"));
 }
 
+TEST_F(AuditTest, ExtrasAreToldApart) {
+    makeDirectory(DOMAIN + "/former");
+    makeDirectory(DOMAIN + "/Former");
+    makeDirectory(MAILNAMES + "/gone.example/info");
+    sqliteExecute(USERDB,
+                  "INSERT INTO mailbox_quota VALUES ('example.com', 'late', '1B'), "
+                  "('gone.example', 'a', '1B'), ('gone.example', 'b', '1B'), "
+                  "('lost.example', '', '1B')");
+    const ProcessResult result = audit({"diff", "--extras", "--quiet"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "");
+    const std::string rest = " [the panel does not know it]\n";
+    const std::string home = ": is left alone" + rest;
+    const std::string row = " in " + USERDB + ": has a row too many" + rest;
+    EXPECT_EQ(result.out, DOMAIN + "/Former" + home + DOMAIN + "/former" + home +
+                              "late@example.com" + row + MAILNAMES + "/gone.example" + home +
+                              "a@gone.example" + row + "b@gone.example" + row + "@lost.example" +
+                              row);
+    const Json items = Json::parse(audit({"diff", "--extras", "--format", "json"}).out)["items"];
+    EXPECT_EQ(items[4]["domain"], "gone.example");
+    EXPECT_EQ(items[4]["mailbox"], "a@gone.example");
+}
+
+TEST_F(AuditTest, MailboxesOfUnknownDomainsAreNamedWhenTheyAreMeant) {
+    makeDirectory(MAILNAMES + "/gone.example/a");
+    makeDirectory(MAILNAMES + "/gone.example/b");
+    sqliteExecute(USERDB,
+                  "INSERT INTO mailbox_quota VALUES ('gone.example', 'a', '1B'), "
+                  "('gone.example', 'b', '1B')");
+    EXPECT_EQ(audit({"diff", "--extras", "--quiet", "--mailbox", "A@gone.example"}).out,
+              MAILNAMES + "/gone.example/a: is left alone [the panel does not know it]\n" +
+                  "a@gone.example in " + USERDB +
+                  ": has a row too many [the panel does not know it]\n");
+    EXPECT_THAT(differences({"--extras", "--domain", "gone.*"}),
+                ElementsAre("domain-root: is left alone []", "quota-row: has a row too many []",
+                            "quota-row: has a row too many []"));
+}
+
+TEST_F(AuditTest, ExtrasBehindLinksAreThoseThatARunWouldFollow) {
+    makeDirectory("/srv/elsewhere/info");
+    makeLink("/srv/elsewhere", MAILNAMES + "/gone.example");
+    makeLink("/srv/elsewhere", MAILNAMES + "/popusers.example", POPUSER_UID);
+    makeLink("/srv/nowhere", MAILNAMES + "/dangling.example");
+    makeLink("/etc/passwd", MAILNAMES + "/file.example");
+    makeLink("/srv/elsewhere/info", DOMAIN + "/former");
+    makeLink("/srv/elsewhere/info", DOMAIN + "/planted", POPUSER_UID);
+    const std::string rest = ": is left alone [the panel does not know it]\n";
+    EXPECT_EQ(audit({"diff", "--extras", "--quiet"}).out,
+              DOMAIN + "/former" + rest + MAILNAMES + "/gone.example" + rest);
+    EXPECT_EQ(audit({"diff", "--extras", "--quiet", "--mailbox", "*@gone.example"}).out,
+              MAILNAMES + "/gone.example/info" + rest);
+}
+
+TEST_F(AuditTest, DomainInTwoSpellingsHasTheMailnamesOfBoth) {
+    panel.domain("example.net").mailname("shop");
+    panel.domain("EXAMPLE.com").mailname("zoe");
+    EXPECT_EQ(mailRebuild().status, 0);
+    EXPECT_THAT(differences({"--extras"}), ElementsAre());
+    makeDirectory(DOMAIN + "/former");
+    sqliteExecute(USERDB, "INSERT INTO mailbox_quota VALUES ('example.com', 'late', '1B')");
+    EXPECT_THAT(differences({"--extras"}),
+                ElementsAre("home: is left alone []", "quota-row: has a row too many []"));
+}
+
+TEST_F(AuditTest, DomainThatTheWalkReportsInPartHasNoExtras) {
+    makeDirectory(DOMAIN + "/zoe");
+    panel.domain("EXAMPLE.com").mailname("zoe");
+    panel.execute(
+        "DELETE FROM DomainServices WHERE dom_id IN "
+        "(SELECT id FROM domains WHERE BINARY name = 'EXAMPLE.com')");
+    const ProcessResult result = audit({"diff", "--extras"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "0 of 1 mailbox differs.\n");
+    EXPECT_EQ(result.err, "mail_audit: " + DOMAIN +
+                              ": the walk did not report all domains that share it: extras were "
+                              "not looked for\n");
+    EXPECT_EQ(audit({"diff", "--extras", "--mailbox", "info@example.com"}).status, 2);
+    panel.domain("example.net").mailname("shop");
+    EXPECT_EQ(mailRebuild().status, 0);
+    EXPECT_THAT(differences({"--extras", "--domain", "example.net"}), ElementsAre());
+}
+
 TEST_F(AuditTest, DomainsThatTheWalkPassesOverAreNoExtras) {
     panel.execute("DELETE FROM Parameters WHERE parameter = 'nonexist_mail'");
     EXPECT_THAT(differences({"--extras"}), ElementsAre());

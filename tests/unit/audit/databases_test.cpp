@@ -38,6 +38,13 @@ protected:
         return texts(items);
     }
 
+    static Texts domainsOf(QuotaRows& rows) {
+        Texts all;
+        for (auto domain = rows.firstDomain(); domain; domain = rows.domainBehind(*domain))
+            all.push_back(*domain);
+        return all;
+    }
+
     corvo::test::StreamCapture streams;
     std::optional<Output> output;
 };
@@ -126,9 +133,47 @@ TEST_F(AuditDatabasesTest, DomainsAndMailboxesWithRowsAreListed) {
                   "INSERT INTO mailbox_quota VALUES ('b.example', 'bruno', '1B'), "
                   "('a.example', 'alma', '1B')");
     QuotaRows rows(*output);
-    EXPECT_THAT(rows.domains(), ElementsAre("a.example", "b.example"));
+    EXPECT_THAT(domainsOf(rows), ElementsAre("a.example", "b.example"));
     EXPECT_THAT(rows.mailboxesOf("a.example"), ElementsAre("alma", "anna"));
     EXPECT_THAT(rows.mailboxesOf("c.example"), IsEmpty());
+    EXPECT_TRUE(output->isWhole());
+}
+
+TEST_F(AuditDatabasesTest, EmptyTableListsNothing) {
+    sqliteExecute(USERDB, "DELETE FROM mailbox_quota");
+    QuotaRows rows(*output);
+    EXPECT_THAT(domainsOf(rows), IsEmpty());
+    EXPECT_TRUE(output->isWhole());
+}
+
+TEST_F(AuditDatabasesTest, NamesWithZeroBytesAreListedWhole) {
+    sqliteExecute(USERDB,
+                  "INSERT INTO mailbox_quota VALUES ('a.example', 'anna' || char(0) || 'b', '1B'), "
+                  "('a.example' || char(0), '', '1B')");
+    QuotaRows rows(*output);
+    const std::string odd("a.example\0", 10);
+    EXPECT_THAT(domainsOf(rows), ElementsAre("a.example", odd));
+    EXPECT_THAT(rows.mailboxesOf("a.example"), ElementsAre("anna", std::string("anna\0b", 6)));
+    EXPECT_THAT(rows.mailboxesOf(odd), ElementsAre(""));
+}
+
+TEST_F(AuditDatabasesTest, RowsOfOneNameAreListedOnce) {
+    sqliteExecute(USERDB,
+                  "DROP TABLE mailbox_quota; CREATE TABLE mailbox_quota (domain_name TEXT, "
+                  "mailbox_name TEXT, quota TEXT); INSERT INTO mailbox_quota VALUES "
+                  "('a.example', 'anna', '1B'), ('a.example', 'anna', '2B')");
+    QuotaRows rows(*output);
+    EXPECT_THAT(domainsOf(rows), ElementsAre("a.example"));
+    EXPECT_THAT(rows.mailboxesOf("a.example"), ElementsAre("anna"));
+}
+
+// Behind every text there is the domain that is none.
+TEST_F(AuditDatabasesTest, DomainThatIsNoTextEndsTheList) {
+    sqliteExecute(USERDB, "INSERT INTO mailbox_quota VALUES (X'62', 'bruno', '1B')");
+    QuotaRows rows(*output);
+    EXPECT_THAT(domainsOf(rows), ElementsAre("a.example", "b"));
+    EXPECT_EQ(streams.err(),
+              "mail_audit: " + USERDB + ": the rows cannot be listed" + NOT_LOOKED_AT);
 }
 
 // --- records of the over-quota handler

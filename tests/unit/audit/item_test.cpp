@@ -86,7 +86,8 @@ TEST(ItemTest, LineOfARowNamesItsMailbox) {
     EXPECT_EQ(lineOf(item),
               "info@example.com in /userdb: has no row for it, expected \"5\" [--all]");
     item.mailbox.clear();
-    EXPECT_EQ(lineOf(item), "/userdb: has no row for it, expected \"5\" [--all]");
+    EXPECT_EQ(lineOf(item), "@example.com in /userdb: has no row for it, expected \"5\" [--all]");
+    EXPECT_EQ(objectOf(item)["mailbox"], "@example.com");
 }
 
 TEST(ItemTest, ForeignTextsAreEscapedEachInItsWay) {
