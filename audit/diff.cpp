@@ -107,7 +107,7 @@ public:
     int run() {
         mysql::Connection connection(/*open_now=*/true);
         if (options_.extras)
-            extras_.emplace(output_, options_.scope, connection);
+            prepareExtras(connection);
         mail::restore::MailsrvEntitiesCallbacks slots = boundSlots();
         mail::restore::walkMailServerEntities(slots, connection);
         leaveDomain();
@@ -118,6 +118,15 @@ public:
     }
 
 private:
+    void prepareExtras(mysql::Connection& connection) {
+        try {
+            extras_.emplace(output_, options_.scope, connection);
+        } catch (const mysql::mError& failure) {
+            output_.omit(std::string("the panel database: ") + failure.what() +
+                         ": extras were not looked for");
+        }
+    }
+
     mail::restore::MailsrvEntitiesCallbacks boundSlots() {
         mail::restore::MailsrvEntitiesCallbacks slots;
         slots.registerDomain = [this](Name domain, bool) { enterDomain(domain); };

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <new>
 #include <optional>
+#include <string>
 
 #include "audit/check_command.h"
 #include "audit/command_line.h"
@@ -12,6 +13,7 @@
 #include "audit/output.h"
 #include "audit/show.h"
 #include "audit/status.h"
+#include "lib/db++/error.h"
 
 namespace corvo::audit {
 
@@ -29,16 +31,25 @@ int carryOut(const Options& options, Output& output) {
     return show(options, output);
 }
 
-// What escapes a command has kept it from going on, and from ending what it printed.
+// Ends what a command has not ended itself.
+int breakOff(Output& output, const std::string& reason) {
+    output.omit(reason);
+    output.finish(std::nullopt, "");
+    return NOT_WHOLE;
+}
+
+// What escapes a command has kept it from going on. Of the panel database only the first connection
+// does: a walk deals with all else.
 int carryOutOrOmit(const Options& options, Output& output) {
     try {
         return carryOut(options, output);
     } catch (const std::bad_alloc&) {
         throw;
+    } catch (const mysql::mError& failure) {
+        return breakOff(output, std::string("the panel database: ") + failure.what() +
+                                    ": nothing was looked at");
     } catch (const std::exception& failure) {
-        output.omit(failure.what());
-        output.finish(std::nullopt, "");
-        return NOT_WHOLE;
+        return breakOff(output, failure.what());
     }
 }
 

@@ -207,10 +207,25 @@ TEST_F(AuditTest, RowsThatCannotBeLookedAtAreToldOnce) {
 
 TEST_F(AuditTest, WithoutThePanelNothingIsCompared) {
     std::filesystem::remove("/etc/vhc/.vhc.shadow");
-    const ProcessResult result = audit({"diff"});
+    for (const char* command : {"diff", "show"}) {
+        const ProcessResult result = audit({command});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err,
+                    EndsWith("\nmail_audit: the panel database: connection failed: nothing was "
+                             "looked at\n"));
+    }
+}
+
+TEST_F(AuditTest, WithoutTheListOfDomainsExtrasAreNotLookedFor) {
+    panel.execute("RENAME TABLE domains TO others");
+    const ProcessResult result = audit({"diff", "--extras"});
     EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.out, "");
-    EXPECT_THAT(result.err, HasSubstr("mail_audit: connection failed"));
+    EXPECT_THAT(result.err,
+                StartsWith("mail_audit: the panel database: MySQL error 1146: Table '"));
+    EXPECT_THAT(result.err, HasSubstr(": extras were not looked for\n"));
+    EXPECT_THAT(result.err, HasSubstr("mail_audit: the panel database was not read whole: "));
+    EXPECT_EQ(result.out, "0 of 0 mailboxes differ.\n");
 }
 
 TEST_F(AuditTest, WalkThatIsBrokenOffIsNotWhole) {
