@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <span>
-#include <string_view>
+#include <utility>
 
 #include "mail/handlers/check_quota_records.h"
 #include "mail/handlers/mail_handlers_db.h"
@@ -20,7 +20,13 @@ using mail::SqliteAccess;
 using mail::SqliteStatement;
 using mail::SqliteStep;
 using mail::SqliteUse;
-using Names = std::vector<std::string>;
+
+// A page has so many rows that few are needed, and so few that it is read at once.
+constexpr const char* FIRST_NAMES =
+    "SELECT domain_name, mailbox_name FROM mailbox_quota ORDER BY 1, 2 LIMIT 1000";
+constexpr const char* NAMES_BEHIND =
+    "SELECT domain_name, mailbox_name FROM mailbox_quota "
+    "WHERE (domain_name, mailbox_name) > (?, ?) ORDER BY 1, 2 LIMIT 1000";
 
 const char* describe(const RowDifferences& differences) {
     return differences.missing ? "has no row for it" : "has another quota";
@@ -80,44 +86,46 @@ void QuotaRows::lookAt(Items& items, Item about, long long quota, bool isReached
     items.push_back(std::move(about));
 }
 
-Names QuotaRows::texts(const char* sql, const std::string* parameter) {
-    Names found;
+void QuotaRows::list(const char* sql, std::initializer_list<std::string_view> parameters,
+                     const std::function<void(const SqliteStatement& row)>& take) {
     open();
     if (isGivenUp_)
-        return found;
+        return;
     SqliteStatement select(*session_, sql, SqliteUse::look);
-    SqliteStep step = select && (parameter == nullptr || select.bind(*parameter))
-                          ? select.step()
-                          : SqliteStep::failed;
+    const bool isReady =
+        select && std::all_of(parameters.begin(), parameters.end(),
+                              [&](std::string_view parameter) { return select.bind(parameter); });
+    SqliteStep step = isReady ? select.step() : SqliteStep::failed;
     for (; step == SqliteStep::row; step = select.step())
-        if (const std::string_view text = select.bytes(0); text.data() != nullptr)
-            found.emplace_back(text);
+        take(select);
     if (step == SqliteStep::failed)
         giveUp("the rows cannot be listed");
-    return found;
 }
 
-std::optional<std::string> QuotaRows::firstDomain() {
-    const Names found = texts("SELECT min(domain_name) FROM mailbox_quota", nullptr);
-    return found.empty() ? std::nullopt : std::optional(found.front());
-}
-
-std::optional<std::string> QuotaRows::domainBehind(const std::string& domain) {
-    const Names found =
-        texts("SELECT min(domain_name) FROM mailbox_quota WHERE domain_name > ?", &domain);
-    if (found.empty())
-        return std::nullopt;
-    // Something that is no text, or not ordered by its bytes, could come again and again.
-    if (found.front() <= domain) {
+std::vector<RowName> QuotaRows::names(const RowName* behind) {
+    std::vector<RowName> page;
+    const auto take = [&](const SqliteStatement& row) {
+        RowName name{std::string(row.bytes(0)), std::string(row.bytes(1))};
+        if (page.empty() || page.back() != name)
+            page.push_back(std::move(name));
+    };
+    if (behind == nullptr)
+        list(FIRST_NAMES, {}, take);
+    else
+        list(NAMES_BEHIND, {behind->domain, behind->mailbox}, take);
+    // What is no text, or not ordered by its bytes, could come again and again.
+    if (behind != nullptr && !page.empty() && page.back() <= *behind) {
         giveUp("the rows cannot be listed");
-        return std::nullopt;
+        page.clear();
     }
-    return found.front();
+    return page;
 }
 
 // Sorted here, for SQLite might need a temporary file.
-Names QuotaRows::mailboxesOf(const std::string& domain) {
-    Names found = texts("SELECT mailbox_name FROM mailbox_quota WHERE domain_name = ?", &domain);
+std::vector<std::string> QuotaRows::mailboxesOf(const std::string& domain) {
+    std::vector<std::string> found;
+    list("SELECT mailbox_name FROM mailbox_quota WHERE domain_name = ?", {domain},
+         [&](const SqliteStatement& row) { found.emplace_back(row.bytes(0)); });
     std::sort(found.begin(), found.end());
     found.erase(std::unique(found.begin(), found.end()), found.end());
     return found;

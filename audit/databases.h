@@ -2,8 +2,12 @@
 
 #pragma once
 
+#include <compare>
+#include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "audit/item.h"
@@ -18,6 +22,14 @@ namespace corvo::audit {
 /// that fails.
 std::optional<std::string> objectionToReading(const std::string& path);
 
+/// Whose a row of the user database is.
+struct RowName {
+    std::string domain;
+    std::string mailbox;
+
+    auto operator<=>(const RowName&) const = default;
+};
+
 /// The rows of the user database.
 class QuotaRows {
 public:
@@ -28,11 +40,9 @@ public:
     /// tells whether a run gets as far as that.
     void lookAt(Items& items, Item about, long long quota, bool isReached);
 
-    /// The domains that have rows, one after the other in the order of their bytes: the first one,
-    /// and the one behind another. Nothing at the end. What is handed out is read by then: no lock
-    /// stays.
-    std::optional<std::string> firstDomain();
-    std::optional<std::string> domainBehind(const std::string& domain);
+    /// Whose rows there are, page by page in the order of bytes: the first page for null, else the
+    /// one behind a name; an empty one at the end. No lock stays behind.
+    std::vector<RowName> names(const RowName* behind = nullptr);
 
     /// The mailboxes of a domain that have rows, in the order of their bytes.
     std::vector<std::string> mailboxesOf(const std::string& domain);
@@ -40,7 +50,8 @@ public:
 private:
     void open();
     void giveUp(const std::string& reason);
-    std::vector<std::string> texts(const char* sql, const std::string* parameter);
+    void list(const char* sql, std::initializer_list<std::string_view> parameters,
+              const std::function<void(const mail::SqliteStatement& row)>& take);
 
     Output& output_;
     bool isGivenUp_ = false;

@@ -139,9 +139,10 @@ void Extras::nameUnknownRoots(const Sink& sink) {
 }
 
 void Extras::nameUnknownRows(const Sink& sink) {
-    for (auto domain = rows_.firstDomain(); domain; domain = rows_.domainBehind(*domain))
-        if (!domains_.contains(*domain) && scope_.reaches(*domain))
-            nameRows(*domain, {}, sink);
+    for (auto page = rows_.names(); !page.empty(); page = rows_.names(&page.back()))
+        for (const auto& [domain, mailbox] : page)
+            if (!domains_.contains(domain) && scope_.includes(domain, mailbox))
+                sink(extra(ItemKind::quotaRow, domain, mailbox, mail::MAIL_USER_DB));
 }
 
 }  // namespace corvo::audit

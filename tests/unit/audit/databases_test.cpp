@@ -1,5 +1,7 @@
 #include "audit/databases.h"
 
+#include <set>
+
 #include "tests/support/capture.h"
 #include "tests/support/sqlite.h"
 #include "tests/unit/audit/look_fixture.h"
@@ -38,10 +40,12 @@ protected:
         return texts(items);
     }
 
-    static Texts domainsOf(QuotaRows& rows) {
+    // "MAILBOX@DOMAIN" of every page.
+    static Texts namesIn(QuotaRows& rows) {
         Texts all;
-        for (auto domain = rows.firstDomain(); domain; domain = rows.domainBehind(*domain))
-            all.push_back(*domain);
+        for (auto page = rows.names(); !page.empty(); page = rows.names(&page.back()))
+            for (const auto& [domain, mailbox] : page)
+                all.push_back(mailbox + "@" + domain);
         return all;
     }
 
@@ -128,12 +132,13 @@ TEST_F(AuditDatabasesTest, FileThatIsNoDatabaseIsNotLookedAt) {
                                  NOT_LOOKED_AT);
 }
 
-TEST_F(AuditDatabasesTest, DomainsAndMailboxesWithRowsAreListed) {
+TEST_F(AuditDatabasesTest, NamesWithRowsAreListed) {
     sqliteExecute(USERDB,
                   "INSERT INTO mailbox_quota VALUES ('b.example', 'bruno', '1B'), "
-                  "('a.example', 'alma', '1B')");
+                  "('a.example', 'alma', '1B'), ('', '', '1B')");
     QuotaRows rows(*output);
-    EXPECT_THAT(domainsOf(rows), ElementsAre("a.example", "b.example"));
+    EXPECT_THAT(namesIn(rows),
+                ElementsAre("@", "alma@a.example", "anna@a.example", "bruno@b.example"));
     EXPECT_THAT(rows.mailboxesOf("a.example"), ElementsAre("alma", "anna"));
     EXPECT_THAT(rows.mailboxesOf("c.example"), IsEmpty());
     EXPECT_TRUE(output->isWhole());
@@ -142,8 +147,18 @@ TEST_F(AuditDatabasesTest, DomainsAndMailboxesWithRowsAreListed) {
 TEST_F(AuditDatabasesTest, EmptyTableListsNothing) {
     sqliteExecute(USERDB, "DELETE FROM mailbox_quota");
     QuotaRows rows(*output);
-    EXPECT_THAT(domainsOf(rows), IsEmpty());
+    EXPECT_THAT(namesIn(rows), IsEmpty());
     EXPECT_TRUE(output->isWhole());
+}
+
+TEST_F(AuditDatabasesTest, LongListIsListedOnceAndWhole) {
+    sqliteExecute(USERDB,
+                  "INSERT INTO mailbox_quota WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT "
+                  "i + 1 FROM n WHERE i < 5000) SELECT 'd' || i % 7, 'user' || i, '1B' FROM n");
+    QuotaRows rows(*output);
+    const Texts names = namesIn(rows);
+    EXPECT_EQ(names.size(), 5001U);
+    EXPECT_EQ(std::set(names.begin(), names.end()).size(), 5001U);
 }
 
 TEST_F(AuditDatabasesTest, NamesWithZeroBytesAreListedWhole) {
@@ -151,10 +166,10 @@ TEST_F(AuditDatabasesTest, NamesWithZeroBytesAreListedWhole) {
                   "INSERT INTO mailbox_quota VALUES ('a.example', 'anna' || char(0) || 'b', '1B'), "
                   "('a.example' || char(0), '', '1B')");
     QuotaRows rows(*output);
-    const std::string odd("a.example\0", 10);
-    EXPECT_THAT(domainsOf(rows), ElementsAre("a.example", odd));
-    EXPECT_THAT(rows.mailboxesOf("a.example"), ElementsAre("anna", std::string("anna\0b", 6)));
-    EXPECT_THAT(rows.mailboxesOf(odd), ElementsAre(""));
+    const std::string odd("anna\0b", 6);
+    EXPECT_THAT(namesIn(rows),
+                ElementsAre("anna@a.example", odd + "@a.example", std::string("@a.example\0", 11)));
+    EXPECT_THAT(rows.mailboxesOf("a.example"), ElementsAre("anna", odd));
 }
 
 TEST_F(AuditDatabasesTest, RowsOfOneNameAreListedOnce) {
@@ -163,15 +178,15 @@ TEST_F(AuditDatabasesTest, RowsOfOneNameAreListedOnce) {
                   "mailbox_name TEXT, quota TEXT); INSERT INTO mailbox_quota VALUES "
                   "('a.example', 'anna', '1B'), ('a.example', 'anna', '2B')");
     QuotaRows rows(*output);
-    EXPECT_THAT(domainsOf(rows), ElementsAre("a.example"));
+    EXPECT_THAT(namesIn(rows), ElementsAre("anna@a.example"));
     EXPECT_THAT(rows.mailboxesOf("a.example"), ElementsAre("anna"));
 }
 
-// Behind every text there is the domain that is none.
-TEST_F(AuditDatabasesTest, DomainThatIsNoTextEndsTheList) {
+// It stands behind every text.
+TEST_F(AuditDatabasesTest, NameThatIsNoTextEndsTheList) {
     sqliteExecute(USERDB, "INSERT INTO mailbox_quota VALUES (X'62', 'bruno', '1B')");
     QuotaRows rows(*output);
-    EXPECT_THAT(domainsOf(rows), ElementsAre("a.example", "b"));
+    EXPECT_THAT(namesIn(rows), ElementsAre("anna@a.example", "bruno@b"));
     EXPECT_EQ(streams.err(),
               "mail_audit: " + USERDB + ": the rows cannot be listed" + NOT_LOOKED_AT);
 }
