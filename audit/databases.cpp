@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <span>
-#include <utility>
 
 #include "mail/handlers/check_quota_records.h"
 #include "mail/handlers/mail_handlers_db.h"
@@ -112,7 +111,7 @@ std::vector<RowName> QuotaRows::names(const RowName* behind) {
     if (behind == nullptr)
         list(FIRST_NAMES, {}, take);
     else
-        list(NAMES_BEHIND, {behind->domain, behind->mailbox}, take);
+        list(NAMES_BEHIND, {behind->first, behind->second}, take);
     // What is no text, or not ordered by its bytes, could come again and again.
     if (behind != nullptr && !page.empty() && page.back() <= *behind) {
         giveUp("the rows cannot be listed");

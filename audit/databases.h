@@ -2,12 +2,12 @@
 
 #pragma once
 
-#include <compare>
 #include <functional>
 #include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "audit/item.h"
@@ -22,13 +22,8 @@ namespace corvo::audit {
 /// that fails.
 std::optional<std::string> objectionToReading(const std::string& path);
 
-/// Whose a row of the user database is.
-struct RowName {
-    std::string domain;
-    std::string mailbox;
-
-    auto operator<=>(const RowName&) const = default;
-};
+/// Whose a row of the user database is: domain and mailbox.
+using RowName = std::pair<std::string, std::string>;
 
 /// The rows of the user database.
 class QuotaRows {

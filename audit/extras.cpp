@@ -35,6 +35,10 @@ std::string rootOf(const std::string& domain) {
     return mail::mailnamesPrefix() + domain;
 }
 
+std::string below(const std::string& folder, const std::string& name) {
+    return std::string(folder).append("/").append(name);
+}
+
 Item extra(ItemKind kind, const std::string& domain, const std::string& mailbox, std::string path) {
     Item item;
     item.kind = kind;
@@ -106,7 +110,7 @@ void Extras::nameHomes(const std::string& domain, const NameSet& known, const Si
     const std::string root = rootOf(domain);
     for (const std::string& name : unknownDirectories(root, known))
         if (scope_.includes(domain, name))
-            sink(extra(ItemKind::home, domain, name, root + "/" + name));
+            sink(extra(ItemKind::home, domain, name, below(root, name)));
 }
 
 void Extras::nameRows(const std::string& domain, const NameSet& known, const Sink& sink) {
