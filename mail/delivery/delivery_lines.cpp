@@ -1,6 +1,7 @@
 #include "mail/delivery/delivery_lines.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace corvo::mail {
 
@@ -67,6 +68,22 @@ void placeForwardAmong(Lines& lines, std::string_view line, const ForwardLines& 
 void putLast(Lines& lines, std::string_view line) {
     std::erase(lines, line);
     lines.push_back(line);
+}
+
+void putLast(Lines& lines, const Lines& moved) {
+    const std::unordered_set<std::string_view> old(moved.begin(), moved.end());
+    std::erase_if(lines, [&](std::string_view line) { return old.contains(line); });
+    const Lines last = lastOfEach(moved);
+    lines.insert(lines.end(), last.begin(), last.end());
+}
+
+Lines lastOfEach(const Lines& lines) {
+    Lines last;
+    std::unordered_set<std::string_view> seen;
+    std::copy_if(lines.rbegin(), lines.rend(), std::back_inserter(last),
+                 [&](std::string_view line) { return seen.insert(line).second; });
+    std::reverse(last.begin(), last.end());
+    return last;
 }
 
 void dropForwardsAmong(Lines& lines, const ForwardLines& unnamed) {

@@ -57,6 +57,12 @@ void placeForwardAmong(Lines& lines, std::string_view line, const ForwardLines& 
 /// Makes a line the last one, and the only one of its kind.
 void putLast(Lines& lines, std::string_view line);
 
+/// The same with each of `moved`, one after the other, in a time that grows with the lines alone.
+void putLast(Lines& lines, const Lines& moved);
+
+/// Of lines that are alike, the last.
+Lines lastOfEach(const Lines& lines);
+
 /// Removes these forwards, and all but the last of others that stand more than once.
 void dropForwardsAmong(Lines& lines, const ForwardLines& unnamed);
 
