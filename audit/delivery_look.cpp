@@ -5,9 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <optional>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 #include "audit/tree_look.h"
 #include "mail/delivery/delivery_lines.h"
@@ -35,11 +39,8 @@ public:
     DeliveryState run(bool isRestored) {
         if (isRestored)
             restore();
-        for (const std::string& forward : wish_.forwards)
-            if (!name(forward))
-                break;
-        if (carriedOver_)
-            mail::dropForwardsAmong(state_.lines, *carriedOver_);
+        if (means_.hasLocks && !state_.isTooLong)
+            placeForwards();
         return state_;
     }
 
@@ -103,18 +104,35 @@ private:
         state_.differences.names = keepsNames;
     }
 
-    // False where a run fails at a forward, and does not come to the next.
-    bool name(const std::string& forward) {
-        if (carriedOver_) {
-            carriedOver_->erase(forward);
-            mail::placeForwardAmong(state_.lines, forward, *carriedOver_);
-            return true;
+    // A file that becomes too long on the way stays so: a run can neither place nor drop more.
+    void placeForwards() {
+        if (isOutgrown()) {
+            state_.exists = true;
+            state_.isTooLong = true;
+            return;
         }
-        if (!means_.hasLocks || state_.isTooLong)
-            return false;
-        mail::putLast(state_.lines, forward);
+        if (carriedOver_)
+            mail::dropForwardsAmong(state_.lines, *carriedOver_);
+        if (wish_.forwards.empty())
+            return;
+        mail::putLast(state_.lines, Lines(wish_.forwards.begin(), wish_.forwards.end()));
         replaceBy(std::move(state_.lines));
-        return true;
+    }
+
+    // Whether the file is too long with one forward after the other, and none dropped yet.
+    bool isOutgrown() const {
+        std::unordered_map<std::string_view, std::size_t> sizes;  // of all lines that are alike
+        std::size_t size = 0;
+        for (const std::string_view line : state_.lines) {
+            sizes[line] += line.size() + 1;
+            size += line.size() + 1;
+        }
+        return std::any_of(
+            wish_.forwards.begin(), wish_.forwards.end(), [&](const std::string& forward) {
+                const std::size_t old = std::exchange(sizes[forward], forward.size() + 1);
+                size += forward.size() + 1 - old;
+                return size > LARGEST;
+            });
     }
 
     DeliveryState state_;
@@ -200,12 +218,8 @@ private:
         return mail::isKnownDeliveryLine(line) || (!line.empty() && line == deliveryLine_);
     }
 
-    // The last of several that are alike counts.
     Lines forwards() const {
-        Lines lines;
-        for (const std::string& line : wish_.forwards)
-            mail::putLast(lines, line);
-        return lines;
+        return mail::lastOfEach(Lines(wish_.forwards.begin(), wish_.forwards.end()));
     }
 
     // A forward that is the delivery line, too, stands where it is named.
@@ -237,25 +251,45 @@ private:
     std::string_view deliveryLine_;
 };
 
-bool isSame(const Item& one, const Item& other) {
-    return one.kind == other.kind && one.reason == other.reason && one.expected == other.expected &&
-           one.found == other.found;
-}
+// An item as far as several of one file differ.
+struct SameItem {
+    std::size_t operator()(const Item* item) const {
+        const std::hash<std::optional<std::string_view>> hash;
+        return hash(item->expected) * 31 + hash(item->found);
+    }
+    bool operator()(const Item* one, const Item* other) const {
+        return one->kind == other->kind && one->reason == other->reason &&
+               one->expected == other->expected && one->found == other->found;
+    }
+};
 
-bool contains(const Items& items, const Item& wanted) {
-    return std::any_of(items.begin(), items.end(),
-                       [&](const Item& item) { return isSame(item, wanted); });
-}
+// Finds items that stay where they are.
+class ItemSet {
+public:
+    explicit ItemSet(const Items& items) {
+        for (const Item& item : items)
+            items_.insert(&item);
+    }
+
+    bool contains(const Item& item) const { return items_.contains(&item); }
+
+private:
+    std::unordered_set<const Item*, SameItem, SameItem> items_;
+};
 
 // Tells of each item whether it is gone where only `left` are, and adds those that then show.
 void judgeRepairs(Items& items, const Items& left) {
+    const ItemSet afterwards(left);
     for (Item& item : items)
-        item.repair = contains(left, item) ? Repair::none : Repair::all;
-    for (const Item& item : left)
-        if (!contains(items, item)) {
-            items.push_back(item);
-            items.back().repair = Repair::none;
-        }
+        item.repair = afterwards.contains(item) ? Repair::none : Repair::all;
+    const ItemSet before(items);
+    Items fresh;
+    std::copy_if(left.begin(), left.end(), std::back_inserter(fresh),
+                 [&](const Item& item) { return !before.contains(item); });
+    for (Item& item : fresh) {
+        item.repair = Repair::none;
+        items.push_back(std::move(item));
+    }
 }
 
 // A file at which a run fails: nothing in it can be compared.

@@ -1,5 +1,7 @@
 #include "audit/delivery_look.h"
 
+#include <algorithm>
+
 #include "tests/unit/audit/look_fixture.h"
 
 namespace corvo::audit::test {
@@ -255,6 +257,49 @@ TEST_F(DeliveryLookTest, FileThatAForwardMakesTooLongIsNamed) {
         static_cast<std::size_t>(mail::LARGEST_DELIVERY_FILE) - DELIVERS.size() - 1;
     lookAt(DELIVERS + std::string(rest, '#') + "\n", false);
     EXPECT_THAT(texts(items).back(), "delivery-file: is longer than 1 MiB, -, - [none]");
+}
+
+TEST_F(DeliveryLookTest, FileThatAForwardMakesTooLongBeforeTheOldOnesAreDroppedIsNamed) {
+    wish.forwards = {"&b@c.example"};
+    const std::size_t rest =
+        static_cast<std::size_t>(mail::LARGEST_DELIVERY_FILE) - DELIVERS.size() - 2;
+    lookAt(DELIVERS + "&" + std::string(rest, 'x') + "\n");
+    EXPECT_THAT(texts(items).back(), "delivery-file: is longer than 1 MiB, -, - [none]");
+}
+
+// --- many lines: what compares each with each takes minutes
+
+constexpr std::size_t MANY = 40'000;
+
+// "&PREFIX1", "&PREFIX2" and so on.
+Texts manyForwards(const std::string& prefix, std::size_t count) {
+    Texts lines;
+    for (std::size_t i = 0; i < count; ++i)
+        lines.push_back("&" + prefix + std::to_string(i));
+    return lines;
+}
+
+std::string textOf(const Texts& lines) {
+    std::string text;
+    for (const std::string& line : lines)
+        text += line + "\n";
+    return text;
+}
+
+TEST_F(DeliveryLookTest, ManyLinesThatStayAreComparedInTime) {
+    means.hasAgent = false;
+    lookAt(DELIVERS + textOf(manyForwards("", MANY)));
+    ASSERT_EQ(items.size(), MANY);
+    EXPECT_EQ(texts(items).back(),
+              "surplus-line: has a line that the panel does not ask for, -, &39999 [none]");
+}
+
+TEST_F(DeliveryLookTest, ManyForwardsThatComeAndGoAreComparedInTime) {
+    wish.forwards = manyForwards("", MANY);
+    lookAt(DELIVERS + textOf(manyForwards("old", MANY / 2)) + textOf(manyForwards("", MANY / 4)));
+    EXPECT_EQ(items.size(), MANY / 2 + MANY - MANY / 4);
+    EXPECT_TRUE(std::all_of(items.begin(), items.end(),
+                            [](const Item& item) { return item.repair == Repair::all; }));
 }
 
 // --- a home that is to come
