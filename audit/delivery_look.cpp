@@ -153,6 +153,7 @@ public:
           present_(lines_.begin(), lines_.end()),
           wish_(wish),
           wished_(wish.forwards.begin(), wish.forwards.end()),
+          unreached_(wish.unreached.begin(), wish.unreached.end()),
           deliveryLine_(deliveryLineOf(means)) {
         wished_.insert(mail::RESET_LINE);
     }
@@ -162,10 +163,11 @@ public:
         compareDelivery();
         compareForwards();
         compareOthers();
-        if (items_.size() == before && lines_ != wanted())
+        if (items_.size() == before && linesInOrder() != wanted())
             add(ItemKind::lineOrder, "has its lines in another order, or more than once");
         if (isUnended_)
             add(ItemKind::lineOrder, "has no line end after its last line");
+        compareUnreachable();
     }
 
 private:
@@ -205,21 +207,53 @@ private:
     void compareOthers() {
         if (!present_.contains(mail::RESET_LINE))
             add(ItemKind::lineOrder, "has its first line missing", mail::RESET_LINE);
-        std::unordered_set<std::string_view> known = wished_;
+        std::unordered_set<std::string_view> known;
         for (const std::string_view line : lines_)
-            if (!delivers(line) && known.insert(line).second)
-                add(ItemKind::surplusLine, "has a line that the panel does not ask for", {}, line);
+            if (!isNamed(line) && !delivers(line) && known.insert(line).second)
+                add(ItemKind::surplusLine, reasonAgainst(line), {}, line);
+    }
+
+    const char* reasonAgainst(std::string_view line) const {
+        return wish_.isReadWhole || !mail::isForward(line)
+                   ? "has a line that the panel does not ask for"
+                   : "has a forward that the panel, as far as it was read, does not ask for";
+    }
+
+    // What no run puts into the file.
+    void compareUnreachable() {
+        std::unordered_set<std::string_view> told;
+        for (const std::string& text : wish_.noAddresses)
+            if (told.insert(text).second) {
+                add(ItemKind::forward, "cannot forward to what is no address");
+                items_.back().expected = text;
+            }
+        for (const std::string_view line : wish_.unreached)
+            if (!present_.contains(line) && !wished_.contains(line) && told.insert(line).second)
+                add(ItemKind::forward, "gets no forward behind one that is to no address", line);
+    }
+
+    bool isNamed(std::string_view line) const {
+        return wished_.contains(line) || unreached_.contains(line);
     }
 
     // By a line that stands there for no other reason.
     bool delivers(std::string_view line) const {
-        if (wished_.contains(line))
+        if (isNamed(line))
             return false;
         return mail::isKnownDeliveryLine(line) || (!line.empty() && line == deliveryLine_);
     }
 
     Lines forwards() const {
         return mail::lastOfEach(Lines(wish_.forwards.begin(), wish_.forwards.end()));
+    }
+
+    // A forward that a run does not come to may stand anywhere.
+    Lines linesInOrder() const {
+        Lines lines = lines_;
+        std::erase_if(lines, [&](std::string_view line) {
+            return unreached_.contains(line) && !wished_.contains(line) && line != deliveryLine_;
+        });
+        return lines;
     }
 
     // A forward that is the delivery line, too, stands where it is named.
@@ -248,6 +282,7 @@ private:
     std::unordered_set<std::string_view> present_;
     const DeliveryWish& wish_;
     std::unordered_set<std::string_view> wished_;  // and the first line
+    std::unordered_set<std::string_view> unreached_;
     std::string_view deliveryLine_;
 };
 
@@ -313,14 +348,28 @@ bool isLockable(const std::string& path) {
     return errno == ENOENT;
 }
 
-// What a run would leave of the items of a file.
-Items itemsAfterRun(const Item& about, const DeliveryState& found, const struct stat& seen,
-                    const DeliveryWish& wish, const Means& means, bool isRestored) {
+// The means as a run has them at this file.
+Means meansAt(const std::string& path, const Means& means) {
     Means here = means;
-    here.hasLocks = here.hasLocks && isLockable(about.path);
-    Items left;
-    addDeliveryItems(left, about, stateAfterRun(found, wish, here, isRestored), seen, wish, means);
-    return left;
+    here.hasLocks = here.hasLocks && isLockable(path);
+    return here;
+}
+
+// Forwards that the panel names and a run takes away, since it does not come to them.
+void addLostForwards(Items& items, const Item& about, const DeliveryWish& wish,
+                     const DeliveryState& before, const DeliveryState& after) {
+    std::unordered_set<std::string_view> there(before.lines.begin(), before.lines.end());
+    for (const std::string_view line : after.lines)
+        there.erase(line);
+    for (const std::string& line : wish.unreached)
+        if (there.erase(line) > 0) {
+            Item item = about;
+            item.kind = ItemKind::surplusLine;
+            item.reason = "has a forward that a run removes: one before it is to no address";
+            item.found = line;
+            item.repair = Repair::all;
+            items.push_back(std::move(item));
+        }
 }
 
 mail::Differences ownershipDifferences(const mail::DeliveryContents& contents,
@@ -369,14 +418,21 @@ void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, c
     addDeliveryItems(differing, about, found, contents.seen, wish, means);
     if (differing.empty())
         return;
-    const Items left = itemsAfterRun(about, found, contents.seen, wish, means, isRestored);
+    const Means here = meansAt(about.path, means);
+    const DeliveryState after = stateAfterRun(found, wish, here, isRestored);
+    Items left;
+    addDeliveryItems(left, about, after, contents.seen, wish, means);
     judgeRepairs(differing, left);
+    addLostForwards(differing, about, wish, found, after);
     items.insert(items.end(), differing.begin(), differing.end());
 }
 
 void lookAtDeliveryToCome(Items& items, const Item& about, const DeliveryWish& wish,
                           const Means& means) {
-    Items left = itemsAfterRun(about, {}, {}, wish, means, /*isRestored=*/true);
+    const Means here = meansAt(about.path, means);
+    const DeliveryState after = stateAfterRun({}, wish, here, /*isRestored=*/true);
+    Items left;
+    addDeliveryItems(left, about, after, {}, wish, means);
     for (Item& item : left) {
         item.repair = Repair::none;
         items.push_back(std::move(item));

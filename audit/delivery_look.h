@@ -11,10 +11,14 @@
 
 namespace corvo::audit {
 
-/// What the panel says of a mail name's mail.
+/// What the panel says of a mail name's mail. A run ends its forwards at the first that is to no
+/// address. Forwards are whole lines, as they are named.
 struct DeliveryWish {
     bool delivers = false;
-    std::vector<std::string> forwards;  // whole lines, as they are named
+    bool isReadWhole = true;               // or there are forwards of which nobody knows
+    std::vector<std::string> forwards;     // those that a run puts into the file
+    std::vector<std::string> noAddresses;  // what is named as one and is none
+    std::vector<std::string> unreached;    // behind the first of these
 };
 
 /// A delivery file: as it is, or as a run would leave it.
@@ -33,7 +37,7 @@ DeliveryState stateAfterRun(const DeliveryState& found, const DeliveryWish& wish
                             const Means& means, bool isRestored);
 
 /// Adds an item for each thing in which the file is not what the panel says; `seen` is what was
-/// found. A missing file stands for all that should be in it.
+/// found. A missing file stands for all that a run should put into it.
 void addDeliveryItems(Items& items, const Item& about, const DeliveryState& state,
                       const struct stat& seen, const DeliveryWish& wish, const Means& means);
 

@@ -136,6 +136,7 @@ private:
         slots.setMailboxQuota = [this](Name, Name, long long quota) {
             if (mailname_)
                 mailname_->quota = quota;
+            reportsBefore_ = mail::restore::reportsOfLastWalk();
         };
         slots.registerMailRedirect = [this](Name, Name, Name address) {
             if (mailname_)
@@ -230,6 +231,7 @@ private:
     void leaveMailname() {
         if (!mailname_)
             return;
+        mailname_->isReadWhole = mail::restore::reportsOfLastWalk() == reportsBefore_;
         const Items items = look_.at(*mailname_);
         findings_.countMailbox(!items.empty());
         findings_.print(items);
@@ -265,6 +267,7 @@ private:
     bool isDomainReachable_ = true;
     std::string obstacle_;  // on the way to the domain; empty: none, or told
     std::optional<PanelMailname> mailname_;
+    std::size_t reportsBefore_ = 0;  // the forwards of this mail name were read
 };
 
 }  // namespace

@@ -14,14 +14,17 @@ namespace {
 
 using State = FoundDirectory::State;
 
-// The forwards up to one that is no address: a run does not come to those behind it.
+// A run does not come to the forwards behind one that is to no address.
 DeliveryWish wishOf(const PanelMailname& mailname) {
-    DeliveryWish wish{.delivers = mailname.delivers, .forwards = {}};
+    DeliveryWish wish;
+    wish.delivers = mailname.delivers;
+    wish.isReadWhole = mailname.isReadWhole;
     for (const std::string& address : mailname.forwards) {
         const std::string line = mail::forwardLine(address);
         if (line.empty())
-            break;
-        wish.forwards.push_back(line);
+            wish.noAddresses.push_back(address);
+        else
+            (wish.noAddresses.empty() ? wish.forwards : wish.unreached).push_back(line);
     }
     return wish;
 }

@@ -20,6 +20,7 @@ struct PanelMailname {
     bool delivers = false;
     std::vector<std::string> forwards;  // addresses
     std::optional<long long> quota;
+    bool isReadWhole = true;  // or there are forwards of which nobody knows
 };
 
 class MailboxLook {

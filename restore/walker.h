@@ -27,8 +27,8 @@ void walkMailServerEntities(MailsrvEntitiesCallbacks& callbacks, mysql::Connecti
 /// asked for them.
 std::size_t domainsOfWalk() noexcept;
 
-/// How many warnings and failure lines the last walk has written: with none, all that was asked for
-/// has been reported.
+/// How many warnings and failure lines the walk that is under way, or else the last one, has
+/// written: with none, all that was asked for has been reported.
 std::size_t reportsOfLastWalk() noexcept;
 
 }  // namespace corvo::mail::restore

@@ -185,6 +185,83 @@ TEST_P(AuditOfDamageTest, NamesItAndWhatRepairsIt) {
 INSTANTIATE_TEST_SUITE_P(Damages, AuditOfDamageTest, ::testing::ValuesIn(DAMAGES),
                          [](const auto& damage) { return damage.param.name; });
 
+// A server in order, with a mail group that only forwards.
+class AuditOfForwardsTest : public AuditTest {
+protected:
+    AuditOfForwardsTest() {
+        panel.domain("example.org")
+            .mailname("partners")
+            .postbox(false)
+            .group()
+            .redirect("anna@example.net")
+            .redirect("orders@example.net");
+        EXPECT_EQ(mailRebuild().status, 0);
+    }
+
+    // An SQL expression instead of the first of the two.
+    void forwardTo(const std::string& address) {
+        panel.execute("UPDATE mail_redir SET address = " + address +
+                      " WHERE address <> 'orders@example.net'");
+    }
+
+    inline static const std::string FILE = MAILNAMES + "/example.org/partners/.qmail";
+    inline static const std::string FORWARDS = "| true\n&anna@example.net\n&orders@example.net\n";
+};
+
+TEST_F(AuditOfForwardsTest, ForwardsThatNoRunPutsAreNamedBeforeAndAfterIt) {
+    const std::vector<std::string> left = {
+        "forward: cannot forward to what is no address" + NONE,
+        "forward: gets no forward behind one that is to no address" + NONE};
+    for (const char* address : {"'noat'", "''", "'| true'", "'a@b.example\n&c@d.example'",
+                                "'a\r@b.example'", "'a\\0@b.example'"}) {
+        forwardTo("'anna@example.net'");
+        EXPECT_EQ(mailRebuild().status, 0);
+        EXPECT_THAT(differences(), ElementsAre());
+        ASSERT_EQ(contentsOf(FILE), FORWARDS);
+        forwardTo(address);
+        EXPECT_THAT(
+            differences(),
+            ElementsAre("surplus-line: has a line that the panel does not ask for" + ALL, left[0],
+                        left[1],
+                        "surplus-line: has a forward that a run removes: one before it is to no "
+                        "address" +
+                            ALL))
+            << address;
+        EXPECT_EQ(mailRebuild().status, 0);
+        EXPECT_EQ(contentsOf(FILE), "| true\n");
+        EXPECT_EQ(differences(), left) << address;
+    }
+}
+
+TEST_F(AuditOfForwardsTest, AddressIsPrintedAsThePanelHasIt) {
+    forwardTo("'a\\0\x1B@b.example'");
+    EXPECT_EQ(mailRebuild().status, 0);
+    EXPECT_EQ(audit({"diff"}).out,
+              FILE +
+                  ": cannot forward to what is no address, expected \"a\\x00\\x1b@b.example\" [no "
+                  "run repairs this]\n" +
+                  FILE +
+                  ": gets no forward behind one that is to no address, expected "
+                  "\"&orders@example.net\" [no run repairs this]\n"
+                  "1 of 2 mailboxes differs: 2 items, none repaired by --all.\n");
+}
+
+TEST_F(AuditOfForwardsTest, ForwardsBehindOneThatCannotBeReadAreNotCalledUnasked) {
+    forwardTo("'a@x..y'");
+    const ProcessResult result = audit({"diff"});
+    EXPECT_EQ(result.status, 2);
+    for (const std::string address : {"anna", "orders"})
+        EXPECT_THAT(result.out, HasSubstr(FILE +
+                                          ": has a forward that the panel, as far as it was "
+                                          "read, does not ask for, found \"&" +
+                                          address + "@example.net\" [--all]\n"));
+    EXPECT_THAT(result.err,
+                HasSubstr("mail group forwarding cycle for partners@example.org failed"));
+    EXPECT_EQ(mailRebuild().status, 0);
+    EXPECT_EQ(contentsOf(FILE), "| true\n");
+    EXPECT_EQ(audit({"diff"}).status, 2);
+}
+
 TEST_F(AuditTest, WithoutTheAccountNothingIsCompared) {
     writeFile("/etc/passwd", "root:x:0:0:root:/root:/bin/bash\n");
     const ProcessResult result = audit({"diff"});

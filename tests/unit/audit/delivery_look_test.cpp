@@ -141,7 +141,8 @@ TEST_F(DeliveryLookTest, FileTooLongToBeReadIsNamed) {
 
 TEST_F(DeliveryLookTest, ForwardThatIsTheDeliveryLineIsNoDelivery) {
     means.deliveryLine = "&all@c.example";
-    wish = {.delivers = false, .forwards = {"&all@c.example"}};
+    wish.delivers = false;
+    wish.forwards = {"&all@c.example"};
     EXPECT_THAT(lookAt(FIRST + "&all@c.example\n"), IsEmpty());
 }
 
@@ -155,6 +156,82 @@ TEST_F(DeliveryLookTest, FirstLineIsNoDeliveryThoughItIsTheDeliveryLine) {
     means.deliveryLine = "| true";
     wish.delivers = false;
     EXPECT_THAT(lookAt(FIRST), IsEmpty());
+}
+
+// --- what a run does not come to
+
+const std::string NO_ADDRESS = "forward: cannot forward to what is no address, nowhere, - [none]";
+
+std::string unreached(const std::string& line) {
+    return "forward: gets no forward behind one that is to no address, " + line + ", - [none]";
+}
+
+std::string lost(const std::string& line) {
+    return "surplus-line: has a forward that a run removes: one before it is to no address, -, " +
+           line + " [--all]";
+}
+
+class UnreachedForwardsTest : public DeliveryLookTest {
+protected:
+    UnreachedForwardsTest() {
+        wish.forwards = {"&b@c.example"};
+        wish.noAddresses = {"nowhere"};
+        wish.unreached = {"&d@e.example"};
+    }
+};
+
+TEST_F(UnreachedForwardsTest, StayMissing) {
+    EXPECT_THAT(lookAt(DELIVERS + "&b@c.example\n"),
+                ElementsAre(NO_ADDRESS, unreached("&d@e.example")));
+}
+
+TEST_F(UnreachedForwardsTest, ThatAreThereAreRemoved) {
+    EXPECT_THAT(lookAt(DELIVERS + "&b@c.example\n&d@e.example\n&old@c.example\n"),
+                ElementsAre("surplus-line: has a line that the panel does not ask for, -, "
+                            "&old@c.example [--all]",
+                            NO_ADDRESS, unreached("&d@e.example"), lost("&d@e.example")));
+}
+
+TEST_F(UnreachedForwardsTest, StayInAFileThatIsKept) {
+    EXPECT_THAT(lookAt(DELIVERS + "&d@e.example\n&b@c.example\n", false), ElementsAre(NO_ADDRESS));
+    means.hasAgent = false;
+    EXPECT_THAT(lookAt(DELIVERS + "&d@e.example\n&b@c.example\n"), ElementsAre(NO_ADDRESS));
+}
+
+TEST_F(UnreachedForwardsTest, DoNotHideAnotherOrder) {
+    EXPECT_THAT(lookAt(FIRST + "&b@c.example\n" + DELIVERY_LINE + "\n"),
+                ElementsAre("line-order: has its lines in another order, or more than once, -, - "
+                            "[--all]",
+                            NO_ADDRESS, unreached("&d@e.example")));
+}
+
+TEST_F(UnreachedForwardsTest, AreNoneWhereTheyAreNamedBefore) {
+    wish.unreached = {"&b@c.example"};
+    EXPECT_THAT(lookAt(DELIVERS + "&b@c.example\n"), ElementsAre(NO_ADDRESS));
+    EXPECT_THAT(lookAt(DELIVERS),
+                ElementsAre("forward: has a forward missing, &b@c.example, - [--all]", NO_ADDRESS));
+}
+
+TEST_F(UnreachedForwardsTest, AreToldOnce) {
+    wish.noAddresses = {"nowhere", "", "nowhere"};
+    wish.unreached = {"&d@e.example", "&d@e.example"};
+    EXPECT_THAT(lookAt(DELIVERS + "&d@e.example\n&b@c.example\n"),
+                ElementsAre(NO_ADDRESS, "forward: cannot forward to what is no address, , - [none]",
+                            unreached("&d@e.example"), lost("&d@e.example")));
+}
+
+TEST_F(UnreachedForwardsTest, AreNamedWithAMissingFile) {
+    EXPECT_THAT(look(), ElementsAre("delivery-file: is missing, -, - [--all]", NO_ADDRESS,
+                                    unreached("&d@e.example")));
+}
+
+TEST_F(DeliveryLookTest, ForwardsOfAPanelThatWasNotReadToItsEndAreNotCalledUnasked) {
+    wish.isReadWhole = false;
+    EXPECT_THAT(
+        lookAt(DELIVERS + "&old@c.example\n# mine\n"),
+        ElementsAre("surplus-line: has a forward that the panel, as far as it was read, does not "
+                    "ask for, -, &old@c.example [--all]",
+                    "surplus-line: has a line that the panel does not ask for, -, # mine [--all]"));
 }
 
 // --- what no run gets past
@@ -206,7 +283,7 @@ TEST_F(DeliveryLookTest, WithoutLocksForwardsAreNotRepaired) {
     wish.forwards = {"&b@c.example"};
     EXPECT_THAT(lookAt(DELIVERS),
                 ElementsAre("forward: has a forward missing, &b@c.example, - [none]"));
-    wish = {.delivers = false, .forwards = {}};
+    wish = {};
     EXPECT_THAT(lookAt(FIRST + "# mine\n"),
                 ElementsAre("surplus-line: has a line that the panel does not ask for, -, # mine "
                             "[--all]"));

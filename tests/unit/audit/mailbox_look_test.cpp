@@ -82,11 +82,42 @@ TEST_F(MailboxLookTest, MailNameWithoutQuotaHasNoneToBeLookedAt) {
     EXPECT_THAT(look(anna), IsEmpty());
 }
 
-TEST_F(MailboxLookTest, ForwardsBehindOneThatIsNoAddressAreNotAskedFor) {
+TEST_F(MailboxLookTest, ForwardsBehindOneThatIsToNoAddressAreNotRepaired) {
     makeRight();
     PanelMailname anna = named("anna");
     anna.forwards = {"b@c.example", "nowhere", "d@e.example"};
-    EXPECT_THAT(look(anna), ElementsAre("forward: has a forward missing, &b@c.example, - [--all]"));
+    EXPECT_THAT(
+        look(anna),
+        ElementsAre("forward: has a forward missing, &b@c.example, - [--all]",
+                    "forward: cannot forward to what is no address, nowhere, - [none]",
+                    "forward: gets no forward behind one that is to no address, &d@e.example, - "
+                    "[none]"));
+}
+
+TEST_F(MailboxLookTest, WhatIsNoAddressIsNamedAsThePanelHasIt) {
+    makeRight();
+    for (const std::string text :
+         {"noat", "", "a@c.example\n&b@c.example", "| true", "a@x..y", "\xFF@\xFF.example"}) {
+        PanelMailname anna = named("anna");
+        anna.forwards = {text};
+        EXPECT_THAT(look(anna), ElementsAre("forward: cannot forward to what is no address, " +
+                                            text + ", - [none]"));
+    }
+    PanelMailname anna = named("anna");
+    anna.forwards = {std::string("a\0@c.example", 12)};
+    EXPECT_EQ(MailboxLook(means, *output, true).at(anna).at(0).expected, anna.forwards.front());
+}
+
+TEST_F(MailboxLookTest, NewHomeGetsNoForwardsBehindOneThatIsToNoAddress) {
+    PanelMailname bruno = named("bruno");
+    bruno.forwards = {"b@c.example", "nowhere", "d@e.example"};
+    EXPECT_THAT(
+        look(bruno),
+        ElementsAre("home: is missing, -, - [--all]",
+                    "forward: cannot forward to what is no address, nowhere, - [none]",
+                    "forward: gets no forward behind one that is to no address, &d@e.example, - "
+                    "[none]",
+                    NO_ROW + "[--all]"));
 }
 
 TEST_F(MailboxLookTest, DomainInLettersGetsNoQuota) {
