@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "mail/delivery/delivery_file.h"
+#include "mail/delivery/dotqmail.h"
 #include "mail/quota/maildirpp_quota.h"
 #include "mail/quota/maildirsize.h"
 #include "tests/faults/judge/tree_comparison.h"
@@ -281,6 +282,70 @@ void judgeRepairs(const Trial& trial, const SharedHomes& shared, Violations& vio
             violations.push_back("new: " + finding.text());
 }
 
+// --- no forward of the panel is missing silently
+
+// The first link on a path taken for what it leads to; the path itself where there is none.
+std::string pastOneLink(const Tree& tree, const std::filesystem::path& path) {
+    std::filesystem::path way;
+    for (auto name = path.begin(); name != path.end(); ++name) {
+        const std::filesystem::path folder = way;
+        way /= *name;
+        const Entry* const entry = faults::entryAt(tree, way);
+        if (entry == nullptr || !S_ISLNK(entry->mode))
+            continue;
+        way = equality::STORAGE / folder / entry->content;
+        while (++name != path.end())
+            way /= *name;
+        return belowStorage(way.lexically_normal());
+    }
+    return path;
+}
+
+// What lies at a path, or where its links lead to.
+const Entry* entryBehindLinks(const Tree& tree, std::string path) {
+    constexpr int MOST_LINKS = 8;
+    for (int i = 0; i < MOST_LINKS; ++i)
+        path = pastOneLink(tree, path);
+    return faults::entryAt(tree, path);
+}
+
+bool hasLine(const Tree& tree, const std::string& path, const std::string& line) {
+    const Entry* const file = entryBehindLinks(tree, path);
+    return file != nullptr && linesOf(file->content).contains(line);
+}
+
+// By itself, or with the file or the home that it would be in.
+bool namesForward(const Finding& finding, const std::string& address, const std::string& line) {
+    if (finding.kind == "forward")
+        return finding.expected == address || finding.expected == line;
+    return finding.kind == "delivery-file" || finding.kind == "home";
+}
+
+void judgeForwards(const Audit& audit, const Tree& tree, const equality::Mailname& name,
+                   Violations& violations) {
+    for (const std::string& address : name.forwards) {
+        const std::string line = mail::forwardLine(address);
+        const auto isNamed = [&](const Finding& finding) {
+            return rowKey(finding.domain, finding.mailbox) == rowKey(name.domain, name.name) &&
+                   namesForward(finding, address, line);
+        };
+        if (!hasLine(tree, MAILNAMES + name.home() + "/.qmail", line) &&
+            std::none_of(audit.findings.begin(), audit.findings.end(), isNamed))
+            violations.push_back("a forward of " + name.home() +
+                                 " is missing without having been named: " + address);
+    }
+}
+
+// An audit that is not whole need not have read them.
+void judgeForwards(const Audit& audit, const Tree& tree, const Description& description,
+                   const SharedHomes& shared, Violations& violations) {
+    if (!audit.err.empty())
+        return;
+    for (const equality::Mailname& name : description.mailnames)
+        if (name.isGroup && !shared.haveRow(rowKey(name.domain, name.name)))
+            judgeForwards(audit, tree, name, violations);
+}
+
 void append(Violations& violations, const Violations& more) {
     violations.insert(violations.end(), more.begin(), more.end());
 }
@@ -323,6 +388,8 @@ Violations judge(const Trial& trial) {
     judgeRows(trial, shared, violations);
     judgeRecords(trial, violations);
     judgeRepairs(trial, shared, violations);
+    judgeForwards(trial.first, trial.before.tree, trial.description, shared, violations);
+    judgeForwards(trial.second, trial.after.tree, trial.description, shared, violations);
     return violations;
 }
 

@@ -201,6 +201,27 @@ TEST_F(JudgementTest, NewItemIsFound) {
     EXPECT_EQ(verdict(), Verdict{"new: " + fresh.text()});
 }
 
+TEST_F(JudgementTest, ForwardThatIsNotThereHasToBeNamed) {
+    equality::Mailname& group = trial_.description.mailnames.front();
+    group.forwards = {"nowhere"};
+    EXPECT_EQ(verdict(), Verdict{});
+    group.isGroup = true;
+    const std::string missing =
+        "a forward of a.example/anna is missing without having been named: ";
+    EXPECT_EQ(verdict(), (Verdict{missing + "nowhere", missing + "nowhere"}));
+    Finding named = finding("forward", DELIVERY, "has a forward missing");
+    named.expected = "nowhere";
+    named.isRepaired = false;
+    addFirst(named);
+    addSecond(named);
+    EXPECT_EQ(verdict(), Verdict{});
+    group.forwards.emplace_back("b@c.example");
+    EXPECT_EQ(verdict(), (Verdict{missing + "b@c.example", missing + "b@c.example"}));
+    for (faults::Tree* const tree : {&trial_.before.tree, &trial_.after.tree})
+        tree->at(DELIVERY).content += "&b@c.example\n";
+    EXPECT_EQ(verdict(), Verdict{});
+}
+
 TEST_F(JudgementTest, HomeOfTwoNamesIsLeftOut) {
     addName("aNNa");
     trial_.after.tree.at(CUR).uid = 0;

@@ -41,14 +41,15 @@ const std::vector<std::string> ADDRESSES = {
     "e@away.example", "s+p@away.example", "\xC3\xBC@" + BOOKS,
 };
 const std::vector<std::string> ODD_ADDRESSES = {
-    "nowhere", "", "two@lines.example\n&more@lines.example", "x@-a.example", "@", "y@away..example",
+    "nowhere",         "",       "two@lines.example\n&more@lines.example", "x@-a.example", "@",
+    "y@away..example", "| true", std::string("zero\0@away.example", 18),
 };
 const std::vector<long long> QUOTAS = {-1, -1, 0, 1, 5000, 10'485'760, -7};
 
 std::vector<std::string> randomForwards(std::mt19937_64& random) {
     std::vector<std::string> forwards;
     for (std::size_t left = below(MOST_FORWARDS, random); left > 0; --left)
-        forwards.push_back(pick(chance(2, random) ? ODD_ADDRESSES : ADDRESSES, random));
+        forwards.push_back(pick(chance(5, random) ? ODD_ADDRESSES : ADDRESSES, random));
     return forwards;
 }
 
