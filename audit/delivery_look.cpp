@@ -258,9 +258,9 @@ private:
 
     // A forward that is the delivery line, too, stands where it is named.
     Lines wanted() const {
-        const bool isNamed = deliveryLine_ != mail::RESET_LINE && wished_.contains(deliveryLine_);
-        return mail::restoredLines(wish_.delivers && !isNamed ? deliveryLine_ : std::string_view(),
-                                   forwards());
+        const bool isForward = deliveryLine_ != mail::RESET_LINE && wished_.contains(deliveryLine_);
+        return mail::restoredLines(
+            wish_.delivers && !isForward ? deliveryLine_ : std::string_view(), forwards());
     }
 
     void add(ItemKind kind, const char* reason, std::string_view expected = {},
@@ -424,7 +424,8 @@ void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, c
     addDeliveryItems(left, about, after, contents.seen, wish, means);
     judgeRepairs(differing, left);
     addLostForwards(differing, about, wish, found, after);
-    items.insert(items.end(), differing.begin(), differing.end());
+    items.insert(items.end(), std::make_move_iterator(differing.begin()),
+                 std::make_move_iterator(differing.end()));
 }
 
 void lookAtDeliveryToCome(Items& items, const Item& about, const DeliveryWish& wish,
