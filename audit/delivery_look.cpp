@@ -30,6 +30,11 @@ using mail::Obstacle;
 
 constexpr std::size_t LARGEST = mail::LARGEST_DELIVERY_FILE;
 
+// An empty one is none.
+bool hasDeliveryLine(const Means& means) {
+    return means.deliveryLine && !means.deliveryLine->empty();
+}
+
 // A run as far as it concerns one delivery file.
 class RunOnFile {
 public:
@@ -50,7 +55,7 @@ private:
             return Obstacle::agent;
         if (!means_.hasLocks)
             return Obstacle::lock;
-        return wish_.delivers && !means_.deliveryLine ? Obstacle::line : Obstacle::none;
+        return wish_.delivers && !hasDeliveryLine(means_) ? Obstacle::line : Obstacle::none;
     }
 
     std::string_view deliveryLine() const {
@@ -80,8 +85,11 @@ private:
         replaceBy(mail::restoredLines(lineToInstall(), forwards));
     }
 
-    std::string_view lineToInstall() const {
-        return obstacle() == Obstacle::none ? deliveryLine() : std::string_view();
+    // An empty line is added like any other.
+    std::optional<std::string_view> lineToInstall() const {
+        const bool isReached = obstacle() == Obstacle::none || obstacle() == Obstacle::line;
+        return wish_.delivers && isReached && means_.deliveryLine ? std::optional(deliveryLine())
+                                                                  : std::nullopt;
     }
 
     void replaceBy(Lines lines) {
@@ -171,12 +179,12 @@ public:
     }
 
 private:
-    // Where there is no default one, a known line that is there serves.
+    // Where there is no default one, the first that may have been it serves.
     std::string_view deliveryLineOf(const Means& means) const {
-        if (means.deliveryLine)
+        if (hasDeliveryLine(means))
             return *means.deliveryLine;
-        const auto known = std::find_if(lines_.begin(), lines_.end(), mail::isKnownDeliveryLine);
-        return known == lines_.end() ? std::string_view() : *known;
+        const auto there = std::find_if(lines_.begin(), lines_.end(), mail::mayDeliver);
+        return there == lines_.end() ? std::string_view() : *there;
     }
 
     void compareDelivery() {
@@ -259,8 +267,9 @@ private:
     // A forward that is the delivery line, too, stands where it is named.
     Lines wanted() const {
         const bool isForward = deliveryLine_ != mail::RESET_LINE && wished_.contains(deliveryLine_);
-        return mail::restoredLines(
-            wish_.delivers && !isForward ? deliveryLine_ : std::string_view(), forwards());
+        const bool isOfItsOwn = wish_.delivers && !isForward && !deliveryLine_.empty();
+        return mail::restoredLines(isOfItsOwn ? std::optional(deliveryLine_) : std::nullopt,
+                                   forwards());
     }
 
     void add(ItemKind kind, const char* reason, std::string_view expected = {},

@@ -7,12 +7,6 @@ namespace corvo::mail {
 
 namespace {
 
-// To a program, or into a mailbox that is named by its path.
-bool mayDeliver(std::string_view line) noexcept {
-    return line != RESET_LINE &&
-           (line.starts_with('|') || line.starts_with('/') || line.starts_with('.'));
-}
-
 // Of forwards that stand more than once, where one was added that could not be removed before.
 void keepLastOfEach(Lines& lines) {
     std::unordered_set<std::string_view> seen;
@@ -33,17 +27,22 @@ Lines forwardsAmong(const Lines& lines, std::string_view deliveryLine) {
     return forwards;
 }
 
+bool mayDeliver(std::string_view line) noexcept {
+    return line != RESET_LINE &&
+           (line.starts_with('|') || line.starts_with('/') || line.starts_with('.'));
+}
+
 bool delivers(const Lines& lines, std::string_view deliveryLine) noexcept {
     return std::any_of(lines.begin(), lines.end(), [&](std::string_view line) {
-        return isKnownDeliveryLine(line) ||
-               (deliveryLine.empty() ? mayDeliver(line) : line == deliveryLine);
+        return deliveryLine.empty() ? mayDeliver(line)
+                                    : line == deliveryLine || isKnownDeliveryLine(line);
     });
 }
 
-Lines restoredLines(std::string_view deliveryLine, const Lines& forwards) {
+Lines restoredLines(std::optional<std::string_view> deliveryLine, const Lines& forwards) {
     Lines lines = {RESET_LINE};
-    if (!deliveryLine.empty())
-        lines.push_back(deliveryLine);
+    if (deliveryLine)
+        lines.push_back(*deliveryLine);
     lines.insert(lines.end(), forwards.begin(), forwards.end());
     return lines;
 }

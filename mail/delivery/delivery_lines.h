@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -21,14 +22,17 @@ using ForwardLines = std::unordered_set<std::string>;
 /// be empty.
 Lines forwardsAmong(const Lines& lines, std::string_view deliveryLine);
 
+/// Whether a line hands mail to a program, or puts it into a mailbox that it names by a path: as
+/// every known delivery line does.
+bool mayDeliver(std::string_view line) noexcept;
+
 /// Whether the lines deliver: by the line of now or by a known one. Where nobody can tell which the
-/// line of now is (it is empty), each that hands mail to a program or puts it into a mailbox may be
-/// it.
+/// line of now is (it is empty), each that may deliver may be it.
 bool delivers(const Lines& lines, std::string_view deliveryLine) noexcept;
 
-/// The lines of a restored file: the reset line, the delivery line unless that is empty, the
-/// forwards.
-Lines restoredLines(std::string_view deliveryLine, const Lines& forwards);
+/// The lines of a restored file: the reset line, the delivery line where there is one (be it
+/// empty), the forwards.
+Lines restoredLines(std::optional<std::string_view> deliveryLine, const Lines& forwards);
 
 /// What stands between a file and what it should be, in the order in which it is asked for. The
 /// first three are missing; where the last two are met, the new file could not be opened or

@@ -31,7 +31,7 @@ public:
 
 private:
     std::string_view deliveryLine() const noexcept;
-    std::string wantedText(const Lines& forwards) const;
+    std::optional<std::string_view> lineToInstall() const noexcept;
     bool putInPlace(const Lines& forwards);
     void stumble(Obstacle obstacle) noexcept;
     int keep() noexcept;
@@ -90,13 +90,14 @@ std::string_view Restoration::deliveryLine() const noexcept {
     return line_.line ? std::string_view(line_.line.get()) : std::string_view();
 }
 
-std::string Restoration::wantedText(const Lines& forwards) const {
-    return textOf(restoredLines(
-        case_.obstacle == Obstacle::none ? deliveryLine() : std::string_view(), forwards));
+// An empty line is added like any other.
+std::optional<std::string_view> Restoration::lineToInstall() const noexcept {
+    const bool isReached = case_.obstacle == Obstacle::none || case_.obstacle == Obstacle::line;
+    return isReached && line_.line ? std::optional(deliveryLine()) : std::nullopt;
 }
 
 bool Restoration::putInPlace(const Lines& forwards) {
-    const std::string text = wantedText(forwards);
+    const std::string text = textOf(restoredLines(lineToInstall(), forwards));
     Ownership ownership = {};
     if (!findDeliveryOwnership(ownership)) {
         stumble(Obstacle::unwritten);
@@ -142,7 +143,7 @@ int Restoration::report() const noexcept {
             return reportNotDelivering(path_);
         case Obstacle::line:
             if (line_.line)
-                return 0;  // an empty one is added like any other
+                return 0;
             reportMissingLine(line_);
             return reportNotDelivering(path_);
         case Obstacle::unopened:

@@ -60,7 +60,7 @@ private:
         const Texts all = lines();
         return std::any_of(all.begin(), all.end(), [this](const std::string& line) {
             return mail::isKnownDeliveryLine(line) ||
-                   (means_.line ? line == *means_.line : mayBeTheDefault(line));
+                   (hasLine() ? line == *means_.line : mayBeTheDefault(line));
         });
     }
 
@@ -68,9 +68,12 @@ private:
         return line != DISCARDING && line.find_first_of("|/.") == 0;
     }
 
+    // An empty one is added like any other, and delivers nothing.
+    bool hasLine() const { return means_.line && !means_.line->empty(); }
+
     void restoreFile(bool shallDeliver) {
         carriedOver_.clear();
-        const bool canDeliver = means_.hasAgent && means_.line;
+        const bool canDeliver = means_.hasAgent && hasLine();
         const bool isStuck = !means_.hasLockFolder || (shallDeliver && !canDeliver);
         const bool stays = (shallDeliver && delivers()) ||
                            (!means_.hasLockFolder && !forwards(shallDeliver).empty());
@@ -81,7 +84,7 @@ private:
         if (means_.hasLockFolder)
             carriedOver_ = forwards(shallDeliver);
         Texts fresh = {DISCARDING};
-        if (shallDeliver && !isStuck)
+        if (shallDeliver && means_.hasLockFolder && means_.hasAgent && means_.line)
             fresh.push_back(*means_.line);
         fresh.insert(fresh.end(), carriedOver_.begin(), carriedOver_.end());
         set(fresh);

@@ -127,9 +127,14 @@ void loseLocks(Means& means, std::mt19937_64& random) {
 void loseLine(Means& means, std::mt19937_64& random) {
     fs::remove(test::DEFAULT_DELIVERY);
     means.line.reset();
-    switch (below(4, random)) {
+    switch (below(5, random)) {
         case 0:
             test::writeFile(test::DEFAULT_DELIVERY, "", POPUSER_UID, POPUSER_GID, 0600);
+            return note(means, "an empty default file");
+        case 2:
+            test::writeFile(test::DEFAULT_DELIVERY, "\n./Maildir/\n", POPUSER_UID, POPUSER_GID,
+                            0600);
+            means.line = "";
             return note(means, "an empty default line");
         case 1:
             test::makeDirectory(test::DEFAULT_DELIVERY);

@@ -305,6 +305,25 @@ TEST_F(DeliveryLookTest, WithoutDefaultLineAKnownOneServes) {
         ElementsAre("delivery: discards though the panel says that it shall deliver, -, - [none]"));
 }
 
+TEST_F(DeliveryLookTest, WithoutDefaultLineOneThatMayHaveBeenItServes) {
+    for (const char* none : {static_cast<const char*>(nullptr), ""}) {
+        means.deliveryLine = none != nullptr ? std::optional<std::string>(none) : std::nullopt;
+        EXPECT_THAT(lookAt(FIRST + "| own ./Maildir\n"), IsEmpty());
+        EXPECT_THAT(lookAt(FIRST + "| own ./Maildir\n# mine\n"),
+                    ElementsAre("surplus-line: has a line that the panel does not ask for, -, "
+                                "# mine [none]"));
+    }
+}
+
+TEST_F(DeliveryLookTest, EmptyDefaultLineIsAddedLikeAnyOther) {
+    means.deliveryLine = "";
+    EXPECT_THAT(
+        lookAt(FIRST + "# mine\n"),
+        ElementsAre("delivery: discards though the panel says that it shall deliver, -, - [none]",
+                    "surplus-line: has a line that the panel does not ask for, -, # mine [--all]",
+                    "surplus-line: has a line that the panel does not ask for, -,  [none]"));
+}
+
 TEST_F(DeliveryLookTest, WithoutDefaultLineEmptiedFileStillLosesItsFurtherNames) {
     means.deliveryLine.reset();
     put("# mine\n");

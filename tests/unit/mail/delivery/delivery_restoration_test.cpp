@@ -285,7 +285,7 @@ TEST_F(DeliveryRestorationTest, EmptyDefaultLineTakesNobodysPlace) {
     }
     write("# mine\n&a@b.c\n");
     EXPECT_EQ(restore(true), 0);
-    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n&a@b.c\n");
+    EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n\n&a@b.c\n");
     write("# mine\n");
     EXPECT_EQ(restore(true), 0);
     EXPECT_EQ(contentsOf(DOTQMAIL), "| true\n\n");
