@@ -16,6 +16,7 @@ namespace {
 
 using mail::RowDifferences;
 using mail::SqliteAccess;
+using mail::SqliteSession;
 using mail::SqliteStatement;
 using mail::SqliteStep;
 using mail::SqliteUse;
@@ -29,6 +30,24 @@ constexpr const char* NAMES_BEHIND =
 
 const char* describe(const RowDifferences& differences) {
     return differences.missing ? "has no row for it" : "has another quota";
+}
+
+// By SQLite's own word; ask before the next call.
+std::string whyUnreadable(const SqliteSession& session) {
+    return std::string("cannot be read: ") + (session ? session.error() : "it cannot be opened");
+}
+
+// In a table without its key a run puts the right row behind the wrong one.
+bool hasKey(const SqliteSession& session) {
+    return static_cast<bool>(SqliteStatement(session, mail::MAIL_USER_DB_PROBE, SqliteUse::look));
+}
+
+// What SQLite does not say. No session may be open.
+std::string journalOf(const std::string& path) {
+    mail::SqliteState state;
+    return mail::lookAtSqlite(path.c_str(), state) && state.journal
+               ? " (a transaction is under way, or waits to be rolled back)"
+               : "";
 }
 
 }  // namespace
@@ -63,6 +82,13 @@ void QuotaRows::giveUp(const std::string& reason) {
                  ": the quota rows were not looked at");
 }
 
+void QuotaRows::giveUpReading() {
+    const std::string reason = "the rows " + whyUnreadable(*session_);
+    look_.reset();
+    session_.reset();
+    giveUp(reason + journalOf(mail::MAIL_USER_DB));
+}
+
 void QuotaRows::lookAt(Items& items, Item about, long long quota, bool isReached) {
     open();
     if (isGivenUp_)
@@ -70,9 +96,7 @@ void QuotaRows::lookAt(Items& items, Item about, long long quota, bool isReached
     const mail::QuotaRow row = mail::quotaRow(about.domain, about.mailbox, quota);
     const RowDifferences differences = look_->at(row);
     if (differences.unknown)
-        return giveUp(
-            "the rows cannot be read (locked, damaged, or a transaction to be rolled "
-            "back)");
+        return giveUpReading();
     if (!differences.any())
         return;
     about.kind = ItemKind::quotaRow;
@@ -81,7 +105,8 @@ void QuotaRows::lookAt(Items& items, Item about, long long quota, bool isReached
     about.expected = row[2].value;
     if (!differences.missing)
         about.found = look_->found();
-    about.repair = isReached ? Repair::all : Repair::none;
+    const bool isPutRight = differences.missing || hasKey(*session_);
+    about.repair = isReached && isPutRight ? Repair::all : Repair::none;
     items.push_back(std::move(about));
 }
 
@@ -139,9 +164,16 @@ void lookAtOverquotaRecords(Items& items, Output& output, bool reject, bool perm
         return omit(*objection);
     const auto records = check_quota_records(permanent);
     const std::span<const mh_data> wanted(records.data(), reject ? records.size() : 0);
-    const RowDifferences differences = mh_db_name_differences(nullptr, CHECK_QUOTA_HANDLER, wanted);
-    if (differences.unknown)
-        return omit("it cannot be read");
+    std::optional<SqliteSession> session(std::in_place, mh_db_path, SqliteAccess::readOnly,
+                                         SqliteUse::look);
+    const RowDifferences differences =
+        *session ? mh_db_name_differences(session->handle(), CHECK_QUOTA_HANDLER, wanted)
+                 : RowDifferences{.unknown = true};
+    if (differences.unknown) {
+        const std::string reason = "it " + whyUnreadable(*session);
+        session.reset();
+        return omit(reason + journalOf(mh_db_path));
+    }
     if (!differences.any())
         return;
     Item item;

@@ -45,6 +45,7 @@ public:
 private:
     void open();
     void giveUp(const std::string& reason);
+    void giveUpReading();
     void list(const char* sql, std::initializer_list<std::string_view> parameters,
               const std::function<void(const mail::SqliteStatement& row)>& take);
 

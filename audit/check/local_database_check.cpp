@@ -33,6 +33,9 @@ using mail::SqliteUse;
 constexpr const char* REBUILDING =
     "unless somebody is at work on it now, move it away and rebuild it";
 
+// What a run leaves where there was no database.
+constexpr const char* COMPLETING = "complete it where it lies: make its table";
+
 // A table and the index of its key.
 constexpr int OBJECTS_OF_THE_USER_DATABASE = 2;
 
@@ -94,10 +97,17 @@ std::string objectionTo(const SqliteSession& session, const char* statement) {
     return prepared ? "" : session.error();
 }
 
+// How many tables and indexes there are; empty where they cannot be counted.
+std::optional<int> countObjects(const SqliteSession& session) {
+    SqliteStatement count(session, "SELECT COUNT(*) FROM sqlite_master", SqliteUse::look);
+    return count && count.step() == SqliteStep::row ? std::optional(count.integer(0))
+                                                    : std::nullopt;
+}
+
 bool judgeSchema(const Subject& subject, const Database& database, const SqliteSession& session) {
     const std::string objection = objectionTo(session, database.probe);
     if (!objection.empty())
-        subject.problem(objection, REBUILDING);
+        subject.problem(objection, countObjects(session) == 0 ? COMPLETING : REBUILDING);
     return objection.empty();
 }
 
@@ -126,15 +136,14 @@ bool judgeFolder(const Subject& subject, const Database& database) {
 
 // popuser can fill its database with tables that each mailbox's row has to wait for.
 bool judgeSize(const Subject& subject, const Database& database, const SqliteSession& session) {
-    SqliteStatement count(session, "SELECT COUNT(*) FROM sqlite_master", SqliteUse::look);
-    if (!count || count.step() != SqliteStep::row) {
+    const std::optional<int> objects = countObjects(session);
+    if (!objects) {
         subject.problem(session.error(), REBUILDING);
         return false;
     }
-    const int objects = count.integer(0);
-    if (objects <= OBJECTS_OF_THE_USER_DATABASE || database.probe != mail::MAIL_USER_DB_PROBE)
+    if (*objects <= OBJECTS_OF_THE_USER_DATABASE || database.probe != mail::MAIL_USER_DB_PROBE)
         return true;
-    subject.warning("holds " + std::to_string(objects) + " tables and indexes in place of " +
+    subject.warning("holds " + std::to_string(*objects) + " tables and indexes in place of " +
                         std::to_string(OBJECTS_OF_THE_USER_DATABASE),
                     REBUILDING);
     return false;
@@ -155,8 +164,10 @@ void checkDatabase(const CheckSink& sink, const Database& database) {
             subject.unreadable(database.path, errno);
         return;
     }
-    if (judgeFolder(subject, database) && judgeOwner(subject, database, state) &&
-        judgeState(subject, database, state) && judgeContents(subject, database))
+    if (!judgeFolder(subject, database))
+        return;
+    const bool isOwned = judgeOwner(subject, database, state);
+    if (judgeState(subject, database, state) && judgeContents(subject, database) && isOwned)
         subject.ok(database.path);
 }
 

@@ -127,9 +127,37 @@ TEST_F(AuditDatabasesTest, FileThatIsNoDatabaseIsNotLookedAt) {
     corvo::test::writeFile(USERDB, "no database, and of some length, so that it shows\n");
     EXPECT_THAT(look(), IsEmpty());
     EXPECT_EQ(streams.err(), "mail_audit: " + USERDB +
-                                 ": the rows cannot be read (locked, damaged, or a transaction to "
-                                 "be rolled back)" +
+                                 ": the rows cannot be read: file is not a database" +
                                  NOT_LOOKED_AT);
+}
+
+TEST_F(AuditDatabasesTest, MissingTableIsCalledSo) {
+    corvo::test::writeFile(USERDB, "");
+    corvo::test::writeFile(HANDLERS, "");
+    EXPECT_THAT(look(), IsEmpty());
+    EXPECT_THAT(lookAtRecords(true, true), IsEmpty());
+    EXPECT_EQ(streams.err(), "mail_audit: " + USERDB +
+                                 ": the rows cannot be read: no such table: mailbox_quota" +
+                                 NOT_LOOKED_AT + "mail_audit: " + HANDLERS +
+                                 ": it cannot be read: no such table: handlers" + NO_RECORDS);
+}
+
+TEST_F(AuditDatabasesTest, InterruptedTransactionIsCalledSo) {
+    const std::string header = std::string("\xd9\xd5\x05\xf9\x20\xa1\x63\xd7\0\0\0\1", 12);
+    corvo::test::writeFile(USERDB + "-journal", header + std::string(500, '\0'), 0, 0, 0644);
+    EXPECT_THAT(look(), IsEmpty());
+    EXPECT_THAT(streams.err(),
+                ::testing::EndsWith(" (a transaction is under way, or waits to be rolled back)" +
+                                    NOT_LOOKED_AT));
+}
+
+TEST_F(AuditDatabasesTest, InATableWithoutItsKeyNoRunReplacesARow) {
+    sqliteExecute(USERDB,
+                  "CREATE TABLE rows AS SELECT * FROM mailbox_quota; DROP TABLE mailbox_quota; "
+                  "ALTER TABLE rows RENAME TO mailbox_quota");
+    EXPECT_THAT(look(7), ElementsAre("quota-row: has another quota, 7B, 5000B [none]"));
+    sqliteExecute(USERDB, "DELETE FROM mailbox_quota");
+    EXPECT_THAT(look(7), ElementsAre("quota-row: has no row for it, 7B, - [--all]"));
 }
 
 TEST_F(AuditDatabasesTest, NamesWithRowsAreListed) {

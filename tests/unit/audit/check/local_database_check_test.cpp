@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
+#include <tuple>
 
 #include "audit/check/checks.h"
 #include "tests/support/installation.h"
@@ -59,22 +61,35 @@ TEST_F(LocalDatabaseCheckTest, MissingOnesAreProblemsAndAreNotMade) {
 }
 
 TEST_F(LocalDatabaseCheckTest, MissingTablesColumnsAndKeysAreProblems) {
-    const std::pair<const char*, const char*> scripts[] = {
-        {"DROP TABLE mailbox_quota", "no such table: mailbox_quota"},
+    const std::string rebuilding =
+        "unless somebody is at work on it now, move it away and rebuild it";
+    const std::tuple<const char*, std::string, std::string> scripts[] = {
+        {"DROP TABLE mailbox_quota", "no such table: mailbox_quota",
+         "complete it where it lies: make its table"},
+        {"ALTER TABLE mailbox_quota RENAME TO other", "no such table: mailbox_quota", rebuilding},
         {"ALTER TABLE mailbox_quota RENAME quota TO limits",
-         "table mailbox_quota has no column named quota"},
+         "table mailbox_quota has no column named quota", rebuilding},
         {"DROP TABLE mailbox_quota; CREATE TABLE mailbox_quota (domain_name, mailbox_name, quota)",
-         "ON CONFLICT clause does not match any PRIMARY KEY or UNIQUE constraint"},
+         "ON CONFLICT clause does not match any PRIMARY KEY or UNIQUE constraint", rebuilding},
     };
-    for (const auto& [script, objection] : scripts) {
+    for (const auto& [script, objection, advice] : scripts) {
         sqliteExecute(USERDB, script);
-        EXPECT_EQ(ofUserDatabase(),
-                  "problem|user database|" + std::string(objection) +
-                      "|unless somebody is at work on it now, move it away and rebuild it")
-            << script;
+        EXPECT_EQ(ofUserDatabase(), "problem|user database|" + objection + "|" + advice) << script;
         resetSandbox();
         installMailServer();
     }
+}
+
+TEST_F(LocalDatabaseCheckTest, OfAnEmptyOneAllThatIsWrongIsNamedAtOnce) {
+    writeFile(USERDB, "", 0, 0, 0644);
+    const Results results = resultsOf(audit::checkLocalDatabases);
+    EXPECT_THAT(results,
+                ElementsAre("problem|user database|" + USERDB +
+                                " should be popuser:popuser 0644, and is 0:0 0644|set its owner "
+                                "and mode",
+                            "problem|user database|no such table: mailbox_quota|complete it where "
+                            "it lies: make its table",
+                            HANDLERS_ARE_RIGHT));
 }
 
 TEST_F(LocalDatabaseCheckTest, WhatTheHandlersNeedIsLookedFor) {
