@@ -129,6 +129,9 @@ bool judgeFolder(const Subject& subject, const Database& database) {
     else if (mayOthersWrite(seen))
         subject.problem(folder + " can be changed by others: " + ownerAndMode(seen),
                         "chown root " + folder + "; chmod go-w " + folder);
+    else if (isOnReadOnlyDisk(folder))
+        subject.problem(folder + " is mounted read-only: a run can repair nothing in it",
+                        adviceToRemount(folder));
     else
         return true;
     return false;

@@ -1,6 +1,7 @@
 #include "audit/check/look.h"
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <array>
@@ -44,6 +45,17 @@ bool mayOthersWrite(const struct stat& seen) noexcept {
 
 bool mayEverybodyRead(const struct stat& seen) noexcept {
     return (seen.st_mode & S_IROTH) != 0;
+}
+
+bool isOnReadOnlyDisk(const std::string& directory) {
+    const UniqueFd opened =
+        safe_path::openTrusted(AT_FDCWD, directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    struct statvfs disk = {};
+    return opened && ::fstatvfs(opened.get(), &disk) == 0 && (disk.f_flag & ST_RDONLY) != 0;
+}
+
+std::string adviceToRemount(const std::string& directory) {
+    return "see why (findmnt -T " + directory + "), and mount it anew, writable";
 }
 
 std::string ownerAndMode(const struct stat& seen) {

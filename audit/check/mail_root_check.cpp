@@ -119,6 +119,13 @@ bool isMounted(const Subject& root, const std::string& path) {
     return true;
 }
 
+bool isWritable(const Subject& root, const std::string& path) {
+    if (!isOnReadOnlyDisk(path))
+        return true;
+    root.problem(path + " is mounted read-only: a run can repair nothing", adviceToRemount(path));
+    return false;
+}
+
 // Leaves the directory's times as they are, where that is allowed.
 DirEntries entriesOf(const std::string& path) {
     constexpr int FLAGS = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
@@ -161,7 +168,7 @@ void checkContents(const Subject& root, const std::string& path, mysql::Connecti
 void checkMailRoot(const CheckSink& sink, mysql::Connection* panel) {
     const Subject root(sink, "mail names root");
     const std::string path = vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D);
-    if (isMounted(root, path) && isWaySound(root, path))
+    if (isMounted(root, path) && isWritable(root, path) && isWaySound(root, path))
         checkContents(root, path, panel);
 }
 

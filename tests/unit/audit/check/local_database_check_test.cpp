@@ -127,6 +127,16 @@ TEST_F(LocalDatabaseCheckTest, AFolderThatOthersMayChangeIsAProblem) {
                                     folder + "; chmod go-w " + folder);
 }
 
+TEST_F(LocalDatabaseCheckTest, AReadOnlyFolderIsAProblem) {
+    const std::string folder = fs::path(USERDB).parent_path();
+    const ReadOnlyDisk disk(folder);
+    EXPECT_EQ(ofUserDatabase(),
+              "problem|user database|" + folder +
+                  " is mounted read-only: a run can repair nothing in it|see why (findmnt -T " +
+                  folder + "), and mount it anew, writable");
+    EXPECT_EQ(ofHandlers(), HANDLERS_ARE_RIGHT);
+}
+
 TEST_F(LocalDatabaseCheckTest, AnInterruptedTransactionIsReportedAndStays) {
     writeFile(USERDB + "-journal", "\xd9\xd5\x05\xf9 and so on");
     EXPECT_EQ(ofUserDatabase(), "warning|user database|an interrupted transaction waits in " +

@@ -54,6 +54,14 @@ TEST_F(MailRootCheckTest, AMountThatIsThereIsRight) {
     EXPECT_THAT(results(), ElementsAre(ROOT_IS_RIGHT));
 }
 
+TEST_F(MailRootCheckTest, AReadOnlyOneIsAProblem) {
+    const ReadOnlyDisk disk(MAILNAMES);
+    EXPECT_THAT(results(),
+                ElementsAre("problem|mail names root|/var/qmail/mailnames is mounted read-only: a "
+                            "run can repair nothing|see why (findmnt -T /var/qmail/mailnames), "
+                            "and mount it anew, writable"));
+}
+
 TEST_F(MailRootCheckTest, ADirectoryThatIsClosedToTheAccountIsAProblem) {
     fs::permissions(MAILNAMES, fs::perms(0700));
     EXPECT_THAT(results(),
