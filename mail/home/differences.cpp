@@ -31,11 +31,15 @@ Differences fileDifferences(const struct stat& seen, const Ownership& wanted) no
     return differences;
 }
 
+Differences directoryDifferences(const struct stat& seen, const Ownership& wanted) noexcept {
+    return S_ISDIR(seen.st_mode) ? ownershipDifferences(seen, wanted) : Differences{.kind = true};
+}
+
 Differences directoryDifferences(int base, const char* path, const Ownership& wanted) noexcept {
     struct stat seen = {};
     if (::fstatat(base, path, &seen, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) != 0)
         return differencesOfUnseen(errno);
-    return S_ISDIR(seen.st_mode) ? ownershipDifferences(seen, wanted) : Differences{.kind = true};
+    return directoryDifferences(seen, wanted);
 }
 
 }  // namespace corvo::mail

@@ -38,6 +38,10 @@ struct Differences {
 [[nodiscard]] Differences fileDifferences(const struct stat& seen,
                                           const Ownership& wanted) noexcept;
 
+/// Of something that should be a directory, by what stat said of it.
+[[nodiscard]] Differences directoryDifferences(const struct stat& seen,
+                                               const Ownership& wanted) noexcept;
+
 /// Looks at the directory `path` below the open directory `base`, or at `base` itself for "". One
 /// system call, which follows links on the way to the last component, but no link there.
 [[nodiscard]] Differences directoryDifferences(int base, const char* path,
