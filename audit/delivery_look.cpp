@@ -348,13 +348,14 @@ void addUnreadable(Items& items, const Item& about, int error) {
     items.push_back(std::move(item));
 }
 
-// Whether the lock that a run takes can be had: what lies there must be a file, or nothing.
+// Whether the lock that a run takes can be had: what lies there must be a file, or nothing, or what
+// only root may see.
 bool isLockable(const std::string& path) {
     const UniqueCString lock(mk_flock_path(path.c_str()));
     struct stat seen = {};
     if (!lock || safe_path::status(AT_FDCWD, lock.get(), seen) == 0)
         return lock && S_ISREG(seen.st_mode);
-    return errno == ENOENT;
+    return errno == ENOENT || isWantOfRights(errno);
 }
 
 // The means as a run has them at this file.
@@ -379,6 +380,30 @@ void addLostForwards(Items& items, const Item& about, const DeliveryWish& wish,
             item.repair = Repair::all;
             items.push_back(std::move(item));
         }
+}
+
+// What who looks may not read is seen from outside alone.
+void lookFromOutside(Items& items, const Item& about, const DeliveryWish& wish, const Means& means,
+                     bool isRestored) {
+    Item file = about;
+    file.kind = ItemKind::deliveryFile;
+    struct stat seen = {};
+    const bool isSeen = safe_path::status(AT_FDCWD, about.path.c_str(), seen) == 0;
+    if (isSeen && !S_ISREG(seen.st_mode))
+        return addUnreadable(items, about, EINVAL);
+    if (isSeen && seen.st_nlink == 1) {
+        DeliveryState found;
+        found.exists = true;
+        found.differences = mail::fileDifferences(seen, means.delivery);
+        Items differing;
+        Items left;
+        addOwnershipItems(differing, file, found.differences, seen, means.delivery);
+        found = stateAfterRun(found, wish, means, isRestored);
+        addOwnershipItems(left, file, found.differences, seen, means.delivery);
+        judgeRepairs(differing, left);
+        items.insert(items.end(), differing.begin(), differing.end());
+    }
+    items.push_back(hidden(file, EACCES, "its lines were"));
 }
 
 mail::Differences ownershipDifferences(const mail::DeliveryContents& contents,
@@ -414,6 +439,8 @@ void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, c
     const bool isRead = mail::readDelivery(line_rewrite::Target(about.path.c_str()), contents);
     const int error = errno;
     const bool isTooLong = !isRead && error == EFBIG;
+    if (!isRead && error == EACCES)
+        return lookFromOutside(items, about, wish, means, isRestored);
     if (!isRead && !isTooLong)
         return addUnreadable(items, about, error);
     DeliveryState found = {.exists = contents.exists,

@@ -205,7 +205,7 @@ private:
     }
 
     void addRootItems(Items& items, Item item, const FoundDirectory& root) const {
-        if (root.state == State::there)
+        if (root.state == State::there || root.state == State::closed)
             return addOwnershipItems(items, item, root.differences, root.seen, means_.domainRoot);
         if (root.state == State::unseen)
             return;

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
+#include <cstring>
 #include <string_view>
 
 #include "audit/text.h"
@@ -83,6 +85,18 @@ const char* nameOf(ItemKind kind) noexcept {
             return "overquota-records";
     }
     return "";
+}
+
+bool isWantOfRights(int error) noexcept {
+    return error == EACCES || error == EPERM;
+}
+
+Item hidden(const Item& about, int error, const char* what) {
+    Item item = about;
+    item.isHidden = true;
+    item.repair = Repair::none;
+    item.reason = fmt::format("{}: {} not looked at", std::strerror(error), what);
+    return item;
 }
 
 Record recordOf(const Item& item) {

@@ -47,10 +47,18 @@ struct Item {
     std::optional<std::string> expected;
     std::optional<std::string> found;
     Repair repair = Repair::none;
-    bool isExtra = false;  // the panel does not know it, and a run leaves it alone
+    bool isExtra = false;   // the panel does not know it, and a run leaves it alone
+    bool isHidden = false;  // no difference: see hidden()
 };
 
 using Items = std::vector<Item>;
+
+/// Whether a look failed at the rights of who looks. A run, as root, has them.
+bool isWantOfRights(int error) noexcept;
+
+/// In place of items: what could not be looked at for want of rights. `what` says which of all that
+/// the path stands for.
+Item hidden(const Item& about, int error, const char* what);
 
 /// An item as it is printed: the object of docs/mail_audit.schema.json, and a line for a terminal.
 Record recordOf(const Item& item);

@@ -63,7 +63,25 @@ Items MailboxLook::at(const PanelMailname& mailname) {
         lookAtHome(items, about, mailname);
     else
         addUnrepaired(items, about, ItemKind::home, "can be the name of no directory");
+    tellOfHidden(items);
     return items;
+}
+
+void MailboxLook::tellOfHidden(Items& items) {
+    for (const Item& item : items)
+        if (item.isHidden)
+            output_.omit(item.path + ": " + item.reason);
+    std::erase_if(items, [](const Item& item) { return item.isHidden; });
+}
+
+// Without all its means it is unknown what a run makes of any file: that is told once.
+bool MailboxLook::canJudgeDelivery() {
+    if (means_.hidden.empty())
+        return true;
+    if (!isToldOfMeans_)
+        output_.omit(means_.hidden + ": the delivery files were not looked at");
+    isToldOfMeans_ = true;
+    return false;
 }
 
 void MailboxLook::lookAtHome(Items& items, const Item& about, const PanelMailname& mailname) {
@@ -76,13 +94,17 @@ void MailboxLook::lookAtHome(Items& items, const Item& about, const PanelMailnam
         case State::missing:
             items.push_back(about);
             items.back().reason = "is missing";
-            lookAtDeliveryToCome(items, deliveryOf(about), wishOf(mailname), means_);
+            if (canJudgeDelivery())
+                lookAtDeliveryToCome(items, deliveryOf(about), wishOf(mailname), means_);
             lookAtQuota(items, about, -1, mailname, /*isReached=*/true);
             break;
         case State::blocked:
             addUnrepaired(items, about, ItemKind::home, home.reason);
             lookAtQuota(items, about, -1, mailname, /*isReached=*/false);
             break;
+        case State::closed:
+            addOwnershipItems(items, about, home.differences, home.seen, means_.home);
+            [[fallthrough]];
         case State::unseen:
             output_.omit(about.path + ": " + home.reason + ": the mailbox was not looked at");
             break;
@@ -92,7 +114,8 @@ void MailboxLook::lookAtHome(Items& items, const Item& about, const PanelMailnam
 void MailboxLook::lookInside(Items& items, const Item& about, int home,
                              const PanelMailname& mailname) {
     const HomeAfterwards afterwards = lookAtSkeleton(items, about, home, means_.home);
-    lookAtDelivery(items, deliveryOf(about), wishOf(mailname), means_, afterwards.isWhole);
+    if (canJudgeDelivery())
+        lookAtDelivery(items, deliveryOf(about), wishOf(mailname), means_, afterwards.isWhole);
     lookAtQuota(items, about, home, mailname, afterwards.hasMaildir);
 }
 

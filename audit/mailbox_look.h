@@ -32,6 +32,8 @@ public:
     Items at(const PanelMailname& mailname);
 
 private:
+    void tellOfHidden(Items& items);
+    bool canJudgeDelivery();
     void lookAtHome(Items& items, const Item& about, const PanelMailname& mailname);
     void lookInside(Items& items, const Item& about, int home, const PanelMailname& mailname);
     void lookAtQuota(Items& items, const Item& about, int home, const PanelMailname& mailname,
@@ -40,6 +42,7 @@ private:
     const Means& means_;
     Output& output_;
     bool recount_;
+    bool isToldOfMeans_ = false;
     QuotaRows rows_;
 };
 

@@ -17,6 +17,7 @@ struct Means {
     bool hasAgent = false;
     bool hasLocks = false;
     std::optional<std::string> deliveryLine;
+    std::string hidden;  // which of these three is unknown for want of rights, and why; or empty
 
     /// The line that a mailbox shall have; empty where a run cannot have it.
     std::string lineToInstall() const;

@@ -52,7 +52,7 @@ std::string usageText(long long bytes, long long messages) {
     return fmt::format("{} {}", bytes, messages);
 }
 
-// Counts the Maildir in an open home; nothing where that fails, as it would in a run.
+// Counts the Maildir in an open home; nothing, with errno, where that fails.
 std::optional<MaildirUsage> countIn(int home) {
     const UniqueFd maildir = safe_path::openDirectory(home, "Maildir");
     MaildirUsage usage = {};
@@ -80,10 +80,8 @@ public:
     QuotaStage run(long long quota, bool recount, bool canWrite) {
         const std::size_t before = items_.size();
         const std::optional<MaildirsizeLimits> limits = limitsBeside(quota);
-        if (!limits)
-            fail("is not written: the attachments cannot be counted");
-        else if (const UniqueFd file = open())
-            compare(file.get(), *limits, recount);
+        if (const UniqueFd file = isBlocked_ ? UniqueFd() : open())
+            compare(file.get(), limits, recount);
         // What is right is not written, and needs no place for another.
         const bool isRight = items_.size() == before;
         const bool goesOn = !isBlocked_ && (canWrite || isRight);
@@ -93,18 +91,19 @@ public:
     }
 
 private:
-    // The limits that the header should have; nothing where the attachments cannot be counted.
+    // The limits that the header should have; nothing, once that is told, where the attachments
+    // cannot be counted.
     std::optional<MaildirsizeLimits> limitsBeside(long long quota) {
         struct stat seen = {};
         const bool counts = quota >= 0 && safe_path::status(home_, mail::ATTACHMENTS, seen) == 0 &&
                             S_ISDIR(seen.st_mode);
         if (!counts)
             return mail::limitsOfQuota(quota);
-        if (::fchdir(home_) != 0)
+        const long long size = ::fchdir(home_) == 0 ? get_dir_size(mail::ATTACHMENTS) : -1;
+        if (size < 0) {
+            meet(errno, "is not written: the attachments cannot be counted", "the limits were");
             return std::nullopt;
-        const long long size = get_dir_size(mail::ATTACHMENTS);
-        if (size < 0)
-            return std::nullopt;
+        }
         return mail::limitsOfQuota(mail::quotaBeside(size, quota));
     }
 
@@ -119,8 +118,24 @@ private:
         else if (errno == EINVAL || errno == ELOOP)
             addInTheWay();
         else
-            fail(std::strerror(errno));
+            lookFromOutside(errno);
         return file;
+    }
+
+    void lookFromOutside(int error) {
+        const bool isSeen =
+            isWantOfRights(error) &&
+            safe_path::status(home_, FILE_PATH.c_str(), seen_, safe_path::LastLink::keep) == 0;
+        if (isSeen && !S_ISREG(seen_.st_mode))
+            return addInTheWay();
+        if (isSeen)
+            compareOwnership();
+        meet(error, std::strerror(error), "what it says was");
+    }
+
+    void compareOwnership() {
+        addOwnershipItems(items_, about_, mail::fileDifferences(seen_, means_.maildirsize), seen_,
+                          means_.maildirsize);
     }
 
     // Whatever lies in place of the file is replaced, unless it is a directory.
@@ -135,20 +150,20 @@ private:
             add("is no regular file");
     }
 
-    void compare(int file, const MaildirsizeLimits& limits, bool recount) {
-        addOwnershipItems(items_, about_, mail::fileDifferences(seen_, means_.maildirsize), seen_,
-                          means_.maildirsize);
+    void compare(int file, const std::optional<MaildirsizeLimits>& limits, bool recount) {
+        compareOwnership();
         std::string text(mail::MAILDIRSIZE_READ_MAX + 1, '\0');
         const ssize_t length = read_fully(file, text.data(), text.size());
         if (length < 0)
-            return fail(std::strerror(errno));
+            return meet(errno, std::strerror(errno), "what it says was");
         text.resize(static_cast<std::size_t>(length));
         const std::optional<Contents> contents =
             text.size() > mail::MAILDIRSIZE_READ_MAX ? std::nullopt : parse(text);
         if (!contents)
             return add("is damaged");
-        if (contents->limits.bytes != limits.bytes || contents->limits.messages != limits.messages)
-            add(ItemKind::limits, "has other limits in its header", textOf(limits),
+        if (limits && (contents->limits.bytes != limits->bytes ||
+                       contents->limits.messages != limits->messages))
+            add(ItemKind::limits, "has other limits in its header", textOf(*limits),
                 textOf(contents->limits));
         if (recount)
             compareUsage(*contents);
@@ -157,7 +172,10 @@ private:
     void compareUsage(const Contents& contents) {
         const std::optional<MaildirUsage> counted = countIn(home_);
         if (!counted)
-            return fail("is not written: the messages cannot be counted");
+            return meet(errno, "is not written: the messages cannot be counted",
+                        "the messages were");
+        if (counted->refusal != 0)
+            return meet(counted->refusal, {}, "the messages were");
         if ((contents.bytes == counted->bytes && contents.messages == counted->messages) ||
             isUsageOfAgent(contents, *counted))
             return;
@@ -182,6 +200,15 @@ private:
     void fail(const std::string& reason) {
         isBlocked_ = true;
         add(reason);
+    }
+
+    // The same, unless it is who looks that has not the rights to go on: `hiding` was then not
+    // looked at.
+    void meet(int error, const std::string& reason, const char* hiding) {
+        if (isWantOfRights(error))
+            items_.push_back(hidden(about_, error, hiding));
+        else
+            fail(reason);
     }
 
     Items& items_;

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "mail/home/skeleton.h"
 #include "utils/accounts.h"
@@ -37,7 +38,7 @@ bool isNamed(int base, const std::string& path) {
 // Nothing could be opened. A run makes what is missing, with its parents, but not what a link leads
 // to that leads nowhere: neither here nor on the way.
 FoundDirectory missingOrDangling(int base, std::string path) {
-    while (!path.empty() && !safe_path::openDirectory(base, path.c_str())) {
+    while (!path.empty() && !safe_path::openDirectory(base, path.c_str()) && errno == ENOENT) {
         if (isNamed(base, path))
             return blocked("is a link that leads nowhere, or lies behind one");
         path.resize(path.find('/') == std::string::npos ? 0 : path.rfind('/'));
@@ -47,7 +48,19 @@ FoundDirectory missingOrDangling(int base, std::string path) {
     return found;
 }
 
-FoundDirectory notOpened(int base, const char* path, int error) {
+// Not opened for some other reason. What is closed to who looks may still be seen from outside.
+FoundDirectory unseenOrClosed(int base, const char* path, int error, const Ownership& wanted) {
+    FoundDirectory found;
+    found.error = error;
+    found.reason = std::strerror(error);
+    if (isWantOfRights(error) && safe_path::status(base, path, found.seen) == 0) {
+        found.state = State::closed;
+        found.differences = mail::directoryDifferences(found.seen, wanted);
+    }
+    return found;
+}
+
+FoundDirectory notOpened(int base, const char* path, int error, const Ownership& wanted) {
     switch (error) {
         case ENOENT:
             return missingOrDangling(base, path);
@@ -58,11 +71,8 @@ FoundDirectory notOpened(int base, const char* path, int error) {
         case ENAMETOOLONG:
             return blocked("has too long a name");
         default:
-            break;
+            return unseenOrClosed(base, path, error, wanted);
     }
-    FoundDirectory unseen;
-    unseen.reason = std::strerror(error);
-    return unseen;
 }
 
 std::string nameOfGroup(gid_t gid) {
@@ -97,12 +107,15 @@ public:
 
 private:
     // What an entry's parent is like.
-    enum class Parent { there, missing, shut };
+    enum class Parent { there, missing, closed, shut };
 
     void lookAt(const SkeletonEntry& entry) {
+        Parent& parent = levels_.at(entry.depth);
         Parent& level = levels_.at(entry.depth + 1);
-        if (levels_.at(entry.depth) != Parent::there) {
-            level = levels_.at(entry.depth);
+        if (parent == Parent::closed)
+            parent = tellOfClosed(std::filesystem::path(entry.path).parent_path());
+        if (parent != Parent::there) {
+            level = parent;
             return;
         }
         level = Parent::there;
@@ -116,7 +129,7 @@ private:
     // A directory that differs, or a link to one, or something else.
     Parent lookCloser(const SkeletonEntry& entry) {
         const FoundDirectory found = findDirectory(home_, entry.path, wanted_);
-        const Item about = itemFor(entry);
+        const Item about = itemFor(entry.path);
         switch (found.state) {
             case State::there:
                 addOwnershipItems(items_, about, found.differences, found.seen, wanted_);
@@ -125,8 +138,16 @@ private:
                 items_.push_back(about);
                 items_.back().reason = "is missing";
                 return Parent::missing;
-            case State::blocked:
+            case State::closed:
+                closedBy_ = found.error;
+                addOwnershipItems(items_, about, found.differences, found.seen, wanted_);
+                return Parent::closed;
             case State::unseen:
+                if (!isWantOfRights(found.error))
+                    break;
+                items_.push_back(hidden(about, found.error, "it was"));
+                return Parent::missing;
+            case State::blocked:
                 break;
         }
         items_.push_back(about);
@@ -135,10 +156,16 @@ private:
         return Parent::shut;
     }
 
-    Item itemFor(const SkeletonEntry& entry) const {
+    // Once for all that is in it, which is then passed over like what is in a missing one.
+    Parent tellOfClosed(const std::string& path) {
+        items_.push_back(hidden(itemFor(path), closedBy_, "what is in it was"));
+        return Parent::missing;
+    }
+
+    Item itemFor(const std::string& path) const {
         Item item = about_;
         item.kind = ItemKind::directory;
-        item.path += std::string("/") + entry.path;
+        item.path += "/" + path;
         item.repair = isReached_ ? Repair::all : Repair::none;
         return item;
     }
@@ -157,6 +184,7 @@ private:
     int home_;
     const Ownership& wanted_;
     std::array<Parent, mail::SKELETON_LEVELS + 1> levels_ = {};
+    int closedBy_ = 0;  // an errno
     bool isReached_ = true;
     bool hasMaildir_ = true;
     bool hasTmp_ = true;
@@ -167,10 +195,8 @@ private:
 FoundDirectory findDirectory(int base, const char* path, const Ownership& wanted) {
     FoundDirectory found;
     found.directory = safe_path::openDirectory(base, path);
-    if (!found.directory)
-        return notOpened(base, path, errno);
-    if (::fstat(found.directory.get(), &found.seen) != 0)
-        return notOpened(base, path, errno);
+    if (!found.directory || ::fstat(found.directory.get(), &found.seen) != 0)
+        return notOpened(base, path, errno, wanted);
     found.state = State::there;
     found.differences = mail::directoryDifferences(found.directory.get(), "", wanted);
     return found;

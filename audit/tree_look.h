@@ -16,13 +16,15 @@ struct FoundDirectory {
         there,
         missing,
         blocked,  // by something that a run does not get past
+        closed,   // to who looks: it is there, and was looked at from outside
         unseen    // it could not be looked at
     };
     State state = State::unseen;
     UniqueFd directory;             // of one that is there
-    mail::Differences differences;  // of one that is there
-    struct stat seen = {};          // of one that is there
-    std::string reason;             // of one that is blocked or unseen
+    mail::Differences differences;  // of one that is there or closed
+    struct stat seen = {};          // of one that is there or closed
+    std::string reason;             // of one that is blocked, closed or unseen
+    int error = 0;                  // of one that is closed or unseen: an errno
 };
 
 /// Follows the links that a run follows.
@@ -39,7 +41,8 @@ struct HomeAfterwards {
     bool hasMaildir = false;  // the quota can be stored
 };
 
-/// Looks at the directories in a home, which is open. A missing one stands for all that is in it.
+/// Looks at the directories in a home, which is open. A missing one stands for all that is in it,
+/// and so does one that is closed to who looks.
 HomeAfterwards lookAtSkeleton(Items& items, const Item& about, int home,
                               const mail::Ownership& wanted);
 

@@ -158,8 +158,10 @@ bool isLater(const timespec& one, const timespec& other) noexcept {
 int countDirectory(const char* directory, MaildirUsage& usage) noexcept {
     MessageDirectory opened{safe_path::openEntries(AT_FDCWD, directory), std::strlen(directory)};
     struct stat status = {};
-    if (!opened.entries || ::fstat(opened.entries.descriptor(), &status) != 0)
+    if (!opened.entries || ::fstat(opened.entries.descriptor(), &status) != 0) {
+        usage.refusal = errno == EACCES || errno == EPERM ? errno : usage.refusal;
         return 1;
+    }
     raiseTo(usage.newest, status.st_mtim);
     while (const auto* const entry = opened.entries.next()) {
         if (!countMessage(opened, entry->d_name, usage))

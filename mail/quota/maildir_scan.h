@@ -14,6 +14,7 @@ struct MaildirUsage {
     long long bytes;
     long long messages;
     timespec newest;  // the modification time of what changed last
+    int refusal = 0;  // EACCES or EPERM where a directory was refused, and counted as empty
 };
 
 [[nodiscard]] bool isLater(const timespec& one, const timespec& other) noexcept;

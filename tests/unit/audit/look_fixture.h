@@ -43,6 +43,15 @@ inline std::vector<std::string> textsWithPaths(const Items& items, const std::st
     return all;
 }
 
+/// While it lives, this process has no more rights than popuser.
+class AsPopuser {
+public:
+    AsPopuser() { EXPECT_EQ(::seteuid(corvo::test::POPUSER_UID), 0); }
+    ~AsPopuser() { EXPECT_EQ(::seteuid(0), 0); }
+    AsPopuser(const AsPopuser&) = delete;
+    AsPopuser& operator=(const AsPopuser&) = delete;
+};
+
 /// A mail server with its means, and the home of one mail name.
 class LookTest : public corvo::test::SandboxTest {
 protected:

@@ -141,6 +141,94 @@ TEST_F(MailboxLookTest, RowIsStoredBesideARightFileWithoutPlaceForANewOne) {
                 ElementsAre("directory: is no directory, -, - [none]", NO_ROW + "[--all]"));
 }
 
+// --- as a user who may not read everything
+
+class ClosedMailboxTest : public MailboxLookTest {
+protected:
+    ClosedMailboxTest() {
+        makeRight();
+        makeFolder("/@attachments");
+    }
+
+    Texts lookAtClosed(const std::string& path, mode_t mode = 0) {
+        EXPECT_EQ(::chmod((HOME + path).c_str(), mode), 0);
+        const AsPopuser popuser;
+        return look(named("anna"));
+    }
+
+    static std::string told(const std::string& path, const std::string& what) {
+        return "mail_audit: " + HOME + path + ": Permission denied: " + what + " not looked at\n";
+    }
+};
+
+TEST_F(ClosedMailboxTest, HomeIsSeenFromOutside) {
+    EXPECT_THAT(lookAtClosed(""), ElementsAre("home: has another mode, 0700, 0000 [--all]"));
+    EXPECT_EQ(streams.err(), told("", "the mailbox was"));
+}
+
+TEST_F(ClosedMailboxTest, HomeThatMayBeReadButNotSearchedHasNothingToCompare) {
+    EXPECT_THAT(lookAtClosed("", 0600), ElementsAre("home: has another mode, 0700, 0600 [--all]"));
+    EXPECT_EQ(streams.err(), told("/Maildir", "it was") + told("/@attachments", "it was") +
+                                 told("/.qmail", "its lines were") +
+                                 told("/Maildir/maildirsize", "what it says was"));
+}
+
+TEST_F(ClosedMailboxTest, MaildirIsSeenFromOutside) {
+    EXPECT_THAT(lookAtClosed("/Maildir"),
+                ElementsAre("directory: has another mode, 0700, 0000 [--all]"));
+    EXPECT_EQ(streams.err(), told("/Maildir", "what is in it was") +
+                                 told("/Maildir/maildirsize", "what it says was"));
+}
+
+TEST_F(ClosedMailboxTest, DeliveryFileIsSeenFromOutside) {
+    EXPECT_THAT(lookAtClosed("/.qmail"),
+                ElementsAre("delivery-file: has another mode, 0600, 0000 [--all]"));
+    EXPECT_EQ(streams.err(), told("/.qmail", "its lines were"));
+}
+
+TEST_F(ClosedMailboxTest, DirectoryInPlaceOfADeliveryFileIsInTheWayOfARunToo) {
+    std::filesystem::remove(HOME + "/.qmail");
+    corvo::test::makeDirectory(HOME + "/.qmail");
+    EXPECT_THAT(lookAtClosed("/.qmail"),
+                ElementsAre("delivery-file: is no regular file, -, - [none]"));
+    EXPECT_EQ(streams.err(), "");
+}
+
+TEST_F(ClosedMailboxTest, MaildirsizeIsSeenFromOutside) {
+    corvo::test::sqliteExecute(corvo::test::USERDB, "DELETE FROM mailbox_quota");
+    EXPECT_THAT(
+        lookAtClosed("/Maildir/maildirsize"),
+        ElementsAre("maildirsize: has another mode, 0644, 0000 [--all]", NO_ROW + "[--all]"));
+    EXPECT_EQ(streams.err(), told("/Maildir/maildirsize", "what it says was"));
+}
+
+TEST_F(ClosedMailboxTest, MessagesThatMayNotBeCountedAreNotCompared) {
+    writeFile(HOME + "/Maildir/cur/1.host,S=5:2,", "first");
+    EXPECT_THAT(lookAtClosed("/Maildir/cur"),
+                ElementsAre("directory: has another mode, 0700, 0000 [--all]"));
+    EXPECT_EQ(streams.err(), told("/Maildir/maildirsize", "the messages were"));
+}
+
+TEST_F(ClosedMailboxTest, BesideClosedAttachmentsTheLimitsAreUnknown) {
+    writeFile(HOME + "/Maildir/maildirsize", "7S,0C\n1 1\n", POPUSER_UID, POPUSER_GID, 0644);
+    const Texts found = lookAtClosed("/@attachments");
+    EXPECT_THAT(found, ElementsAre("directory: has another mode, 0700, 0000 [--all]",
+                                   "usage: has another sum than the messages (bytes, messages), 0 "
+                                   "0, 1 1 [--all]"));
+    EXPECT_EQ(streams.err(), told("/Maildir/maildirsize", "the limits were"));
+}
+
+TEST_F(ClosedMailboxTest, WithoutAllItsMeansNoDeliveryFileIsJudged) {
+    means.hidden = "/a/file: Permission denied";
+    writeFile(HOME + "/.qmail", "| true\n");
+    MailboxLook looks(means, *output, true);
+    EXPECT_THAT(looks.at(named("anna")), IsEmpty());
+    EXPECT_THAT(texts(looks.at(named("bruno"))),
+                ElementsAre("home: is missing, -, - [--all]", NO_ROW + "[--all]"));
+    EXPECT_EQ(streams.err(),
+              "mail_audit: /a/file: Permission denied: the delivery files were not looked at\n");
+}
+
 }  // namespace
 
 }  // namespace corvo::audit::test

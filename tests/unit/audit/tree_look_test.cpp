@@ -162,6 +162,27 @@ TEST_F(TreeLookTest, LinkOfPopuserInTheSkeletonIsRefused) {
     EXPECT_FALSE(afterwards.isWhole);
 }
 
+TEST_F(TreeLookTest, DirectoryThatIsClosedToWhoLooksIsSeenFromOutside) {
+    ASSERT_EQ(::chmod((HOME + "/Maildir/.Sent").c_str(), 0), 0);
+    ASSERT_EQ(::chmod((HOME + "/Maildir/cur").c_str(), 0), 0);
+    const AsPopuser popuser;
+    EXPECT_THAT(lookInside(),
+                ElementsAre("/Maildir/cur directory: has another mode, 0700, 0000 [--all]",
+                            "/Maildir/.Sent directory: has another mode, 0700, 0000 [--all]",
+                            "/Maildir/.Sent directory: Permission denied: what is in it was not "
+                            "looked at, -, - [none]"));
+    EXPECT_FALSE(items[1].isHidden);
+    EXPECT_TRUE(items[2].isHidden);
+    EXPECT_TRUE(afterwards.isWhole);
+}
+
+TEST_F(TreeLookTest, MissingDirectoryInOneThatMayNotBeReadIsMissing) {
+    ASSERT_EQ(::chmod((HOME + "/Maildir").c_str(), 0711), 0);
+    ASSERT_EQ(::chown((HOME + "/Maildir").c_str(), 0, 0), 0);
+    const AsPopuser popuser;
+    EXPECT_EQ(find(HOME + "/Maildir/.Former").state, FoundDirectory::State::missing);
+}
+
 }  // namespace
 
 }  // namespace corvo::audit::test
