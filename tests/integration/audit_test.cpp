@@ -1,8 +1,12 @@
 // The program mail_audit, from its command line to its exit status.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -17,6 +21,7 @@
 #include "tests/support/process.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/sqlite.h"
+#include "utils/file_lock.h"
 
 namespace corvo::test::runs {
 namespace {
@@ -31,6 +36,49 @@ const std::string DOMAIN = MAILNAMES + "/example.com";
 const std::string HOME = DOMAIN + "/info";
 const std::string DOTQMAIL = HOME + "/.qmail";
 const std::string SIZE_FILE = HOME + "/Maildir/maildirsize";
+
+// While it lives, the panel's server can be reached by others than root: its folder is closed.
+class OpenSocket {
+public:
+    OpenSocket() {
+        std::filesystem::remove(path_);
+        writeFile(path_, "");
+        EXPECT_EQ(
+            ::mount(PanelDatabase::socket().c_str(), path_.c_str(), nullptr, MS_BIND, nullptr), 0);
+    }
+    ~OpenSocket() {
+        EXPECT_EQ(::umount2(path_.c_str(), MNT_DETACH), 0);
+        std::filesystem::remove(path_);
+        makeLink(PanelDatabase::socket(), path_);
+    }
+    OpenSocket(const OpenSocket&) = delete;
+    OpenSocket& operator=(const OpenSocket&) = delete;
+
+private:
+    const std::string path_ = PanelDatabase::SOCKET_LINK;
+};
+
+// Runs mail_audit without root's rights: as popuser, who may read the credentials. The program is
+// opened before, wherever it lies.
+ProcessResult auditAsPopuser(const std::vector<std::string>& arguments) {
+    for (const char* path : {"/etc/vhc/private/dsn.ini", "/etc/vhc/.vhc.shadow"})
+        EXPECT_EQ(::chown(path, POPUSER_UID, POPUSER_GID), 0);
+    std::filesystem::permissions("/etc/vhc/private", std::filesystem::perms(0755));
+    const OpenSocket socket;
+    return runForked([&] {
+        const int program = ::open(mailAuditBinary().c_str(), O_RDONLY | O_CLOEXEC);
+        if (::setgroups(0, nullptr) != 0 ||
+            ::setresgid(POPUSER_GID, POPUSER_GID, POPUSER_GID) != 0 ||
+            ::setresuid(POPUSER_UID, POPUSER_UID, POPUSER_UID) != 0)
+            ::_exit(126);
+        std::vector<char*> argv = {const_cast<char*>("mail_audit")};
+        for (const std::string& argument : arguments)
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        ::fexecve(program, argv.data(), environ);
+        ::_exit(127);
+    });
+}
 
 // A server in order, with one mailbox.
 class AuditTest : public WholeRunTest {
@@ -323,6 +371,62 @@ TEST_F(AuditTest, AsksThePanelWhatARunAsks) {
     EXPECT_EQ(audit({"diff"}).status, 0);
     EXPECT_EQ(log.statements(), asked);
     EXPECT_EQ(log.connections(), logOfRun.connections());
+}
+
+TEST_F(AuditTest, AnyUserWhoMayReadEverythingFindsWhatRootFinds) {
+    ASSERT_EQ(::chmod(LOCK_FOLDER, 0700), 0);
+    const ProcessResult inOrder = auditAsPopuser({"diff", "--recount"});
+    EXPECT_EQ(inOrder.err, "");
+    EXPECT_EQ(inOrder.out, "0 of 1 mailbox differs.\n");
+    EXPECT_EQ(inOrder.status, 0);
+    writeFile(DOTQMAIL, "| true\n");
+    std::filesystem::remove(SIZE_FILE);
+    std::filesystem::remove_all(HOME + "/Maildir/.Sent");
+    const ProcessResult byRoot = audit({"diff", "--recount"});
+    const ProcessResult byPopuser = auditAsPopuser({"diff", "--recount"});
+    EXPECT_THAT(byRoot.out, HasSubstr("3 items, all repaired by --all"));
+    EXPECT_EQ(byPopuser.out, byRoot.out);
+    EXPECT_EQ(byPopuser.err, "");
+    EXPECT_EQ(byPopuser.status, 1);
+}
+
+TEST_F(AuditTest, WhatTheUserMayNotReadIsToldAndIsNoItem) {
+    writeFile(DEFAULT_DELIVERY, DELIVERY_LINE + "\n", 0, 0, 0600);
+    std::filesystem::remove(DOTQMAIL);
+    ASSERT_EQ(::chmod((HOME + "/Maildir").c_str(), 0), 0);
+    const ProcessResult result = auditAsPopuser({"diff"});
+    EXPECT_EQ(result.out, HOME +
+                              "/Maildir: has another mode, expected \"0700\", found \"0000\" "
+                              "[--all]\n1 of 1 mailbox differs: 1 item, all repaired by --all.\n");
+    EXPECT_EQ(result.err, "mail_audit: " + DEFAULT_DELIVERY +
+                              ": Permission denied: the delivery files were not looked at\n"
+                              "mail_audit: " +
+                              HOME +
+                              "/Maildir: Permission denied: what is in it was not looked at\n"
+                              "mail_audit: " +
+                              SIZE_FILE + ": Permission denied: what it says was not looked at\n");
+    EXPECT_EQ(result.status, 2);
+}
+
+TEST_F(AuditTest, DomainRootThatTheUserMayNotEnterIsSeenFromOutside) {
+    ASSERT_EQ(::chmod(DOMAIN.c_str(), 0), 0);
+    const ProcessResult result = auditAsPopuser({"diff"});
+    EXPECT_EQ(result.out, DOMAIN +
+                              ": has another mode, expected \"0750\", found \"0000\" [--all]\n"
+                              "0 of 0 mailboxes differ: 1 item, all repaired by --all.\n");
+    EXPECT_EQ(result.err,
+              "mail_audit: " + DOMAIN +
+                  ": Permission denied: the mailboxes of example.com were not looked at\n");
+    EXPECT_EQ(result.status, 2);
+}
+
+TEST_F(AuditTest, EmptyDatabaseLacksItsTable) {
+    writeFile(USERDB, "");
+    const ProcessResult result = audit({"diff"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "mail_audit: " + USERDB +
+                              ": the rows cannot be read: no such table: mailbox_quota: the quota "
+                              "rows were not looked at\n");
 }
 
 TEST_F(AuditTest, ExtrasAreNamedWhenAskedFor) {
