@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <span>
 
+#include "audit/disk.h"
 #include "mail/handlers/check_quota_records.h"
 #include "mail/handlers/mail_handlers_db.h"
 #include "mail/quota/mail_user_db.h"
@@ -35,6 +37,10 @@ const char* describe(const RowDifferences& differences) {
 // By SQLite's own word; ask before the next call.
 std::string whyUnreadable(const SqliteSession& session) {
     return std::string("cannot be read: ") + (session ? session.error() : "it cannot be opened");
+}
+
+bool isReadOnly(const std::string& database) {
+    return isOnReadOnlyDisk(std::filesystem::path(database).parent_path());
 }
 
 // In a table without its key a run puts the right row behind the wrong one.
@@ -72,6 +78,7 @@ void QuotaRows::open() {
         return giveUp(*objection);
     session_.emplace(mail::MAIL_USER_DB, SqliteAccess::readOnly, SqliteUse::look);
     look_.emplace(*session_);
+    isReadOnly_ = isReadOnly(mail::MAIL_USER_DB);
 }
 
 void QuotaRows::giveUp(const std::string& reason) {
@@ -105,7 +112,7 @@ void QuotaRows::lookAt(Items& items, Item about, long long quota, bool isReached
     about.expected = row[2].value;
     if (!differences.missing)
         about.found = look_->found();
-    const bool isPutRight = differences.missing || hasKey(*session_);
+    const bool isPutRight = !isReadOnly_ && (differences.missing || hasKey(*session_));
     about.repair = isReached && isPutRight ? Repair::all : Repair::none;
     items.push_back(std::move(about));
 }
@@ -182,7 +189,7 @@ void lookAtOverquotaRecords(Items& items, Output& output, bool reject, bool perm
     item.reason = !reject               ? "rejects mail over quota though the panel says not"
                   : differences.missing ? "does not reject mail over quota as the panel says"
                                         : "has other records of the over-quota handler";
-    item.repair = Repair::either;
+    item.repair = isReadOnly(mh_db_path) ? Repair::none : Repair::either;
     items.push_back(std::move(item));
 }
 

@@ -51,6 +51,7 @@ private:
 
     Output& output_;
     bool isGivenUp_ = false;
+    bool isReadOnly_ = false;
     std::optional<mail::SqliteSession> session_;
     std::optional<mail::QuotaRowLook> look_;
 };

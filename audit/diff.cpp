@@ -191,7 +191,7 @@ private:
         item.kind = ItemKind::domainRoot;
         item.domain = domain;
         item.path = path;
-        item.repair = Repair::all;
+        item.repair = means_.isReadOnly ? Repair::none : Repair::all;
         Items items;
         addRootItems(items, item, root);
         findings_.print(items);

@@ -51,6 +51,13 @@ void addUnrepaired(Items& items, Item item, ItemKind kind, std::string reason) {
     items.push_back(std::move(item));
 }
 
+// The rows lie elsewhere.
+void promiseNothingInHome(Items& items) {
+    for (Item& item : items)
+        if (item.kind != ItemKind::quotaRow)
+            item.repair = Repair::none;
+}
+
 }  // namespace
 
 MailboxLook::MailboxLook(const Means& means, Output& output, bool recount)
@@ -63,6 +70,8 @@ Items MailboxLook::at(const PanelMailname& mailname) {
         lookAtHome(items, about, mailname);
     else
         addUnrepaired(items, about, ItemKind::home, "can be the name of no directory");
+    if (means_.isReadOnly)
+        promiseNothingInHome(items);
     tellOfHidden(items);
     return items;
 }
@@ -96,7 +105,7 @@ void MailboxLook::lookAtHome(Items& items, const Item& about, const PanelMailnam
             items.back().reason = "is missing";
             if (canJudgeDelivery())
                 lookAtDeliveryToCome(items, deliveryOf(about), wishOf(mailname), means_);
-            lookAtQuota(items, about, -1, mailname, /*isReached=*/true);
+            lookAtQuota(items, about, -1, mailname, /*isReached=*/!means_.isReadOnly);
             break;
         case State::blocked:
             addUnrepaired(items, about, ItemKind::home, home.reason);
@@ -116,7 +125,7 @@ void MailboxLook::lookInside(Items& items, const Item& about, int home,
     const HomeAfterwards afterwards = lookAtSkeleton(items, about, home, means_.home);
     if (canJudgeDelivery())
         lookAtDelivery(items, deliveryOf(about), wishOf(mailname), means_, afterwards.isWhole);
-    lookAtQuota(items, about, home, mailname, afterwards.hasMaildir);
+    lookAtQuota(items, about, home, mailname, afterwards.hasMaildir && !means_.isReadOnly);
 }
 
 // `home` is open, or -1 where there is none yet: a run then makes the file with it.

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "audit/disk.h"
 #include "audit/item.h"
 #include "mail/delivery/default_delivery.h"
 #include "mail/delivery/delivery_agent.h"
@@ -16,6 +17,7 @@
 #include "mail/quota/maildirsize_file.h"
 #include "utils/accounts.h"
 #include "utils/file_lock.h"
+#include "utils/runtime_config.h"
 #include "utils/safe_path.h"
 
 namespace corvo::audit {
@@ -73,6 +75,7 @@ Means findMeans() {
     means.domainRoot = {owner.uid, owner.gid, mail::DOMAIN_ROOT_MODE};
     means.home = {owner.uid, owner.gid, mail::HOME_MODE};
     means.maildirsize = mail::maildirsizeOwnership(owner.uid, owner.gid);
+    means.isReadOnly = isOnReadOnlyDisk(vhcConfGetDefaultByIndex(CORVO_MAILNAMES_D));
     findAgent(means);
     findLocks(means);
     findDeliveryLine(means);

@@ -14,6 +14,7 @@ struct Means {
     mail::Ownership home;         // and all directories in it
     mail::Ownership delivery;     // of `.qmail`
     mail::Ownership maildirsize;  // as a run of this user makes it
+    bool isReadOnly = false;      // the file system of the mail root: a run changes nothing there
     bool hasAgent = false;
     bool hasLocks = false;
     std::optional<std::string> deliveryLine;

@@ -11,6 +11,7 @@
 #include "audit/check/look.h"
 #include "audit/check/processes.h"
 #include "audit/check/subject.h"
+#include "audit/disk.h"
 #include "mail/handlers/mail_handlers_db.h"
 #include "mail/quota/mail_user_db.h"
 #include "mail/sqlite/sqlite_session.h"

@@ -1,7 +1,6 @@
 #include "audit/check/look.h"
 
 #include <fcntl.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <array>
@@ -45,13 +44,6 @@ bool mayOthersWrite(const struct stat& seen) noexcept {
 
 bool mayEverybodyRead(const struct stat& seen) noexcept {
     return (seen.st_mode & S_IROTH) != 0;
-}
-
-bool isOnReadOnlyDisk(const std::string& directory) {
-    const UniqueFd opened =
-        safe_path::openTrusted(AT_FDCWD, directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    struct statvfs disk = {};
-    return opened && ::fstatvfs(opened.get(), &disk) == 0 && (disk.f_flag & ST_RDONLY) != 0;
 }
 
 std::string adviceToRemount(const std::string& directory) {

@@ -30,10 +30,7 @@ bool mayOthersWrite(const struct stat& seen) noexcept;
 /// Whether anybody may read a file.
 bool mayEverybodyRead(const struct stat& seen) noexcept;
 
-/// Whether a directory lies where nothing can be written. False where the kernel does not tell.
-bool isOnReadOnlyDisk(const std::string& directory);
-
-/// What to do then.
+/// What to do about a directory on a read-only disk.
 std::string adviceToRemount(const std::string& directory);
 
 /// Owner, group and mode, as "uid:gid 0750".

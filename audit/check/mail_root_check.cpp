@@ -16,6 +16,7 @@
 #include "audit/check/look.h"
 #include "audit/check/panel_query.h"
 #include "audit/check/subject.h"
+#include "audit/disk.h"
 #include "mail/delivery/default_delivery.h"
 #include "utils/accounts.h"
 #include "utils/path_walk.h"

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/integration/whole_run_fixture.h"
+#include "tests/support/disk.h"
 #include "tests/support/files.h"
 #include "tests/support/general_log.h"
 #include "tests/support/installation.h"
@@ -418,6 +419,33 @@ TEST_F(AuditTest, DomainRootThatTheUserMayNotEnterIsSeenFromOutside) {
               "mail_audit: " + DOMAIN +
                   ": Permission denied: the mailboxes of example.com were not looked at\n");
     EXPECT_EQ(result.status, 2);
+}
+
+TEST_F(AuditTest, OnAReadOnlyDiskNoRunRepairsAnything) {
+    panel.domain("example.net").mailname("shop").quota(10485760);
+    EXPECT_EQ(mailRebuild().status, 0);
+    std::filesystem::remove_all(HOME);
+    std::filesystem::remove(MAILNAMES + "/example.net/shop/.qmail");
+    ::chmod(DOMAIN.c_str(), 0777);
+    sqliteExecute(USERDB, "UPDATE mailbox_quota SET quota = '1B'");
+    sqliteExecute(HANDLERS, "DELETE FROM handlers WHERE queue = 4");
+    const std::string records =
+        "overquota-records: does not reject mail over quota as the panel says";
+    {
+        const ReadOnlyDisk mail(MAILNAMES);
+        EXPECT_THAT(
+            differences(),
+            ElementsAre("domain-root: has another mode" + NONE, "home: is missing" + NONE,
+                        "quota-row: has another quota" + NONE, "delivery-file: is missing" + NONE,
+                        "quota-row: has another quota" + ALL, records + R"( ["--all","--fast"])"));
+    }
+    const ReadOnlyDisk users(std::filesystem::path(USERDB).parent_path());
+    const ReadOnlyDisk handlers(std::filesystem::path(HANDLERS).parent_path());
+    EXPECT_THAT(
+        differences(),
+        ElementsAre("domain-root: has another mode" + ALL, "home: is missing" + ALL,
+                    "quota-row: has another quota" + NONE, "delivery-file: is missing" + ALL,
+                    "quota-row: has another quota" + NONE, records + NONE));
 }
 
 TEST_F(AuditTest, EmptyDatabaseLacksItsTable) {
