@@ -57,10 +57,7 @@ Texts linesOf(const std::string& text) {
 }
 
 std::string textOf(const Texts& lines) {
-    std::string text;
-    for (const std::string& line : lines)
-        text += line + "\n";
-    return text;
+    return mail::textOf({lines.begin(), lines.end()});
 }
 
 std::string someDelivery(const Place& place) {

@@ -376,10 +376,7 @@ Texts manyForwards(const std::string& prefix, std::size_t count) {
 }
 
 std::string textOf(const Texts& lines) {
-    std::string text;
-    for (const std::string& line : lines)
-        text += line + "\n";
-    return text;
+    return mail::textOf({lines.begin(), lines.end()});
 }
 
 TEST_F(DeliveryLookTest, ManyLinesThatStayAreComparedInTime) {
