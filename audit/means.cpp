@@ -62,8 +62,8 @@ void findDeliveryLine(Means& means) {
 
 }  // namespace
 
-std::string Means::lineToInstall() const {
-    return hasAgent && hasLocks && deliveryLine ? *deliveryLine : std::string();
+bool Means::hasDeliveryLine() const {
+    return deliveryLine && !deliveryLine->empty();
 }
 
 Means findMeans() {

@@ -20,8 +20,8 @@ struct Means {
     std::optional<std::string> deliveryLine;
     std::string hidden;  // which of these three is unknown for want of rights, and why; or empty
 
-    /// The line that a mailbox shall have; empty where a run cannot have it.
-    std::string lineToInstall() const;
+    /// Is there a line that delivers? An empty one does not.
+    bool hasDeliveryLine() const;
 };
 
 /// Throws std::runtime_error without the account to which all belongs: no run is possible then, and
