@@ -48,6 +48,8 @@ Finding findingOf(const std::string& line) {
     finding.path = object.at("path").get<std::string>();
     finding.reason = object.at("reason").get<std::string>();
     finding.expected = textOrNothing(object.at("expected"));
+    if (finding.kind == "surplus-line")
+        finding.surplus = textOrNothing(object.at("found"));
     finding.isRepaired = isRepairedByAll(object.at("repair"));
     finding.resolved = resolved(finding.path);
     return finding;
@@ -70,12 +72,14 @@ bool isTouched(const faults::Entry* before, const faults::Entry* after) {
 
 bool Finding::isSame(const Finding& other) const {
     return kind == other.kind && domain == other.domain && mailbox == other.mailbox &&
-           path == other.path && reason == other.reason && expected == other.expected;
+           path == other.path && reason == other.reason && expected == other.expected &&
+           surplus == other.surplus;
 }
 
 std::string Finding::text() const {
     return kind + " " + path + (mailbox.empty() ? "" : " (" + mailbox + "@" + domain + ")") + ": " +
            reason + (expected.empty() ? "" : ", expected \"" + expected + "\"") +
+           (surplus.empty() ? "" : ", found \"" + surplus + "\"") +
            (isRepaired ? " [--all]" : " [none]");
 }
 

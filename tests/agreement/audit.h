@@ -7,7 +7,8 @@
 
 namespace corvo::agreement {
 
-/// One item, without what was found: that may change with what is repaired beside it.
+/// One item, without what was found, but for a line too many, which has no other name: what was
+/// found may change with what is repaired beside it.
 struct Finding {
     std::string kind;
     std::string domain;
@@ -15,6 +16,7 @@ struct Finding {
     std::string path;
     std::string reason;
     std::string expected;
+    std::string surplus;
     bool isRepaired = false;  // by a full run
     std::string resolved;     // where `path` leads to
 
