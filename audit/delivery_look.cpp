@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <optional>
@@ -133,6 +134,17 @@ void lookFromOutside(Items& items, const Item& about, const DeliveryWish& wish, 
     items.push_back(hidden(file, EACCES, "its lines were"));
 }
 
+// Whether a run, which gives the home to popuser first, then refuses a file with further names that
+// is trusted in a home of root's.
+bool willBeRefused(const Item& about, const mail::DeliveryContents& contents, const Means& means) {
+    const std::string home = std::filesystem::path(about.path).parent_path();
+    struct stat parent = {};
+    return contents.exists && contents.seen.st_nlink > 1 &&
+           contents.seen.st_uid != means.delivery.uid &&
+           safe_path::status(AT_FDCWD, home.c_str(), parent) == 0 &&
+           parent.st_uid != means.home.uid;
+}
+
 mail::Differences ownershipDifferences(const mail::DeliveryContents& contents,
                                        const mail::Ownership& wanted) {
     mail::Differences differences = mail::deliveryDifferences(contents, contents.text, wanted);
@@ -152,6 +164,8 @@ void lookAtDelivery(Items& items, const Item& about, const DeliveryWish& wish, c
         return lookFromOutside(items, about, wish, means, isRestored);
     if (!isRead && !isTooLong)
         return addUnreadable(items, about, error);
+    if (willBeRefused(about, contents, means))
+        return addUnreadable(items, about, EPERM);
     DeliveryState found = {.exists = contents.exists,
                            .isTooLong = isTooLong,
                            .isUnended = !contents.text.empty() && contents.text.back() != '\n',

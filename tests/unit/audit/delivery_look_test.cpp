@@ -297,6 +297,16 @@ TEST_F(DeliveryLookTest, DirectoryInPlaceOfTheLockIsLikeNoLocks) {
                 ElementsAre("forward: has a forward missing, &b@c.example, - [none]"));
 }
 
+TEST_F(DeliveryLookTest, HardLinkOfRootsIsRefusedOnceARunHasGivenTheHomeAway) {
+    put("# mine\n");
+    ASSERT_EQ(::chown(FILE.c_str(), 0, 0), 0);
+    ASSERT_EQ(::link(FILE.c_str(), (HOME + "/second").c_str()), 0);
+    ASSERT_EQ(::chown(HOME.c_str(), 0, 0), 0);
+    EXPECT_THAT(look(), ElementsAre("delivery-file: is a hard link that is refused, -, - [none]"));
+    ASSERT_EQ(::unlink((HOME + "/second").c_str()), 0);
+    EXPECT_THAT(look().front(), "delivery-file: has another owner, popuser, root [--all]");
+}
+
 TEST_F(DeliveryLookTest, WithoutDefaultLineAKnownOneServes) {
     means.deliveryLine.reset();
     EXPECT_THAT(lookAt(FIRST + "./Maildir/\n"), IsEmpty());
