@@ -21,9 +21,8 @@ public:
 
     /// An address that the panel names: placed, or added where that is not possible; in a file that
     /// has it and cannot be replaced it stays where it is. Throws what DotQMailManager::addRedirect
-    /// throws. Unless it is the address that is at fault, nothing is
-    /// dropped then, which is told in one line: the group ends here, and nobody says any more who
-    /// else is wanted.
+    /// throws. Unless it is the address that is at fault, nothing is dropped then, which is told in
+    /// one line: the group ends here, and nobody says any more who else is wanted.
     void name(const mail::Mailname& mailname, const std::string& address);
 
     /// Puts an address behind those named before and in front of the others. False where that is

@@ -11,9 +11,9 @@
 
 namespace corvo {
 
-/// Remembers which file systems hold what a run has seen to, and brings them and the
-/// folders of the two mail databases to the disk at its end. What was written is not asked for: a
-/// run that was killed may have left it behind.
+/// Remembers which file systems hold what a run has seen to, and brings them and the folders of the
+/// two mail databases to the disk at its end. What was written is not asked for: a run that was
+/// killed may have left it behind.
 class StorageFlush {
 public:
     /// The file system of this directory, a domain's root or a home, is one of them. Opened when it

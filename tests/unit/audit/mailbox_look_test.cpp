@@ -82,16 +82,16 @@ TEST_F(MailboxLookTest, MailNameWithoutQuotaHasNoneToBeLookedAt) {
     EXPECT_THAT(look(anna), IsEmpty());
 }
 
+const std::string NOWHERE = "forward: cannot forward to what is no address, nowhere, - [none]";
+const std::string BEHIND_IT =
+    "forward: gets no forward behind one that is to no address, &d@e.example, - [none]";
+
 TEST_F(MailboxLookTest, ForwardsBehindOneThatIsToNoAddressAreNotRepaired) {
     makeRight();
     PanelMailname anna = named("anna");
     anna.forwards = {"b@c.example", "nowhere", "d@e.example"};
-    EXPECT_THAT(
-        look(anna),
-        ElementsAre("forward: has a forward missing, &b@c.example, - [--all]",
-                    "forward: cannot forward to what is no address, nowhere, - [none]",
-                    "forward: gets no forward behind one that is to no address, &d@e.example, - "
-                    "[none]"));
+    EXPECT_THAT(look(anna), ElementsAre("forward: has a forward missing, &b@c.example, - [--all]",
+                                        NOWHERE, BEHIND_IT));
 }
 
 TEST_F(MailboxLookTest, WhatIsNoAddressIsNamedAsThePanelHasIt) {
@@ -111,13 +111,8 @@ TEST_F(MailboxLookTest, WhatIsNoAddressIsNamedAsThePanelHasIt) {
 TEST_F(MailboxLookTest, NewHomeGetsNoForwardsBehindOneThatIsToNoAddress) {
     PanelMailname bruno = named("bruno");
     bruno.forwards = {"b@c.example", "nowhere", "d@e.example"};
-    EXPECT_THAT(
-        look(bruno),
-        ElementsAre("home: is missing, -, - [--all]",
-                    "forward: cannot forward to what is no address, nowhere, - [none]",
-                    "forward: gets no forward behind one that is to no address, &d@e.example, - "
-                    "[none]",
-                    NO_ROW + "[--all]"));
+    EXPECT_THAT(look(bruno), ElementsAre("home: is missing, -, - [--all]", NOWHERE, BEHIND_IT,
+                                         NO_ROW + "[--all]"));
 }
 
 TEST_F(MailboxLookTest, DomainInLettersGetsNoQuota) {
